@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: the full suite in build/, then the
+# unit tests again with AddressSanitizer and UndefinedBehaviorSanitizer in
+# build-asan/, then the format check and each fuzzer for a bounded time.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+scripts/check-format.sh
+
+scripts/build.sh build
+(cd build && ctest --output-on-failure -j2 --timeout 900)
+
+scripts/build.sh build-asan -DVELLATONE_SANITIZE=ON -DVELLATONE_UNIT_ONLY=ON
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest -L unit --output-on-failure -j2 --timeout 900)
+
+if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --ci; fi
