@@ -1,0 +1,132 @@
+// The sound server as the rest of the program sees it: sinks (the outputs a
+// person can pick), the default sink, other programs' streams, sink volumes,
+// loading the capture sink, change notifications, and streams that drive the
+// core's device callbacks.
+//
+// Two implementations: platform/pulse (libpulse, works on PulseAudio and on
+// PipeWire through pipewire-pulse) and platform/fake (scripted, for unit
+// tests with a virtual clock).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/hal_glue.h"
+
+namespace vt::platform {
+
+// Sink index as the server numbers it. Stable only while the sink exists;
+// the sink name is the lasting identity (a device's UID).
+using DeviceId = uint32_t;
+inline constexpr DeviceId kNoDevice = UINT32_MAX;
+
+struct SinkInfo {
+    DeviceId id = kNoDevice;
+    std::string name;         // UID
+    std::string description;  // shown name
+    uint32_t channels = 0;
+    double sampleRate = 0;
+    // Properties the server reports: device.bus, device.api,
+    // device.form_factor, device.class, factory names, ...
+    std::map<std::string, std::string> properties;
+    std::string activePort;     // active port name, empty if none
+    std::string activeProfile;  // card profile name, empty if unknown
+    std::string driver;         // module / driver name ("module-null-sink.c", ...)
+    bool isMonitorOfOurs = false;
+    double latencyMs = 0;         // sink latency, falling back to configured latency
+    bool hasVolume = true;        // the sink's volume can be set
+    double volumeScalar = 1.0;    // average volume as a slider position 0..1 (PA_VOLUME_NORM = 1)
+    double volumeLinear = 1.0;    // the same as a linear gain
+    bool muted = false;
+};
+
+// A stream of another program (a sink input).
+struct SinkInputInfo {
+    uint32_t index = UINT32_MAX;
+    DeviceId sink = kNoDevice;
+    std::map<std::string, std::string> properties;  // application.name, application.process.id, ...
+    bool ours = false;  // carries our marker property; never moved
+    double volumeLinear = 1.0;
+    bool muted = false;
+};
+
+enum class ChangeKind { sinks, server, sinkInputs };
+
+// The shape of the core's device callbacks (re_input_ioproc, re_output_ioproc).
+using IOProc = int (*)(uint32_t device, const re_audio_timestamp* now,
+                       const re_audio_buffer_list* inInputData,
+                       const re_audio_timestamp* inInputTime,
+                       re_audio_buffer_list* outOutputData,
+                       const re_audio_timestamp* inOutputTime, void* clientData);
+
+// A running stream. Destroying it stops it; after the destructor returns the
+// callback is never called again, so its client data may be reused.
+class Stream {
+public:
+    virtual ~Stream() = default;
+    // The rate the stream really runs at.
+    virtual double sampleRate() const = 0;
+};
+
+struct StreamResult {
+    std::unique_ptr<Stream> stream;
+    int status = 0;  // 0 on success, else the server's error code
+    std::string error;
+};
+
+class AudioBackend {
+public:
+    virtual ~AudioBackend() = default;
+
+    // False when no sound server could be reached.
+    virtual bool connected() const = 0;
+
+    // Queries answer from the backend's mirror of the server's state and may be
+    // called from any thread that is not a real-time one. Empty when unknown.
+    virtual std::vector<SinkInfo> sinks() = 0;
+    virtual std::optional<SinkInfo> sinkByName(const std::string& name) = 0;
+    virtual std::optional<SinkInfo> sinkById(DeviceId id) = 0;
+    virtual std::optional<std::string> defaultSinkName() = 0;
+    virtual std::vector<SinkInputInfo> sinkInputs() = 0;
+
+    // Writes wait for the server's answer; true on success.
+    virtual bool setDefaultSink(const std::string& name) = 0;
+    virtual bool setSinkVolume(DeviceId id, double scalar) = 0;
+    virtual bool moveSinkInput(uint32_t index, const std::string& sinkName) = 0;
+    virtual bool setSinkInputVolume(uint32_t index, double linear) = 0;
+
+    // Loads module-null-sink with these arguments; the module index, or nothing.
+    virtual std::optional<uint32_t> loadNullSink(const std::string& name,
+                                                 const std::string& description, uint32_t rate,
+                                                 uint32_t channels, bool float32) = 0;
+    virtual bool unloadModule(uint32_t index) = 0;
+
+    // Called on the backend's own thread after the mirror has been updated;
+    // receivers hop to their own queue before acting.
+    virtual void setChangeHandler(std::function<void(ChangeKind)> handler) = 0;
+
+    // Opens a record stream on a source (for the capture, "<sink>.monitor"),
+    // float32 stereo at `rate`. The backend calls `proc` on its real-time
+    // thread with each block in the input list and the host time of the
+    // block's first frame in the input time stamp.
+    virtual StreamResult openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
+                                     void* clientData) = 0;
+
+    // Opens a playback stream on a sink at the sink's own rate, float32 stereo,
+    // never moved by the server. The backend calls `proc` on its real-time
+    // thread with an output list to fill and, in the output time stamp, the
+    // host time at which the block's first frame will be heard.
+    virtual StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
+                                      void* clientData) = 0;
+};
+
+// The property that marks our own streams, so that taking the default sink
+// never moves them.
+inline constexpr const char* kOwnStreamProperty = "vellatone.stream";
+
+}  // namespace vt::platform
