@@ -1,0 +1,1 @@
+#include "core/eq_rt.h"

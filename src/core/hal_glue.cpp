@@ -1,0 +1,1 @@
+#include "core/hal_glue.h"

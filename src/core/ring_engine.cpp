@@ -1,0 +1,1 @@
+#include "core/ring_engine.h"
