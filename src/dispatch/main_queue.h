@@ -13,13 +13,13 @@ using Task = std::function<void()>;
 
 // Cancels a repeating timer or a delayed task when destroyed or cancelled.
 class TimerHandle {
-public:
+  public:
     virtual ~TimerHandle() = default;
     virtual void cancel() = 0;
 };
 
 class MainQueue {
-public:
+  public:
     virtual ~MainQueue() = default;
     // Any thread: run `task` on the main thread, in order of posting.
     virtual void post(Task task) = 0;
@@ -35,7 +35,7 @@ public:
 // A worker queue with a label ("vellatone.<name>"): tasks run off the main
 // thread, one at a time (serial) or on a small pool (concurrent).
 class WorkQueue {
-public:
+  public:
     virtual ~WorkQueue() = default;
     virtual void async(Task task) = 0;
 };
