@@ -34,14 +34,16 @@ struct SinkInfo {
     // Properties the server reports: device.bus, device.api,
     // device.form_factor, device.class, factory names, ...
     std::map<std::string, std::string> properties;
-    std::string activePort;     // active port name, empty if none
-    std::string activeProfile;  // card profile name, empty if unknown
-    std::string driver;         // module / driver name ("module-null-sink.c", ...)
+    std::string activePort;             // active port name, empty if none
+    std::string activeProfile;          // card profile name, empty if unknown
+    std::string driver;                 // module / driver name ("module-null-sink.c", ...)
+    std::string monitorSource;          // "<name>.monitor" on PulseAudio; empty if none
+    uint32_t ownerModule = UINT32_MAX;  // the module that made the sink, if any
     bool isMonitorOfOurs = false;
-    double latencyMs = 0;         // sink latency, falling back to configured latency
-    bool hasVolume = true;        // the sink's volume can be set
-    double volumeScalar = 1.0;    // average volume as a slider position 0..1 (PA_VOLUME_NORM = 1)
-    double volumeLinear = 1.0;    // the same as a linear gain
+    double latencyMs = 0;       // sink latency, falling back to configured latency
+    bool hasVolume = true;      // the sink's volume can be set
+    double volumeScalar = 1.0;  // average volume as a slider position 0..1 (PA_VOLUME_NORM = 1)
+    double volumeLinear = 1.0;  // the same as a linear gain
     bool muted = false;
 };
 
@@ -50,7 +52,7 @@ struct SinkInputInfo {
     uint32_t index = UINT32_MAX;
     DeviceId sink = kNoDevice;
     std::map<std::string, std::string> properties;  // application.name, application.process.id, ...
-    bool ours = false;  // carries our marker property; never moved
+    bool ours = false;                              // carries our marker property; never moved
     double volumeLinear = 1.0;
     bool muted = false;
 };
@@ -60,14 +62,13 @@ enum class ChangeKind { sinks, server, sinkInputs };
 // The shape of the core's device callbacks (re_input_ioproc, re_output_ioproc).
 using IOProc = int (*)(uint32_t device, const re_audio_timestamp* now,
                        const re_audio_buffer_list* inInputData,
-                       const re_audio_timestamp* inInputTime,
-                       re_audio_buffer_list* outOutputData,
+                       const re_audio_timestamp* inInputTime, re_audio_buffer_list* outOutputData,
                        const re_audio_timestamp* inOutputTime, void* clientData);
 
 // A running stream. Destroying it stops it; after the destructor returns the
 // callback is never called again, so its client data may be reused.
 class Stream {
-public:
+  public:
     virtual ~Stream() = default;
     // The rate the stream really runs at.
     virtual double sampleRate() const = 0;
@@ -80,7 +81,7 @@ struct StreamResult {
 };
 
 class AudioBackend {
-public:
+  public:
     virtual ~AudioBackend() = default;
 
     // False when no sound server could be reached.
@@ -117,8 +118,9 @@ public:
     virtual StreamResult openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
                                      void* clientData) = 0;
 
-    // Opens a playback stream on a sink at the sink's own rate, float32 stereo,
-    // never moved by the server. The backend calls `proc` on its real-time
+    // Opens a playback stream on a sink, float32 stereo, never moved by the
+    // server. `rate` 0 means the sink's own rate, which is what the engine
+    // wants: the server must not resample. The backend calls `proc` on its real-time
     // thread with an output list to fill and, in the output time stamp, the
     // host time at which the block's first frame will be heard.
     virtual StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,

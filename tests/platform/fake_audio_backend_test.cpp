@@ -1,0 +1,151 @@
+#include "platform/fake/fake_audio_backend.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace vt::platform {
+namespace {
+
+struct Seen {
+    int calls = 0;
+    uint32_t frames = 0;
+    double hostSec = -1;
+    double sampleTime = -1;
+    uint32_t flags = 0;
+    float first = 0;
+};
+
+int captureProc(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list* in,
+                const re_audio_timestamp* inTime, re_audio_buffer_list*, const re_audio_timestamp*,
+                void* client) {
+    auto* s = static_cast<Seen*>(client);
+    ++s->calls;
+    s->frames = in->mBuffers[0].mDataByteSize / 8;
+    s->first = static_cast<const float*>(in->mBuffers[0].mData)[0];
+    s->flags = inTime->mFlags;
+    s->hostSec = static_cast<double>(inTime->mHostTime) * 1e-9;
+    s->sampleTime = inTime->mSampleTime;
+    return 0;
+}
+
+int playbackProc(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
+                 const re_audio_timestamp*, re_audio_buffer_list* out,
+                 const re_audio_timestamp* outTime, void* client) {
+    auto* s = static_cast<Seen*>(client);
+    ++s->calls;
+    s->frames = out->mBuffers[0].mDataByteSize / (4 * out->mBuffers[0].mNumberChannels);
+    s->flags = outTime->mFlags;
+    s->hostSec = static_cast<double>(outTime->mHostTime) * 1e-9;
+    auto* data = static_cast<float*>(out->mBuffers[0].mData);
+    for (uint32_t i = 0; i < s->frames * 2; ++i) data[i] = 0.25f;
+    return 0;
+}
+
+TEST(FakeAudioBackend, CaptureBlocksCarryTheTestsHostTimeAndSamples) {
+    FakeAudioBackend fake;
+    fake.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
+    Seen seen;
+    EXPECT_FALSE(fake.pushCapture(nullptr, 512, 1.0));  // nothing open yet
+    auto r = fake.openCapture("vellatone.monitor", 48000, captureProc, &seen);
+    ASSERT_EQ(r.status, 0);
+    ASSERT_TRUE(r.stream);
+    EXPECT_DOUBLE_EQ(r.stream->sampleRate(), 48000);
+
+    std::vector<float> block(2 * 256, 0.5f);
+    ASSERT_TRUE(fake.pushCapture(block.data(), 256, 12.5, 1024.0));
+    EXPECT_EQ(seen.frames, 256u);
+    EXPECT_FLOAT_EQ(seen.first, 0.5f);
+    EXPECT_NEAR(seen.hostSec, 12.5, 1e-9);
+    EXPECT_EQ(seen.flags, kAudioTimeStampHostTimeValid | kAudioTimeStampSampleTimeValid);
+    EXPECT_DOUBLE_EQ(seen.sampleTime, 1024.0);
+
+    ASSERT_TRUE(fake.pushCapture(nullptr, 128, 0, std::nullopt, false));
+    EXPECT_EQ(seen.flags, 0u);
+    EXPECT_FLOAT_EQ(seen.first, 0.0f);
+
+    r.stream.reset();  // closing stops the callbacks
+    EXPECT_FALSE(fake.pushCapture(nullptr, 128, 13.0));
+    EXPECT_EQ(seen.calls, 2);
+}
+
+TEST(FakeAudioBackend, PlaybackRunsAtTheSinksRateAndIsPulledPerSink) {
+    FakeAudioBackend fake;
+    fake.addSink("kitchen", "Kitchen", 44100);
+    Seen seen;
+    auto r = fake.openPlayback("kitchen", 0, playbackProc, &seen);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_DOUBLE_EQ(r.stream->sampleRate(), 44100);
+    EXPECT_EQ(fake.playbackCount("kitchen"), 1u);
+    auto block = fake.pullPlayback("kitchen", 441, 7.25);
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block->size(), 882u);
+    EXPECT_FLOAT_EQ((*block)[881], 0.25f);
+    EXPECT_NEAR(seen.hostSec, 7.25, 1e-9);
+    EXPECT_TRUE(seen.flags & kAudioTimeStampHostTimeValid);
+    EXPECT_FALSE(fake.pullPlayback("living", 441, 7.25));
+    r.stream.reset();
+    EXPECT_EQ(fake.playbackCount("kitchen"), 0u);
+}
+
+TEST(FakeAudioBackend, OpensFailForMissingDevicesAndInjectedFailures) {
+    FakeAudioBackend fake;
+    fake.addSink("den", "Den");
+    Seen seen;
+    EXPECT_EQ(fake.openPlayback("nowhere", 0, playbackProc, &seen).status, kFakeErrorNoEntity);
+    fake.failOpens("den", 42);
+    auto r = fake.openPlayback("den", 0, playbackProc, &seen);
+    EXPECT_EQ(r.status, 42);
+    EXPECT_FALSE(r.stream);
+    fake.clearOpenFailures();
+    EXPECT_EQ(fake.openPlayback("den", 0, playbackProc, &seen).status, 0);
+    EXPECT_EQ(fake.opensAttempted(), 3u);
+}
+
+TEST(FakeAudioBackend, ModulesSinksAndChangeEvents) {
+    FakeAudioBackend fake;
+    std::vector<ChangeKind> events;
+    fake.setChangeHandler([&](ChangeKind k) { events.push_back(k); });
+    auto module = fake.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
+    ASSERT_TRUE(module);
+    EXPECT_FALSE(fake.loadNullSink("vellatone", "Again", 48000, 2, true));  // name taken
+    auto sink = fake.sinkByName("vellatone");
+    ASSERT_TRUE(sink);
+    EXPECT_EQ(sink->monitorSource, "vellatone.monitor");
+    EXPECT_EQ(sink->ownerModule, *module);
+    EXPECT_TRUE(fake.setDefaultSink("vellatone"));
+    EXPECT_EQ(fake.defaultSinkName(), "vellatone");
+    EXPECT_TRUE(fake.setSinkVolume(sink->id, 0.5));
+    EXPECT_NEAR(fake.sinkById(sink->id)->volumeLinear, 0.125, 1e-12);
+    EXPECT_TRUE(fake.unloadModule(*module));
+    EXPECT_FALSE(fake.sinkByName("vellatone"));
+    EXPECT_EQ(events, (std::vector<ChangeKind>{ChangeKind::sinks, ChangeKind::server,
+                                               ChangeKind::sinks, ChangeKind::sinks}));
+
+    fake.setAutoNotify(false);
+    fake.addSink("living", "Living");
+    EXPECT_EQ(events.size(), 4u);
+    fake.fireChange(ChangeKind::sinks);
+    EXPECT_EQ(events.size(), 5u);
+}
+
+TEST(FakeAudioBackend, OwnStreamsAreNeverMovedAndWritesCanFail) {
+    FakeAudioBackend fake;
+    fake.addSink("living", "Living");
+    SinkInputInfo app;
+    app.properties["application.name"] = "Player";
+    SinkInputInfo ours;
+    ours.ours = true;
+    uint32_t a = fake.addSinkInput(app);
+    uint32_t o = fake.addSinkInput(ours);
+    EXPECT_TRUE(fake.moveSinkInput(a, "living"));
+    EXPECT_FALSE(fake.moveSinkInput(o, "living"));
+    ASSERT_EQ(fake.moves().size(), 1u);
+    fake.failWrites(true);
+    EXPECT_FALSE(fake.setDefaultSink("living"));
+    fake.setConnected(false);
+    EXPECT_TRUE(fake.sinks().empty());
+}
+
+}  // namespace
+}  // namespace vt::platform
