@@ -1,0 +1,40 @@
+// A plain blocking WebSocket client: the measuring tool and the tests talk to
+// our servers through it. Frames it sends are masked, as a browser's are.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "net/websocket_frame.h"
+
+namespace vt::net {
+
+class WebSocketClient {
+  public:
+    WebSocketClient() = default;
+    ~WebSocketClient();
+    WebSocketClient(const WebSocketClient&) = delete;
+    WebSocketClient& operator=(const WebSocketClient&) = delete;
+
+    // Connects to host:port and performs the upgrade on `path`; false on any failure.
+    bool connect(const std::string& host, uint16_t port, const std::string& path);
+    bool sendText(std::string_view text);
+    bool sendFrame(WebSocketFrame::Opcode opcode, std::string_view payload, bool fin = true);
+    bool sendRaw(std::string_view bytes);
+    // The next frame, waiting at most `timeoutMs` (negative: forever).
+    std::optional<WebSocketFrame::Frame> receive(int timeoutMs = -1);
+    void setReceiveBuffer(int bytes);
+    void close();
+    int fd() const { return fd_; }
+
+  private:
+    int fd_ = -1;
+    WebSocketFrame::Parser parser_{1 << 24};
+    std::vector<WebSocketFrame::Frame> ready_;
+    size_t nextReady_ = 0;
+};
+
+}  // namespace vt::net

@@ -1,0 +1,28 @@
+#include "sendspin/dither.h"
+
+#include <cmath>
+
+namespace vt::sendspin {
+
+double DitherQuantizer::nextDither() {
+    state_ ^= state_ >> 12;
+    state_ ^= state_ << 25;
+    state_ ^= state_ >> 27;
+    return static_cast<double>((state_ * 0x2545f4914f6cdd1dULL) >> 40) * 0x1p-24;
+}
+
+int16_t DitherQuantizer::quantize(float x) {
+    if (!std::isfinite(x) || x == 0.0f) return 0;
+    const double a = nextDither();
+    const double b = nextDither();
+    const double value = std::round(static_cast<double>(x) * 32767.0 + (a - b));
+    if (value <= -32768.0) return -32768;
+    if (value >= 32767.0) return 32767;
+    return static_cast<int16_t>(value);
+}
+
+void DitherQuantizer::quantize(const float* in, int16_t* out, size_t count) {
+    for (size_t i = 0; i < count; ++i) out[i] = quantize(in[i]);
+}
+
+}  // namespace vt::sendspin
