@@ -1,0 +1,52 @@
+// The measurements made on recordings of the same noise at several outputs:
+// how much later one output plays a stretch of it than another, at several
+// points along the run, and whether any output fell silent inside it.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+namespace vt::syncmeter {
+
+struct Track {
+    const std::vector<float>* samples = nullptr;
+    double rate = 0;
+    double firstFrameSec = 0;  // when sample 0 played
+};
+
+// `b` resampled onto `a`'s sample grid: out[i] is b as it sounded at the
+// moment a's sample i played. Outside b's span the value is 0.
+std::vector<float> resampleOnto(const Track& a, const Track& b);
+
+// The lag in samples (sub-sample) that best matches ref[i] to other[i + lag]
+// for i in [begin, begin + length), searched within [minLag, maxLag].
+std::optional<double> bestLag(const std::vector<float>& ref, const std::vector<float>& other,
+                              size_t begin, size_t length, long minLag, long maxLag);
+
+// The rough lag of the whole overlap by FFT cross-correlation, within
+// +-maxLag samples.
+std::optional<long> coarseLag(const std::vector<float>& ref, const std::vector<float>& other,
+                              long maxLag);
+
+struct OffsetPoint {
+    double atSec = 0;     // seconds into a's recording
+    double offsetMs = 0;  // b plays the same sound this much later than a
+};
+
+// The offset of b against a measured in `windows` windows spread over the
+// run. Empty when the recordings do not overlap or hold no common sound.
+std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int windows,
+                                        double windowSec);
+
+struct Dropouts {
+    size_t runs = 0;
+    double longestMs = 0;
+};
+
+// Runs of exact digital silence on both channels longer than `minMs` between
+// the first and the last sound of a recording.
+Dropouts findDropouts(const std::vector<float>& left, const std::vector<float>& right, double rate,
+                      double minMs);
+
+}  // namespace vt::syncmeter

@@ -1,0 +1,154 @@
+// vellatone-syncmeter: records several monitor sources of a sound server at
+// once and reports how well they play the same sound in time.
+//
+//   vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]
+//       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...
+//
+// For --expect, the error of B's offset against A (B later is positive) from
+// MS is measured at K points along the run. --latency prints the median offset
+// of B against A. Every recording is checked for runs of digital silence
+// longer than 1 ms inside the sound. With --limit-ms the exit status is 1 when
+// an error exceeds L or a recording has such a run.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "analysis.h"
+#include "recorder.h"
+
+namespace {
+
+using vt::syncmeter::Recording;
+
+struct Pair {
+    std::string a, b;
+    double expectedMs = 0;
+};
+
+[[noreturn]] void usage() {
+    std::fprintf(stderr,
+                 "usage: vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]\n"
+                 "       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...\n");
+    std::exit(2);
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    double seconds = 60;
+    int windows = 12;
+    double limitMs = -1;
+    std::vector<Pair> expects, latencies;
+    std::vector<vt::syncmeter::RecordRequest> requests;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        auto next = [&]() -> std::string {
+            if (i + 1 >= argc) usage();
+            return argv[++i];
+        };
+        if (arg == "--seconds") {
+            seconds = std::atof(next().c_str());
+        } else if (arg == "--windows") {
+            windows = std::atoi(next().c_str());
+        } else if (arg == "--limit-ms") {
+            limitMs = std::atof(next().c_str());
+        } else if (arg == "--expect") {
+            std::string v = next();
+            size_t dash = v.find('-'), eq = v.find('=');
+            if (dash == std::string::npos || eq == std::string::npos || eq < dash) usage();
+            expects.push_back({v.substr(0, dash), v.substr(dash + 1, eq - dash - 1),
+                               std::atof(v.substr(eq + 1).c_str())});
+        } else if (arg == "--latency") {
+            std::string v = next();
+            size_t arrow = v.find("->");
+            if (arrow == std::string::npos) usage();
+            latencies.push_back({v.substr(0, arrow), v.substr(arrow + 2), 0});
+        } else if (arg.find('=') != std::string::npos && arg[0] != '-') {
+            size_t eq = arg.find('=');
+            requests.push_back({arg.substr(0, eq), arg.substr(eq + 1)});
+        } else {
+            usage();
+        }
+    }
+    if (requests.empty() || !(seconds > 0) || windows < 1) usage();
+
+    std::vector<Recording> recs;
+    try {
+        recs = vt::syncmeter::recordSources(requests, seconds);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "vellatone-syncmeter: %s\n", e.what());
+        return 2;
+    }
+    std::map<std::string, const Recording*> byName;
+    for (const auto& r : recs) {
+        byName[r.name] = &r;
+        std::fprintf(stderr,
+                     "recorded %s: %.0f Hz, %zu frames, %zu timing snapshots, spread %.3f ms\n",
+                     r.name.c_str(), r.rate, r.left.size(), r.snapshots, r.startSpreadMs);
+    }
+    auto track = [&](const std::string& name) {
+        auto it = byName.find(name);
+        if (it == byName.end()) {
+            std::fprintf(stderr, "vellatone-syncmeter: nothing recorded as %s\n", name.c_str());
+            std::exit(2);
+        }
+        return vt::syncmeter::Track{&it->second->left, it->second->rate,
+                                    it->second->firstFramePlayedSec};
+    };
+
+    bool ok = true;
+    for (const auto& p : expects) {
+        auto points = vt::syncmeter::measureOffsets(track(p.a), track(p.b), windows, 0.25);
+        if (points.empty()) {
+            std::printf("alignment %s-%s: no common sound found\n", p.a.c_str(), p.b.c_str());
+            ok = false;
+            continue;
+        }
+        std::vector<double> errors;
+        double worst = 0;
+        for (const auto& pt : points) {
+            double err = pt.offsetMs - p.expectedMs;
+            errors.push_back(err);
+            if (std::fabs(err) > std::fabs(worst)) worst = err;
+            std::fprintf(stderr, "  %s-%s at %6.1f s: offset %9.4f ms, error %+.4f ms\n",
+                         p.a.c_str(), p.b.c_str(), pt.atSec, pt.offsetMs, err);
+        }
+        std::printf("alignment %s-%s: median error %.3f ms, max error %.3f ms\n", p.a.c_str(),
+                    p.b.c_str(), median(errors), worst);
+        if (limitMs >= 0 && std::fabs(worst) > limitMs) ok = false;
+    }
+    for (const auto& p : latencies) {
+        auto points = vt::syncmeter::measureOffsets(track(p.a), track(p.b), windows, 0.25);
+        if (points.empty()) {
+            std::printf("latency %s->%s: no common sound found\n", p.a.c_str(), p.b.c_str());
+            ok = false;
+            continue;
+        }
+        std::vector<double> offsets;
+        for (const auto& pt : points) offsets.push_back(pt.offsetMs);
+        std::printf("latency %s->%s: %.1f ms\n", p.a.c_str(), p.b.c_str(), median(offsets));
+    }
+    bool clean = true;
+    for (const auto& r : recs) {
+        auto d = vt::syncmeter::findDropouts(r.left, r.right, r.rate, 1.0);
+        if (d.runs > 0) {
+            clean = false;
+            std::printf("dropouts %s: %zu runs of silence over 1 ms, longest %.1f ms\n",
+                        r.name.c_str(), d.runs, d.longestMs);
+        }
+    }
+    if (clean) std::printf("dropouts: none (no run of zeros over 1 ms on any recording)\n");
+    if (limitMs >= 0 && !clean) ok = false;
+    return ok ? 0 : 1;
+}
