@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <numbers>
 
 namespace {
@@ -143,7 +144,7 @@ void refresh_active(re_eq* eq) {
         if (!on) {
             // A band that has finished gliding to nothing must not carry
             // stale memory into the day it is switched on again.
-            b.s1l = b.s2l = b.s1r = b.s2r = 0.0;
+            b.s1[0] = b.s1[1] = b.s2[0] = b.s2[1] = 0.0;
         }
         b.active = on ? 1 : 0;
         any |= b.active;
@@ -152,8 +153,24 @@ void refresh_active(re_eq* eq) {
     eq->active = any;
 }
 
-inline double flush(double v) {
-    return std::fabs(v) < kDenormalFloor ? 0.0 : v;
+// Left and right go through the same sections with the same coefficients, so
+// they travel as one pair of doubles: one instruction does both channels.
+typedef double pair __attribute__((vector_size(16)));
+typedef float pairf __attribute__((vector_size(8)));
+typedef long long pair_mask __attribute__((vector_size(16)));
+static_assert(sizeof(pair) == sizeof(re_eq_live_band{}.s1));
+
+// Filter memory that has decayed below 1e-25 is dropped to zero before it can
+// become a denormal and slow every later sample.
+inline pair flush(pair v) {
+    const pair_mask bits = (pair_mask)v;
+    const pair mag = (pair)(bits & 0x7FFFFFFFFFFFFFFFLL);
+    return (pair)(bits & ~(mag < kDenormalFloor));
+}
+
+// What the next band reads is the 32-bit sample, not the double result.
+inline pair to_sample(pair v) {
+    return __builtin_convertvector(__builtin_convertvector(v, pairf), pair);
 }
 
 }  // namespace
@@ -258,52 +275,37 @@ void re_eq_update(re_eq* eq, double sampleRate) {
 }
 
 void re_eq_apply_active(re_eq* eq, float* left, float* right) {
-    float l = *left;
-    float r = *right;
     if (eq->preampRamp != 0) {
         const float t = 1.0f - static_cast<float>(eq->preampRamp) / static_cast<float>(RE_EQ_RAMP);
         eq->preampCurrent = eq->preampStart + (eq->preampTarget - eq->preampStart) * t;
         if (eq->preampRamp-- == 1) eq->preampCurrent = eq->preampTarget;
     }
-    l *= eq->preampCurrent;
-    r *= eq->preampCurrent;
-
+    pair x = {static_cast<double>(*left * eq->preampCurrent),
+              static_cast<double>(*right * eq->preampCurrent)};
     for (re_eq_live_band& b : eq->live) {
         if (!b.active) continue;
-        double b0, b1, b2, a1, a2;
+        re_eq_coeffs c = b.target;
         if (b.ramp != 0) {
-            const double t = ramp_t(b.ramp);
-            b0 = b.start.b0 + (b.target.b0 - b.start.b0) * t;
-            b1 = b.start.b1 + (b.target.b1 - b.start.b1) * t;
-            b2 = b.start.b2 + (b.target.b2 - b.start.b2) * t;
-            a1 = b.start.a1 + (b.target.a1 - b.start.a1) * t;
-            a2 = b.start.a2 + (b.target.a2 - b.start.a2) * t;
+            c = blend(b.start, b.target, ramp_t(b.ramp));
             --b.ramp;
-        } else {
-            b0 = b.target.b0;
-            b1 = b.target.b1;
-            b2 = b.target.b2;
-            a1 = b.target.a1;
-            a2 = b.target.a2;
         }
-        const double xl = l;
-        const double xr = r;
-        const double yl = b0 * xl + b.s1l;
-        const double yr = b0 * xr + b.s1r;
-        b.s1l = flush(b.s2l + b1 * xl - a1 * yl);
-        b.s1r = flush(b.s2r + b1 * xr - a1 * yr);
-        b.s2l = flush(b2 * xl - a2 * yl);
-        b.s2r = flush(b2 * xr - a2 * yr);
-        l = static_cast<float>(yl);
-        r = static_cast<float>(yr);
+        pair s1, s2;
+        std::memcpy(&s1, b.s1, sizeof s1);
+        std::memcpy(&s2, b.s2, sizeof s2);
+        const pair y = c.b0 * x + s1;
+        s1 = flush(s2 + c.b1 * x - c.a1 * y);
+        s2 = flush(c.b2 * x - c.a2 * y);
+        std::memcpy(b.s1, &s1, sizeof s1);
+        std::memcpy(b.s2, &s2, sizeof s2);
+        x = to_sample(y);
     }
-    *left = l;
-    *right = r;
+    *left = static_cast<float>(x[0]);
+    *right = static_cast<float>(x[1]);
 }
 
 void re_eq_reset_state(re_eq* eq) {
     for (re_eq_live_band& b : eq->live) {
-        b.s1l = b.s2l = b.s1r = b.s2r = 0.0;
+        b.s1[0] = b.s1[1] = b.s2[0] = b.s2[1] = 0.0;
         b.start = b.target;
         b.ramp = 0;
     }

@@ -41,7 +41,9 @@ struct re_eq_live_band {
     re_eq_coeffs start;
     re_eq_coeffs target;
     uint32_t ramp = 0;
-    double s1l = 0, s2l = 0, s1r = 0, s2r = 0;
+    // Filter memory, left then right.
+    double s1[2] = {0, 0};
+    double s2[2] = {0, 0};
     uint8_t active = 0;
     uint32_t seen_seq = UINT32_MAX;
     double seen_rate = -1.0;
@@ -85,4 +87,6 @@ inline void re_eq_apply(re_eq* eq, float* left, float* right) {
 // taking its target (used when a slot is reset).
 void re_eq_reset_state(re_eq* eq);
 // Set the clip latch at the end of a block in which this chain clipped.
-inline void re_eq_note_clip(re_eq* eq) { eq->clip.store(1, std::memory_order_relaxed); }
+inline void re_eq_note_clip(re_eq* eq) {
+    eq->clip.store(1, std::memory_order_relaxed);
+}
