@@ -218,18 +218,20 @@ void MultiOutputEngine::openOutput(int slot) {
 
     auto done = std::make_shared<OpenCompletion>();
     done->ctx = ctx_;
-    openQueue_.async([this, done, alive = alive_, slot, token, uid, rate] {
-        // Off the main thread: only the slow server round trips, no fields.
-        done->result = backend_.openPlayback(uid, static_cast<uint32_t>(std::lround(rate)),
-                                             re_output_ioproc, &done->ctx->outputs[slot]);
-        main_.post([done, alive, slot, token, uid] {
-            if (!alive->engine) {
-                done->result.stream.reset();
-                return;
-            }
-            alive->engine->finishOpen(slot, token, uid, done);
+    // Off the main thread: only the slow server round trips, and nothing of
+    // the engine itself, which may be gone by the time this runs.
+    openQueue_.async(
+        [&backend = backend_, &main = main_, done, alive = alive_, slot, token, uid, rate] {
+            done->result = backend.openPlayback(uid, static_cast<uint32_t>(std::lround(rate)),
+                                                re_output_ioproc, &done->ctx->outputs[slot]);
+            main.post([done, alive, slot, token, uid] {
+                if (!alive->engine) {
+                    done->result.stream.reset();
+                    return;
+                }
+                alive->engine->finishOpen(slot, token, uid, done);
+            });
         });
-    });
 }
 
 void MultiOutputEngine::finishOpen(int slot, uint64_t token, const std::string& uid,

@@ -7,8 +7,9 @@
 // For --expect, the error of B's offset against A (B later is positive) from
 // MS is measured at K points along the run. --latency prints the median offset
 // of B against A. Every recording is checked for runs of digital silence
-// longer than 1 ms inside the sound. With --limit-ms the exit status is 1 when
-// an error exceeds L or a recording has such a run.
+// longer than 1 ms inside the sound, and for sound in at least half of it.
+// With --limit-ms the exit status is 1 when an error exceeds L or a recording
+// fails either check.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -141,6 +142,16 @@ int main(int argc, char** argv) {
     }
     bool clean = true;
     for (const auto& r : recs) {
+        size_t sounding = 0;
+        for (size_t i = 0; i < r.left.size(); ++i) {
+            if (r.left[i] != 0.0f || r.right[i] != 0.0f) ++sounding;
+        }
+        double share = r.left.empty() ? 0.0 : static_cast<double>(sounding) / r.left.size();
+        if (share < 0.5) {
+            clean = false;
+            std::printf("silence %s: sound in only %.0f%% of the recording\n", r.name.c_str(),
+                        share * 100.0);
+        }
         auto d = vt::syncmeter::findDropouts(r.left, r.right, r.rate, 1.0);
         if (d.runs > 0) {
             clean = false;

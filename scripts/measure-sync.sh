@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# Measures how well the engine holds three outputs in time on a real sound
+# server: a private PulseAudio with null sinks "living" (48 kHz), "kitchen"
+# (44.1 kHz) and "den" (48 kHz) as speakers, the engine playing to them with
+# delays 0, 0 and 100 ms, noise played into the capture sink, and all monitors
+# recorded from one process.
+#
+#   DURATION=60 scripts/measure-sync.sh        # seconds recorded (default 60)
+#   LIMIT_MS=0.5 scripts/measure-sync.sh       # exit 1 above this error or on a dropout
+#   BIN=build/bin                              # where the binaries are
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")/.." && pwd)
+DURATION=${DURATION:-60}
+BIN=${BIN:-$here/build/bin}
+LIMIT_MS=${LIMIT_MS:-}
+SETTLE=${SETTLE:-4}
+
+for tool in vellatone-engine-run vellatone-syncmeter; do
+    [[ -x $BIN/$tool ]] || { echo "measure-sync: $BIN/$tool is missing; build it first" >&2; exit 2; }
+done
+for cmd in pulseaudio pactl pacat sox; do
+    command -v "$cmd" >/dev/null || { echo "measure-sync: $cmd is not installed" >&2; exit 2; }
+done
+
+work=$(mktemp -d /tmp/vellatone-sync.XXXXXX)
+mkdir -m 700 "$work/run" "$work/home"
+export XDG_RUNTIME_DIR=$work/run HOME=$work/home
+export PULSE_SERVER=unix:$work/run/pulse/native
+unset PULSE_SINK PULSE_SOURCE
+
+engine_pid= noise_pid= pa_pid=
+cleanup() {
+    [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null || true
+    if [[ -n $engine_pid ]]; then
+        kill -TERM "$engine_pid" 2>/dev/null || true
+        wait "$engine_pid" 2>/dev/null || true
+    fi
+    [[ -n $pa_pid ]] && kill "$pa_pid" 2>/dev/null || true
+    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "measure-sync: kept $work" >&2; fi
+}
+trap cleanup EXIT
+
+pulseaudio -n --daemonize=yes --system=false --exit-idle-time=-1 --disallow-exit \
+    --log-target=file:"$work/pa.log" \
+    -L "module-native-protocol-unix auth-anonymous=1" 2>/dev/null
+for _ in $(seq 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+pa_pid=$(cat "$work/run/pulse/pid")
+
+speaker() {  # name rate description
+    pactl load-module module-null-sink sink_name="$1" rate="$2" channels=2 format=float32le \
+        sink_properties=device.description="$3" >/dev/null
+}
+speaker living 48000 Living
+speaker kitchen 44100 Kitchen
+speaker den 48000 Den
+
+"$BIN/vellatone-engine-run" --seconds $((DURATION + SETTLE + 30)) \
+    living=0 kitchen=0 den=100 >"$work/engine.out" 2>"$work/engine.err" &
+engine_pid=$!
+for _ in $(seq 100); do
+    [[ $(grep -c ' open$' "$work/engine.out" 2>/dev/null) -ge 3 ]] && break
+    kill -0 "$engine_pid" 2>/dev/null || { cat "$work/engine.err" >&2; exit 2; }
+    sleep 0.1
+done
+if [[ $(grep -c ' open$' "$work/engine.out") -lt 3 ]]; then
+    echo "measure-sync: the engine did not open all three speakers" >&2
+    cat "$work/engine.out" "$work/engine.err" >&2
+    exit 2
+fi
+
+# Band-limited noise, so that the 44.1 kHz speaker carries the same sound.
+sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw - \
+    synth $((DURATION + SETTLE + 20)) whitenoise vol 0.5 sinc -12k 2>/dev/null |
+    pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le \
+        --latency-msec=20 --client-name=measure-sync-noise &
+noise_pid=$!
+
+# An idle null sink renders far ahead; measure once audio flows in small blocks.
+sleep "$SETTLE"
+
+limit=()
+[[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")
+status=0
+"$BIN/vellatone-syncmeter" --seconds "$DURATION" --windows 12 "${limit[@]}" \
+    --expect living-kitchen=0 --expect living-den=100 --latency 'capture->living' \
+    living=living.monitor kitchen=kitchen.monitor den=den.monitor capture=vellatone.monitor \
+    2>"$work/syncmeter.err" || status=$?
+[[ -n ${VERBOSE:-} ]] && cat "$work/syncmeter.err" "$work/engine.err" >&2
+exit "$status"

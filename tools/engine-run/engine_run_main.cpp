@@ -1,0 +1,128 @@
+// vellatone-engine-run: runs the multi-output engine on the sound server for a
+// while, with the given sinks as outputs. It plays nothing itself: whatever
+// is played into the capture sink "vellatone" comes out of the outputs.
+//
+//   vellatone-engine-run [--seconds N] SINK=DELAY_MS...
+//
+// Prints "slot N SINK open" / "slot N SINK closed" as slots change, one line
+// a second of telemetry on standard error, and stops the engine (taking its
+// capture sink down again) at the end, on SIGINT or on SIGTERM.
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dispatch/event_loop.h"
+#include "dispatch/work_queues.h"
+#include "engine/multi_output_engine.h"
+#include "platform/pulse/pulse_backend.h"
+
+namespace {
+
+vt::dispatch::EventLoop* gLoop = nullptr;
+
+void onSignal(int) {
+    if (gLoop) gLoop->quit();
+}
+
+[[noreturn]] void usage() {
+    std::fprintf(stderr, "usage: vellatone-engine-run [--seconds N] SINK=DELAY_MS...\n");
+    std::exit(2);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    double seconds = 60;
+    std::vector<std::pair<std::string, double>> outputs;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--seconds" && i + 1 < argc) {
+            seconds = std::atof(argv[++i]);
+        } else if (auto eq = arg.find('='); eq != std::string::npos && eq > 0) {
+            outputs.emplace_back(arg.substr(0, eq), std::atof(arg.substr(eq + 1).c_str()));
+        } else {
+            usage();
+        }
+    }
+    if (outputs.empty() ||
+        outputs.size() > static_cast<size_t>(vt::engine::MultiOutputEngine::maxRegularOutputs)) {
+        usage();
+    }
+
+    vt::dispatch::EventLoop loop;
+    gLoop = &loop;
+    struct sigaction sa {};
+    sa.sa_handler = onSignal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+
+    auto backend = vt::platform::pulse::PulseBackend::connect("Vellatone");
+    if (!backend || !backend->connected()) {
+        std::fprintf(stderr, "vellatone-engine-run: no sound server\n");
+        return 2;
+    }
+    vt::dispatch::ConcurrentQueue openQueue("com.kessor.vellatone.output-open", 2);
+    int status = 0;
+    {
+        vt::engine::MultiOutputEngine engine(*backend, loop, openQueue);
+        engine.onSlotStateChanged = [&](int slot, bool open) {
+            std::printf("slot %d %s %s\n", slot, outputs[static_cast<size_t>(slot)].first.c_str(),
+                        open ? "open" : "closed");
+            std::fflush(stdout);
+        };
+        engine.onSlotFailed = [&](int slot, int err) {
+            std::printf("slot %d %s failed %d\n", slot,
+                        outputs[static_cast<size_t>(slot)].first.c_str(), err);
+            std::fflush(stdout);
+        };
+        backend->setChangeHandler([&loop, &engine](vt::platform::ChangeKind) {
+            loop.post([&engine] {
+                engine.handleSinkChange();
+                engine.handleDeviceListChange();
+            });
+        });
+        for (size_t i = 0; i < outputs.size(); ++i) {
+            int slot = static_cast<int>(i);
+            engine.setOutputDevice(slot, outputs[i].first);
+            engine.setDelayMs(slot, outputs[i].second);
+            engine.setVolume(slot, 1.0);
+        }
+        try {
+            engine.start();
+        } catch (const vt::engine::EngineError& e) {
+            std::fprintf(stderr, "vellatone-engine-run: the engine would not start: %s\n",
+                         e.what());
+            backend->setChangeHandler(nullptr);
+            return 1;
+        }
+        std::printf("running\n");
+        std::fflush(stdout);
+
+        auto tick = loop.repeat(1.0, [&] {
+            std::string line = "telemetry";
+            for (size_t i = 0; i < outputs.size(); ++i) {
+                int slot = static_cast<int>(i);
+                auto t = engine.telemetry(slot);
+                char buf[160];
+                std::snprintf(buf, sizeof buf, " | %s ppm %+.1f err %+.3f ms late %.0f ms%s",
+                              outputs[i].first.c_str(), t.ppm, t.fillErrMs, engine.lateMs(slot),
+                              re_engine_timed(engine.ringEngine(), slot) ? " timed" : "");
+                line += buf;
+            }
+            std::fprintf(stderr, "%s\n", line.c_str());
+        });
+        auto end = loop.postAfter(seconds, [&] { loop.quit(); });
+        loop.run();
+        tick.reset();
+        backend->setChangeHandler(nullptr);
+        engine.stop();
+        std::printf("stopped\n");
+    }
+    gLoop = nullptr;
+    return status;
+}
