@@ -72,6 +72,8 @@ class Stream {
     virtual ~Stream() = default;
     // The rate the stream really runs at.
     virtual double sampleRate() const = 0;
+    // Times the server ran out of our audio (playback); 0 where unknown.
+    virtual uint64_t underruns() const { return 0; }
 };
 
 struct StreamResult {

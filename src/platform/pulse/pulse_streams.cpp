@@ -1,0 +1,395 @@
+#include "platform/pulse/pulse_streams.h"
+
+#include <pulse/rtclock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+
+#include "dispatch/clock.h"
+#include "platform/pulse/stream_clock.h"
+
+namespace vt::platform::pulse {
+
+namespace {
+
+constexpr pa_usec_t kTimingIntervalUsec = 20000;
+constexpr uint32_t kBytesPerFrame = 8;  // float32 stereo
+// A block must reach the server this long before the sink reads it.
+constexpr double kDeliveryGuardSec = 0.001;
+
+uint64_t ticksOf(double sec) {
+    return sec > 0 ? static_cast<uint64_t>(std::llround(sec * 1e9)) : 0;
+}
+
+size_t bytesOfMs(double ms, uint32_t rate) {
+    return static_cast<size_t>(std::lround(ms * rate / 1000.0)) * kBytesPerFrame;
+}
+
+// What every stream of ours shares: the pa_stream, its 20 ms timing poll and
+// the bookkeeping to shut both down without a callback outliving us.
+class PulseStream : public Stream {
+  public:
+    PulseStream(std::shared_ptr<PulseLoop> loop, double rate, uint32_t device, IOProc proc,
+                void* clientData)
+        : loop_(std::move(loop)),
+          rate_(rate),
+          bytesPerSecond_(rate * kBytesPerFrame),
+          device_(device),
+          proc_(proc),
+          clientData_(clientData),
+          clock_(bytesPerSecond_) {}
+
+    ~PulseStream() override { close(); }
+    double sampleRate() const override { return rate_; }
+
+    // Runs under the loop lock; a non-zero status on failure.
+    int connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
+                pa_stream_flags_t flags, std::string& error);
+
+  protected:
+    virtual void onTiming(const pa_timing_info& info) = 0;
+    virtual void onReady() {}
+
+    void close();
+    void requestTiming();
+
+    std::shared_ptr<PulseLoop> loop_;
+    pa_stream* stream_ = nullptr;
+    const double rate_;
+    const double bytesPerSecond_;
+    const uint32_t device_;
+    const IOProc proc_;
+    void* const clientData_;
+    StreamClock clock_;
+
+  private:
+    static void stateCallback(pa_stream* s, void* self);
+    static void timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
+                              void* self);
+    static void timingCallback(pa_stream* s, int success, void* self);
+
+    pa_time_event* timer_ = nullptr;
+    pa_operation* pendingTiming_ = nullptr;
+};
+
+int PulseStream::connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
+                         pa_stream_flags_t flags, std::string& error) {
+    pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(rate_), 2};
+    pa_channel_map map;
+    pa_channel_map_init_stereo(&map);
+    pa_proplist* props = pa_proplist_new();
+    pa_proplist_sets(props, PA_PROP_MEDIA_NAME,
+                     playback ? "Vellatone output" : "Vellatone capture");
+    pa_proplist_sets(props, kOwnStreamProperty, "1");
+    // Keep the stream-restore module from putting an old volume on our streams.
+    pa_proplist_sets(props, "module-stream-restore.id", "vellatone-own-stream");
+    stream_ = pa_stream_new_with_proplist(
+        loop_->context(), playback ? "Vellatone output" : "Vellatone capture", &spec, &map, props);
+    pa_proplist_free(props);
+    if (!stream_) {
+        error = pa_strerror(pa_context_errno(loop_->context()));
+        return pa_context_errno(loop_->context());
+    }
+    pa_stream_set_state_callback(stream_, &PulseStream::stateCallback, this);
+    int rc;
+    if (playback) {
+        pa_cvolume full;
+        pa_cvolume_set(&full, 2, PA_VOLUME_NORM);
+        rc = pa_stream_connect_playback(stream_, deviceName.c_str(), &attr, flags, &full, nullptr);
+    } else {
+        rc = pa_stream_connect_record(stream_, deviceName.c_str(), &attr, flags);
+    }
+    if (rc == 0) {
+        for (;;) {
+            pa_stream_state_t st = pa_stream_get_state(stream_);
+            if (st == PA_STREAM_READY) break;
+            if (!PA_STREAM_IS_GOOD(st)) {
+                rc = -1;
+                break;
+            }
+            pa_threaded_mainloop_wait(loop_->loop());
+        }
+    }
+    if (rc != 0) {
+        int code = pa_context_errno(loop_->context());
+        error = pa_strerror(code);
+        pa_stream_set_state_callback(stream_, nullptr, nullptr);
+        pa_stream_unref(stream_);
+        stream_ = nullptr;
+        return code ? code : PA_ERR_UNKNOWN;
+    }
+    timer_ = pa_context_rttime_new(loop_->context(), pa_rtclock_now() + kTimingIntervalUsec,
+                                   &PulseStream::timerCallback, this);
+    requestTiming();
+    onReady();
+    return 0;
+}
+
+void PulseStream::close() {
+    if (!stream_) return;
+    PulseLoop::Lock lock(*loop_);
+    if (timer_) {
+        pa_threaded_mainloop_get_api(loop_->loop())->time_free(timer_);
+        timer_ = nullptr;
+    }
+    // A timing answer still on its way would call back into a freed object.
+    if (pendingTiming_) {
+        pa_operation_cancel(pendingTiming_);
+        pa_operation_unref(pendingTiming_);
+        pendingTiming_ = nullptr;
+    }
+    pa_stream_set_state_callback(stream_, nullptr, nullptr);
+    pa_stream_set_write_callback(stream_, nullptr, nullptr);
+    pa_stream_set_read_callback(stream_, nullptr, nullptr);
+    pa_stream_set_underflow_callback(stream_, nullptr, nullptr);
+    if (pa_stream_get_state(stream_) == PA_STREAM_READY) pa_stream_disconnect(stream_);
+    pa_stream_unref(stream_);
+    stream_ = nullptr;
+}
+
+void PulseStream::requestTiming() {
+    if (pendingTiming_ || pa_stream_get_state(stream_) != PA_STREAM_READY) return;
+    pendingTiming_ = pa_stream_update_timing_info(stream_, &PulseStream::timingCallback, this);
+}
+
+void PulseStream::stateCallback(pa_stream*, void* self) {
+    static_cast<PulseStream*>(self)->loop_->signal();
+}
+
+void PulseStream::timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
+                                void* self) {
+    auto* me = static_cast<PulseStream*>(self);
+    me->requestTiming();
+    pa_context_rttime_restart(me->loop_->context(), e, pa_rtclock_now() + kTimingIntervalUsec);
+}
+
+void PulseStream::timingCallback(pa_stream* s, int success, void* self) {
+    auto* me = static_cast<PulseStream*>(self);
+    if (me->pendingTiming_) {
+        pa_operation_unref(me->pendingTiming_);
+        me->pendingTiming_ = nullptr;
+    }
+    if (!success) return;
+    if (const pa_timing_info* info = pa_stream_get_timing_info(s)) me->onTiming(*info);
+}
+
+// ---------------------------------------------------------------- playback
+
+class PlaybackStream final : public PulseStream {
+  public:
+    using PulseStream::PulseStream;
+    // Stop the callbacks before this part of the object goes.
+    ~PlaybackStream() override { close(); }
+
+    int open(const std::string& sinkName, std::string& error) {
+        // tlength ~20 ms in all (the server splits it between our queue and
+        // the sink), a request every 5 ms. prebuf 0: the server never stops
+        // the stream for an underrun, so its read position keeps time and
+        // what we write lands exactly where the clock says.
+        pa_buffer_attr attr{};
+        attr.maxlength = static_cast<uint32_t>(bytesOfMs(200, static_cast<uint32_t>(rate_)));
+        attr.tlength = static_cast<uint32_t>(bytesOfMs(20, static_cast<uint32_t>(rate_)));
+        attr.prebuf = 0;
+        attr.minreq = static_cast<uint32_t>(bytesOfMs(5, static_cast<uint32_t>(rate_)));
+        attr.fragsize = static_cast<uint32_t>(-1);
+        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
+        return connect(true, sinkName, attr, flags, error);
+    }
+
+    uint64_t underruns() const override { return underruns_.load(std::memory_order_relaxed); }
+
+  private:
+    void onReady() override {
+        pa_stream_set_write_callback(stream_, &PlaybackStream::writeCallback, this);
+        pa_stream_set_underflow_callback(stream_, &PlaybackStream::underflowCallback, this);
+    }
+
+    void onTiming(const pa_timing_info& info) override {
+        if (info.read_index_corrupt) return;
+        const double ts = monotonicOfWall(info.timestamp);
+        const double sinkSec = static_cast<double>(info.sink_usec) * 1e-6;
+        const double readSec = static_cast<double>(info.read_index) / bytesPerSecond_;
+        clock_.addSnapshot(ts + sinkSec, readSec);
+        lastReadIndex_ = info.read_index;
+        lastReadHost_ = ts;
+        // Nothing is written before the first snapshot: fill now rather than
+        // wait for the server's next request.
+        if (!started_) fill(pa_stream_writable_size(stream_));
+    }
+
+    static void writeCallback(pa_stream*, size_t nbytes, void* self) {
+        static_cast<PlaybackStream*>(self)->fill(nbytes);
+    }
+    static void underflowCallback(pa_stream*, void* self) {
+        static_cast<PlaybackStream*>(self)->underruns_.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    // The stream loop's thread: no allocation, no locks, no logging.
+    void fill(size_t nbytes) {
+        if (!clock_.valid() || nbytes == static_cast<size_t>(-1)) return;
+        const double now = dispatch::monotonicSeconds();
+        // The sink reads byte W at lastReadHost + (W - lastReadIndex) / rate. What
+        // arrives after that moment is thrown away by the server, so after a
+        // stall (or at the start) begin where the sink will read next instead of
+        // rendering audio nobody hears.
+        const double readsAt =
+            lastReadHost_ + static_cast<double>(written_ - lastReadIndex_) / bytesPerSecond_;
+        bool seek = !started_;
+        if (readsAt < now + kDeliveryGuardSec) {
+            double ahead = (now + kDeliveryGuardSec - lastReadHost_) * bytesPerSecond_;
+            int64_t target = lastReadIndex_ + static_cast<int64_t>(std::ceil(ahead));
+            target += (kBytesPerFrame - target % kBytesPerFrame) % kBytesPerFrame;
+            if (target > written_) {
+                written_ = target;
+                seek = true;
+            }
+        }
+        started_ = true;
+
+        size_t remaining = nbytes - nbytes % kBytesPerFrame;
+        while (remaining > 0) {
+            void* data = nullptr;
+            size_t n = std::min<size_t>(remaining, RE_IO_MAX_FRAMES * kBytesPerFrame);
+            if (pa_stream_begin_write(stream_, &data, &n) < 0 || !data) return;
+            n = std::min(n - n % kBytesPerFrame, remaining);
+            if (n == 0) {
+                pa_stream_cancel_write(stream_);
+                return;
+            }
+            re_audio_buffer_list list{};
+            list.mNumberBuffers = 1;
+            list.mBuffers[0].mNumberChannels = 2;
+            list.mBuffers[0].mDataByteSize = static_cast<uint32_t>(n);
+            list.mBuffers[0].mData = data;
+            re_audio_timestamp present{};
+            present.mHostTime = ticksOf(clock_.hostTimeOf(written_));
+            present.mSampleTime = static_cast<double>(written_ / kBytesPerFrame);
+            present.mFlags = kAudioTimeStampHostTimeValid | kAudioTimeStampSampleTimeValid;
+            re_audio_timestamp nowStamp{};
+            nowStamp.mHostTime = ticksOf(now);
+            nowStamp.mFlags = kAudioTimeStampHostTimeValid;
+            proc_(device_, &nowStamp, nullptr, nullptr, &list, &present, clientData_);
+            if (pa_stream_write(stream_, data, n, nullptr, seek ? written_ : 0,
+                                seek ? PA_SEEK_ABSOLUTE : PA_SEEK_RELATIVE) < 0)
+                return;
+            seek = false;
+            written_ += static_cast<int64_t>(n);
+            remaining -= n;
+        }
+    }
+
+    int64_t written_ = 0;
+    int64_t lastReadIndex_ = 0;
+    double lastReadHost_ = 0;
+    bool started_ = false;
+    std::atomic<uint64_t> underruns_{0};
+};
+
+// ------------------------------------------------------------------ record
+
+class RecordStream final : public PulseStream {
+  public:
+    using PulseStream::PulseStream;
+    ~RecordStream() override { close(); }
+
+    int open(const std::string& sourceName, std::string& error) {
+        pa_buffer_attr attr{};
+        attr.maxlength = static_cast<uint32_t>(-1);
+        attr.fragsize = static_cast<uint32_t>(bytesOfMs(5, static_cast<uint32_t>(rate_)));
+        attr.tlength = attr.prebuf = attr.minreq = static_cast<uint32_t>(-1);
+        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
+        return connect(false, sourceName, attr, flags, error);
+    }
+
+  private:
+    void onReady() override {
+        pa_stream_set_read_callback(stream_, &RecordStream::readCallback, this);
+    }
+
+    void onTiming(const pa_timing_info& info) override {
+        if (info.write_index_corrupt) return;
+        // The position playing into the monitored sink at `timestamp`:
+        // what the server has queued for us, plus what the source still holds,
+        // less what the sink has rendered ahead of playing it.
+        const double position = static_cast<double>(info.write_index) / bytesPerSecond_ +
+                                static_cast<double>(info.source_usec) * 1e-6 -
+                                static_cast<double>(info.sink_usec) * 1e-6;
+        clock_.addSnapshot(monotonicOfWall(info.timestamp), position);
+    }
+
+    static void readCallback(pa_stream*, size_t, void* self) {
+        static_cast<RecordStream*>(self)->drain();
+    }
+
+    // The stream loop's thread: no allocation, no locks, no logging.
+    void drain() {
+        for (;;) {
+            const void* data = nullptr;
+            size_t n = 0;
+            if (pa_stream_peek(stream_, &data, &n) < 0 || n == 0) return;
+            if (data) deliver(static_cast<const uint8_t*>(data), n);
+            // A hole (no data) still moves the position on.
+            read_ += static_cast<int64_t>(n);
+            pa_stream_drop(stream_);
+        }
+    }
+
+    void deliver(const uint8_t* bytes, size_t n) {
+        size_t frames = n / kBytesPerFrame;
+        size_t done = 0;
+        while (done < frames) {
+            size_t chunk = std::min<size_t>(frames - done, RE_IO_MAX_FRAMES);
+            int64_t position = read_ + static_cast<int64_t>(done * kBytesPerFrame);
+            re_audio_buffer_list list{};
+            list.mNumberBuffers = 1;
+            list.mBuffers[0].mNumberChannels = 2;
+            list.mBuffers[0].mDataByteSize = static_cast<uint32_t>(chunk * kBytesPerFrame);
+            // The callback only reads its input.
+            list.mBuffers[0].mData = const_cast<uint8_t*>(bytes + done * kBytesPerFrame);
+            re_audio_timestamp when{};
+            when.mSampleTime = static_cast<double>(position / kBytesPerFrame);
+            when.mFlags = kAudioTimeStampSampleTimeValid;
+            if (clock_.valid()) {
+                when.mHostTime = ticksOf(clock_.hostTimeOf(position));
+                when.mFlags |= kAudioTimeStampHostTimeValid;
+            }
+            proc_(device_, &when, &list, &when, nullptr, nullptr, clientData_);
+            done += chunk;
+        }
+    }
+
+    int64_t read_ = 0;
+};
+
+template <class S>
+StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, uint32_t rate,
+                      uint32_t device, IOProc proc, void* clientData) {
+    StreamResult result;
+    if (!loop || !loop->ready()) {
+        result.status = PA_ERR_CONNECTIONREFUSED;
+        result.error = pa_strerror(result.status);
+        return result;
+    }
+    auto stream = std::make_unique<S>(loop, rate, device, proc, clientData);
+    {
+        PulseLoop::Lock lock(*loop);
+        result.status = stream->open(name, result.error);
+    }
+    if (result.status == 0) result.stream = std::move(stream);
+    return result;
+}
+
+}  // namespace
+
+StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
+                                uint32_t rate, uint32_t device, IOProc proc, void* clientData) {
+    return openWith<PlaybackStream>(std::move(loop), sinkName, rate, device, proc, clientData);
+}
+
+StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
+                              uint32_t rate, uint32_t device, IOProc proc, void* clientData) {
+    return openWith<RecordStream>(std::move(loop), sourceName, rate, device, proc, clientData);
+}
+
+}  // namespace vt::platform::pulse

@@ -1,0 +1,20 @@
+// Our playback and record streams on the sound server. Each one feeds the
+// core's device callback from the stream loop's thread with the host time of
+// its block, worked out from raw timing snapshots (see StreamClock).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/audio_backend.h"
+#include "platform/pulse/pulse_loop.h"
+
+namespace vt::platform::pulse {
+
+// `device` is handed to the callback as its device argument.
+StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
+                                uint32_t rate, uint32_t device, IOProc proc, void* clientData);
+StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
+                              uint32_t rate, uint32_t device, IOProc proc, void* clientData);
+
+}  // namespace vt::platform::pulse

@@ -1,0 +1,406 @@
+// The libpulse backend against a private PulseAudio with three null sinks.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "platform/pulse/pulse_backend.h"
+#include "support/private_pulse.h"
+
+namespace vt::platform {
+namespace {
+
+support::PrivatePulse* gPulse = nullptr;
+
+class PulseBackendTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        gPulse = new support::PrivatePulse(
+            {"living:48000:Living", "kitchen:44100:Kitchen", "den:48000:Den"});
+    }
+    static void TearDownTestSuite() {
+        delete gPulse;
+        gPulse = nullptr;
+    }
+    void SetUp() override { ASSERT_TRUE(gPulse->running()) << gPulse->error(); }
+};
+
+template <class F>
+bool eventually(F done, double seconds = 5.0) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return done();
+}
+
+double hostSec(uint64_t ticks) {
+    return static_cast<double>(ticks) * 1e-9;
+}
+
+double monotonicNow() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+TEST(PulseBackendNoServer, IsNotConnectedWhenNothingAnswers) {
+    const char* old = getenv("PULSE_SERVER");
+    std::string saved = old ? old : "";
+    setenv("PULSE_SERVER", "unix:/nonexistent/vt-no-server", 1);
+    PulseBackend backend;
+    EXPECT_FALSE(backend.connected());
+    EXPECT_TRUE(backend.sinks().empty());
+    EXPECT_FALSE(backend.setDefaultSink("living"));
+    EXPECT_NE(backend.openPlayback("living", 0, nullptr, nullptr).status, 0);
+    if (old)
+        setenv("PULSE_SERVER", saved.c_str(), 1);
+    else
+        unsetenv("PULSE_SERVER");
+}
+
+TEST_F(PulseBackendTest, ListsSinksWithRatesAndDescriptions) {
+    PulseBackend backend;
+    ASSERT_TRUE(backend.connected());
+    auto kitchen = backend.sinkByName("kitchen");
+    ASSERT_TRUE(kitchen);
+    EXPECT_EQ(kitchen->description, "Kitchen");
+    EXPECT_DOUBLE_EQ(kitchen->sampleRate, 44100);
+    EXPECT_EQ(kitchen->channels, 2u);
+    EXPECT_EQ(kitchen->monitorSource, "kitchen.monitor");
+    EXPECT_EQ(kitchen->driver, "module-null-sink.c");
+    EXPECT_NE(kitchen->ownerModule, UINT32_MAX);
+    auto living = backend.sinkByName("living");
+    ASSERT_TRUE(living);
+    EXPECT_DOUBLE_EQ(living->sampleRate, 48000);
+    EXPECT_EQ(backend.sinkById(living->id)->name, "living");
+    EXPECT_EQ(backend.sinks().size(), 3u);
+    EXPECT_TRUE(backend.defaultSinkName().has_value());
+}
+
+TEST_F(PulseBackendTest, LoadsAndUnloadsTheCaptureSinkWithChangeEvents) {
+    PulseBackend backend;
+    std::atomic<int> sinkEvents{0};
+    backend.setChangeHandler([&](ChangeKind k) {
+        if (k == ChangeKind::sinks) ++sinkEvents;
+    });
+    auto module = backend.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
+    ASSERT_TRUE(module);
+    auto sink = backend.sinkByName("vellatone");  // there as soon as the call returns
+    ASSERT_TRUE(sink);
+    EXPECT_EQ(sink->description, "Vellatone");
+    EXPECT_DOUBLE_EQ(sink->sampleRate, 48000);
+    EXPECT_EQ(sink->ownerModule, *module);
+    EXPECT_TRUE(eventually([&] { return sinkEvents.load() > 0; }));
+
+    // A second backend (another part of the program, or pactl) sees it too.
+    PulseBackend other;
+    EXPECT_TRUE(other.sinkByName("vellatone"));
+    int before = sinkEvents.load();
+    std::atomic<bool> otherSaw{false};
+    other.setChangeHandler([&](ChangeKind) {
+        if (!other.sinkByName("vellatone")) otherSaw = true;
+    });
+    ASSERT_TRUE(backend.unloadModule(*module));
+    EXPECT_FALSE(backend.sinkByName("vellatone"));
+    EXPECT_TRUE(eventually([&] { return otherSaw.load(); }));
+    EXPECT_TRUE(eventually([&] { return sinkEvents.load() > before; }));
+    EXPECT_FALSE(backend.unloadModule(*module));
+}
+
+TEST_F(PulseBackendTest, SetsTheDefaultSinkAndFollowsOthersSettingIt) {
+    PulseBackend backend;
+    ASSERT_TRUE(backend.setDefaultSink("kitchen"));
+    EXPECT_EQ(backend.defaultSinkName(), "kitchen");
+    std::string out;
+    gPulse->run("pactl get-default-sink", &out);
+    EXPECT_EQ(out.substr(0, 7), "kitchen");
+    ASSERT_EQ(gPulse->run("pactl set-default-sink den"), 0);
+    EXPECT_TRUE(eventually([&] { return backend.defaultSinkName() == "den"; }));
+    EXPECT_FALSE(backend.setDefaultSink("nowhere"));
+    backend.setDefaultSink("living");
+}
+
+TEST_F(PulseBackendTest, SinkVolumesFollowTheCubeLaw) {
+    PulseBackend backend;
+    auto den = backend.sinkByName("den");
+    ASSERT_TRUE(den);
+    ASSERT_TRUE(backend.setSinkVolume(den->id, 0.5));
+    auto after = backend.sinkByName("den");
+    EXPECT_NEAR(after->volumeScalar, 0.5, 1e-4);
+    EXPECT_NEAR(after->volumeLinear, 0.125, 1e-3);
+    ASSERT_TRUE(backend.setSinkVolume(den->id, 1.0));
+    EXPECT_NEAR(backend.sinkByName("den")->volumeScalar, 1.0, 1e-4);
+}
+
+// A program playing silence into `sink`, as another application would.
+struct Player {
+    pid_t pid = -1;
+    explicit Player(const std::string& sink) {
+        pid = fork();
+        if (pid == 0) {
+            execlp("pacat", "pacat", "--playback", ("--device=" + sink).c_str(),
+                   "--client-name=TestPlayer", "/dev/zero", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~Player() {
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+};
+
+int silentOutput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
+                 const re_audio_timestamp*, re_audio_buffer_list* out, const re_audio_timestamp*,
+                 void*) {
+    for (uint32_t b = 0; b < out->mNumberBuffers; ++b)
+        std::fill_n(static_cast<char*>(out->mBuffers[b].mData), out->mBuffers[b].mDataByteSize, 0);
+    return 0;
+}
+
+TEST_F(PulseBackendTest, MovesOtherProgramsStreamsButNeverOurs) {
+    PulseBackend backend;
+    Player player("living");
+    auto living = backend.sinkByName("living");
+    auto den = backend.sinkByName("den");
+    ASSERT_TRUE(living && den);
+    std::optional<SinkInputInfo> theirs;
+    ASSERT_TRUE(eventually([&] {
+        for (auto& i : backend.sinkInputs())
+            if (!i.ours && i.properties["application.name"] == "TestPlayer") theirs = i;
+        return theirs.has_value();
+    }));
+    EXPECT_EQ(theirs->sink, living->id);
+    ASSERT_TRUE(backend.moveSinkInput(theirs->index, "den"));
+    EXPECT_TRUE(eventually([&] {
+        for (auto& i : backend.sinkInputs())
+            if (i.index == theirs->index) return i.sink == den->id;
+        return false;
+    }));
+
+    auto ours = backend.openPlayback("living", 0, silentOutput, nullptr);
+    ASSERT_EQ(ours.status, 0) << ours.error;
+    std::optional<SinkInputInfo> mine;
+    ASSERT_TRUE(eventually([&] {
+        for (auto& i : backend.sinkInputs())
+            if (i.ours) mine = i;
+        return mine.has_value();
+    }));
+    EXPECT_FALSE(backend.moveSinkInput(mine->index, "den"));
+    // The server itself refuses too: the stream was opened as not movable.
+    EXPECT_NE(gPulse->run("pactl move-sink-input " + std::to_string(mine->index) + " den"), 0);
+}
+
+// ----------------------------------------------------------------- timing
+
+// Impulses every `period` frames from the playback side; the capture side
+// finds them in the monitor. Both sides record the host time the backend
+// gave each impulse, so the two clocks can be compared frame for frame.
+struct Probe {
+    static constexpr size_t kMax = 4096;
+    uint32_t period = 4800;
+    double rate = 48000;
+    uint64_t position = 0;  // playback frames written
+    // Playback side: host time each block's first frame is heard.
+    std::vector<double> presentTimes = std::vector<double>(20000);
+    std::vector<uint64_t> presentFrames = std::vector<uint64_t>(20000);
+    std::atomic<size_t> blocks{0};
+    std::vector<double> impulseSent = std::vector<double>(kMax);
+    std::vector<uint64_t> impulseSentFrame = std::vector<uint64_t>(kMax);
+    std::atomic<size_t> sent{0};
+    // Capture side.
+    std::vector<double> captureTimes = std::vector<double>(20000);
+    std::vector<double> captureFrames = std::vector<double>(20000);
+    std::atomic<size_t> captured{0};
+    std::vector<double> impulseHeard = std::vector<double>(kMax);
+    std::atomic<size_t> heard{0};
+    std::atomic<int> untimedCaptures{0};
+};
+
+int probeOutput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
+                const re_audio_timestamp*, re_audio_buffer_list* out,
+                const re_audio_timestamp* when, void* client) {
+    auto* p = static_cast<Probe*>(client);
+    auto* data = static_cast<float*>(out->mBuffers[0].mData);
+    uint32_t frames = out->mBuffers[0].mDataByteSize / 8;
+    double start = hostSec(when->mHostTime);
+    size_t b = p->blocks.load();
+    if (b < p->presentTimes.size()) {
+        p->presentTimes[b] = start;
+        p->presentFrames[b] = static_cast<uint64_t>(when->mSampleTime);
+        p->blocks.store(b + 1);
+    }
+    // Frames are counted by the stream's own position, which jumps forward
+    // if the stream had to skip.
+    uint64_t first = static_cast<uint64_t>(when->mSampleTime);
+    for (uint32_t i = 0; i < frames; ++i) {
+        bool impulse = (first + i) % p->period == 0 && first + i > 0;
+        data[2 * i] = data[2 * i + 1] = impulse ? 1.0f : 0.0f;
+        if (impulse) {
+            size_t s = p->sent.load();
+            if (s < p->impulseSent.size()) {
+                p->impulseSent[s] = start + i / p->rate;
+                p->impulseSentFrame[s] = first + i;
+                p->sent.store(s + 1);
+            }
+        }
+    }
+    return 0;
+}
+
+int probeInput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list* in,
+               const re_audio_timestamp* when, re_audio_buffer_list*, const re_audio_timestamp*,
+               void* client) {
+    auto* p = static_cast<Probe*>(client);
+    if (!(when->mFlags & kAudioTimeStampHostTimeValid)) {
+        ++p->untimedCaptures;
+        return 0;
+    }
+    const auto* data = static_cast<const float*>(in->mBuffers[0].mData);
+    uint32_t frames = in->mBuffers[0].mDataByteSize / 8;
+    double start = hostSec(when->mHostTime);
+    size_t c = p->captured.load();
+    if (c < p->captureTimes.size()) {
+        p->captureTimes[c] = start;
+        p->captureFrames[c] = when->mSampleTime;
+        p->captured.store(c + 1);
+    }
+    for (uint32_t i = 0; i < frames; ++i) {
+        if (data[2 * i] > 0.5f) {
+            size_t h = p->heard.load();
+            if (h < p->impulseHeard.size()) {
+                p->impulseHeard[h] = start + i / p->rate;
+                p->heard.store(h + 1);
+            }
+        }
+    }
+    return 0;
+}
+
+struct Stats {
+    double median = 0, maxAbs = 0;
+};
+
+Stats statsOf(std::vector<double> v) {
+    Stats s;
+    if (v.empty()) return s;
+    for (double x : v) s.maxAbs = std::max(s.maxAbs, std::fabs(x));
+    std::sort(v.begin(), v.end());
+    s.median = v[v.size() / 2];
+    return s;
+}
+
+// Residuals of block times against a straight line at the stream's rate.
+std::vector<double> lineResiduals(const std::vector<double>& times,
+                                  const std::vector<double>& frames, size_t n, double rate) {
+    std::vector<double> offs;
+    for (size_t i = 0; i < n; ++i) offs.push_back(times[i] - frames[i] / rate);
+    std::vector<double> sorted = offs;
+    std::sort(sorted.begin(), sorted.end());
+    double mid = sorted[sorted.size() / 2];
+    for (double& o : offs) o -= mid;
+    return offs;
+}
+
+void runProbe(PulseBackend& backend, const std::string& sink, double rate, double seconds) {
+    Probe probe;
+    probe.rate = rate;
+    probe.period = static_cast<uint32_t>(rate / 10);
+    auto capture =
+        backend.openCapture(sink + ".monitor", static_cast<uint32_t>(rate), probeInput, &probe);
+    ASSERT_EQ(capture.status, 0) << capture.error;
+    auto playback = backend.openPlayback(sink, 0, probeOutput, &probe);
+    ASSERT_EQ(playback.status, 0) << playback.error;
+    EXPECT_DOUBLE_EQ(playback.stream->sampleRate(), rate);  // opened at the sink's own rate
+    // An idle null sink has rendered up to 2 s ahead; a new stream plays
+    // after that, and only then do blocks flow small. Measure past it.
+    const double warmup = 2.5;
+    const double t0 = monotonicNow();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds + warmup));
+    const double t1 = monotonicNow();
+    const double from = t0 + warmup;
+    uint64_t underruns = playback.stream->underruns();
+    playback.stream.reset();
+    capture.stream.reset();
+
+    // Playback: presentation times advance with the frame count.
+    std::vector<double> pt, pf;
+    for (size_t i = 0; i < std::min(probe.blocks.load(), probe.presentTimes.size()); ++i)
+        if (probe.presentTimes[i] > from) {
+            pt.push_back(probe.presentTimes[i]);
+            pf.push_back(static_cast<double>(probe.presentFrames[i]));
+        }
+    ASSERT_GT(pt.size(), 20u);
+    auto pStats = statsOf(lineResiduals(pt, pf, pt.size(), rate));
+    // Capture: host times advance with the frame count.
+    std::vector<double> ct, cf;
+    for (size_t i = 0; i < std::min(probe.captured.load(), probe.captureTimes.size()); ++i)
+        if (probe.captureTimes[i] > from) {
+            ct.push_back(probe.captureTimes[i]);
+            cf.push_back(probe.captureFrames[i]);
+        }
+    ASSERT_GT(ct.size(), 20u);
+    auto cStats = statsOf(lineResiduals(ct, cf, ct.size(), rate));
+    // Latency of the last block written: how far ahead of now it is heard.
+    const double lead =
+        probe.presentTimes[std::min(probe.blocks.load(), probe.presentTimes.size()) - 1] - t1;
+
+    // End to end: each impulse's capture time against its presentation time.
+    size_t sent = probe.sent.load(), heard = probe.heard.load();
+    std::vector<double> errors;
+    for (size_t h = 0; h < heard; ++h) {
+        if (probe.impulseHeard[h] <= from) continue;
+        double best = 1e9;
+        for (size_t s = 0; s < sent; ++s) {
+            double d = probe.impulseHeard[h] - probe.impulseSent[s];
+            if (std::fabs(d) < std::fabs(best)) best = d;
+        }
+        if (std::fabs(best) < 0.05) errors.push_back(best);
+    }
+    auto eStats = statsOf(errors);
+    std::printf(
+        "[%s %.0f Hz] playback blocks %zu: present-time jitter max %.3f ms | capture blocks %zu: "
+        "host-time jitter max %.3f ms | impulses heard %zu of %zu: capture minus presentation "
+        "median %.3f ms, max %.3f ms | lead at the end %.1f ms | underruns %llu\n",
+        sink.c_str(), rate, pt.size(), pStats.maxAbs * 1e3, ct.size(), cStats.maxAbs * 1e3,
+        errors.size(), sent, eStats.median * 1e3, eStats.maxAbs * 1e3, lead * 1e3,
+        static_cast<unsigned long long>(underruns));
+    EXPECT_LT(pStats.maxAbs, 0.002);
+    EXPECT_LT(cStats.maxAbs, 0.002);
+    ASSERT_GT(errors.size(), static_cast<size_t>(seconds * 10 * 0.8));
+    EXPECT_LT(std::fabs(eStats.median), 0.0005);
+    EXPECT_LT(eStats.maxAbs, 0.002);
+}
+
+TEST_F(PulseBackendTest, PlaybackAndCaptureTimesAgreeAt48k) {
+    PulseBackend backend;
+    runProbe(backend, "living", 48000, 4.0);
+}
+
+TEST_F(PulseBackendTest, PlaybackAt44k1RunsAtTheSinksRate) {
+    PulseBackend backend;
+    runProbe(backend, "kitchen", 44100, 3.0);
+}
+
+TEST_F(PulseBackendTest, OpeningOnAMissingSinkFails) {
+    PulseBackend backend;
+    auto r = backend.openPlayback("nowhere", 0, silentOutput, nullptr);
+    EXPECT_NE(r.status, 0);
+    EXPECT_FALSE(r.stream);
+    auto c = backend.openCapture("nowhere.monitor", 48000, probeInput, nullptr);
+    EXPECT_NE(c.status, 0);
+}
+
+}  // namespace
+}  // namespace vt::platform
