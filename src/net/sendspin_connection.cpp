@@ -20,6 +20,10 @@ namespace {
 
 constexpr int kPollMs = 20;
 constexpr size_t kReadChunk = 4'096;
+// Left to itself the kernel grows a socket's send buffer to megabytes, and audio
+// parked there is audio a control message waits behind. A small buffer keeps the
+// backlog in our queue, where control overtakes it and the bound drops it.
+constexpr int kSendBufferBytes = 32 * 1024;
 
 std::string closeFrame(std::string_view payload) {
     return WebSocketFrame::encode(Opcode::close, payload);
@@ -36,6 +40,7 @@ SendspinConnection::SendspinConnection(int fd, int64_t id, Limits limits)
     : id_(id), fd_(fd), limits_(limits) {
     const int flags = fcntl(fd_, F_GETFL, 0);
     fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
+    setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
     lastInbound_ = monotonicSeconds();
 }
 

@@ -22,16 +22,15 @@ void WebSocketClient::close() {
     fd_ = -1;
 }
 
-void WebSocketClient::setReceiveBuffer(int bytes) {
-    setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-}
-
 bool WebSocketClient::connect(const std::string& host, uint16_t port, const std::string& path) {
     close();
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) return false;
     const int yes = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    if (receiveBuffer_ > 0) {
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer_, sizeof receiveBuffer_);
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

@@ -26,12 +26,14 @@ class WebSocketClient {
     bool sendRaw(std::string_view bytes);
     // The next frame, waiting at most `timeoutMs` (negative: forever).
     std::optional<WebSocketFrame::Frame> receive(int timeoutMs = -1);
-    void setReceiveBuffer(int bytes);
+    // Applies to the next connect; a small buffer makes a backlog build on the sender.
+    void setReceiveBuffer(int bytes) { receiveBuffer_ = bytes; }
     void close();
     int fd() const { return fd_; }
 
   private:
     int fd_ = -1;
+    int receiveBuffer_ = 0;
     WebSocketFrame::Parser parser_{1 << 24};
     std::vector<WebSocketFrame::Frame> ready_;
     size_t nextReady_ = 0;

@@ -15,10 +15,18 @@ int16_t DitherQuantizer::quantize(float x) {
     if (!std::isfinite(x) || x == 0.0f) return 0;
     const double a = nextDither();
     const double b = nextDither();
-    const double value = std::round(static_cast<double>(x) * 32767.0 + (a - b));
+    const double value = static_cast<double>(x) * 32767.0 + (a - b);
     if (value <= -32768.0) return -32768;
     if (value >= 32767.0) return 32767;
-    return static_cast<int16_t>(value);
+    // Rounds half away from zero like std::round, without a library call per sample.
+    auto whole = static_cast<int32_t>(value);
+    const double fraction = value - whole;
+    if (fraction >= 0.5) {
+        ++whole;
+    } else if (fraction <= -0.5) {
+        --whole;
+    }
+    return static_cast<int16_t>(whole);
 }
 
 void DitherQuantizer::quantize(const float* in, int16_t* out, size_t count) {
