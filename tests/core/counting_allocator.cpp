@@ -1,82 +1,62 @@
 #include "counting_allocator.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
 std::atomic<bool> g_counting{false};
-std::atomic<long> g_heap_calls{0};
+std::atomic<long> g_calls{0};
 
-void note_call() {
-    if (g_counting.load(std::memory_order_relaxed)) {
-        g_heap_calls.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-void* counted_alloc(std::size_t n, std::size_t align) {
-    note_call();
-    if (n == 0) n = 1;
-    if (align <= alignof(std::max_align_t)) return std::malloc(n);
-    return std::aligned_alloc(align, (n + align - 1) / align * align);
+void count() {
+    if (g_counting.load(std::memory_order_relaxed)) g_calls.fetch_add(1);
 }
 
 }  // namespace
 
 void heap_counting_start() {
-    g_heap_calls.store(0, std::memory_order_relaxed);
-    g_counting.store(true, std::memory_order_relaxed);
+    g_calls = 0;
+    g_counting = true;
 }
 
 long heap_counting_stop() {
-    g_counting.store(false, std::memory_order_relaxed);
-    return g_heap_calls.load(std::memory_order_relaxed);
+    g_counting = false;
+    return g_calls.load();
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+#define VT_HEAP_HOOKS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VT_HEAP_HOOKS 1
+#endif
+#endif
+
+#ifdef VT_HEAP_HOOKS
+// The sanitizer owns the allocator: watch every malloc and free through it.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*on_malloc)(const volatile void*,
+                                                                           std::size_t),
+                                                         void (*on_free)(const volatile void*));
+
+namespace {
+const int g_hooked = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, std::size_t) { count(); }, [](const volatile void*) { count(); });
+}  // namespace
+#else
+// The library's array, nothrow and aligned-free forms end in these.
 void* operator new(std::size_t n) {
-    if (void* p = counted_alloc(n, 0)) return p;
+    count();
+    if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
     throw std::bad_alloc();
 }
-void* operator new[](std::size_t n) {
-    if (void* p = counted_alloc(n, 0)) return p;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
-    return counted_alloc(n, 0);
-}
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept {
-    return counted_alloc(n, 0);
-}
-void* operator new(std::size_t n, std::align_val_t a) {
-    if (void* p = counted_alloc(n, static_cast<std::size_t>(a))) return p;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
-    return counted_alloc(n, static_cast<std::size_t>(a));
-}
+
 void operator delete(void* p) noexcept {
-    note_call();
+    count();
     std::free(p);
 }
-void operator delete[](void* p) noexcept {
-    note_call();
-    std::free(p);
-}
+
 void operator delete(void* p, std::size_t) noexcept {
-    note_call();
-    std::free(p);
+    operator delete(p);
 }
-void operator delete[](void* p, std::size_t) noexcept {
-    note_call();
-    std::free(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    note_call();
-    std::free(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    note_call();
-    std::free(p);
-}
+#endif

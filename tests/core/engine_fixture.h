@@ -1,13 +1,11 @@
-// Shared helpers for the core's tests: an owned engine, a test signal whose
-// left sample is its own frame number (so a rendered value names the ring
-// frame it came from), and a capture stream on a virtual host clock.
+// Helpers for the core's tests. The ramp signal's left sample is its own
+// frame number and its right sample 1, so left / right of a rendered frame
+// names the ring position it was read from, whatever the gain was.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <vector>
 
-#include "core/ring_engine.h"
 #include "core/ring_engine_internal.h"
 
 struct engine_deleter {
@@ -15,26 +13,18 @@ struct engine_deleter {
 };
 using engine_ptr = std::unique_ptr<re_engine, engine_deleter>;
 
-engine_ptr make_engine();
+inline engine_ptr make_engine() {
+    return engine_ptr(re_engine_create());
+}
+inline double written(const re_engine* e) {
+    return static_cast<double>(re_engine_frames_written(e));
+}
+inline double frame_of(const std::vector<float>& out, uint32_t f) {
+    return static_cast<double>(out[2 * f]) / out[2 * f + 1];
+}
 
-// Appends frames whose left sample is the frame number and right sample 1.
 void write_ramp(re_engine* e, uint32_t frames);
 void write_const(re_engine* e, uint32_t frames, float left, float right);
-
-std::vector<float> render(re_engine* e, int32_t slot, uint32_t frames);
-std::vector<float> render_timed(re_engine* e, int32_t slot, uint32_t frames, double present_sec,
-                                double now_sec);
-
-// Ring frame a rendered ramp frame came from (left over right undoes the gain).
-double frame_of(const std::vector<float>& out, uint32_t frame);
-
-// A capture device delivering ramp blocks with first-frame host times on a
-// virtual clock: frame f is captured at start_sec + offset_sec + f / 48000.
-struct capture_sim {
-    re_engine* e;
-    double start_sec = 100.0;
-    double offset_sec = 0.0;
-
-    double host_of(double frame) const { return start_sec + offset_sec + frame / RE_RATE; }
-    void block(uint32_t frames);
-};
+// Untimed when present_sec is negative, else host-timed.
+std::vector<float> render(re_engine* e, int32_t slot, uint32_t frames, double present_sec = -1.0,
+                          double now_sec = 0.0);

@@ -2,206 +2,129 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include "engine_fixture.h"
 
 namespace {
 
+using stereo = std::pair<float, float>;
+
+re_audio_buffer buf(std::vector<float>& data, uint32_t channels) {
+    return {channels, static_cast<uint32_t>(data.size() * 4), data.data()};
+}
+
 re_audio_timestamp stamp(double host_sec, double sample_time = -1.0) {
     re_audio_timestamp t;
     t.mHostTime = static_cast<uint64_t>(host_sec * 1e9);
-    t.mFlags = kAudioTimeStampHostTimeValid;
-    if (sample_time >= 0) {
-        t.mSampleTime = sample_time;
-        t.mFlags |= kAudioTimeStampSampleTimeValid;
-    }
+    t.mSampleTime = sample_time;
+    t.mFlags =
+        kAudioTimeStampHostTimeValid | (sample_time >= 0 ? kAudioTimeStampSampleTimeValid : 0);
     return t;
-}
-
-re_audio_buffer buffer(std::vector<float>& data, uint32_t channels) {
-    return {channels, static_cast<uint32_t>(data.size() * sizeof(float)), data.data()};
 }
 
 class HalGlue : public ::testing::Test {
   protected:
-    void SetUp() override {
-        e = make_engine();
-        in = std::make_unique<re_input_ctx>();
-        in->engine = e.get();
-        out = std::make_unique<re_output_ctx>();
-        out->engine = e.get();
-        out->slot = 3;
-        re_engine_set_gain(e.get(), 3, 1.0f);
+    void capture(re_audio_buffer_list list, const re_audio_timestamp* t = nullptr) {
+        re_input_ioproc(0, nullptr, &list, t, nullptr, nullptr, &in);
     }
-    void capture(re_audio_buffer_list& list, const re_audio_timestamp* t) {
-        re_input_ioproc(0, nullptr, &list, t, nullptr, nullptr, in.get());
+    void play(re_audio_buffer_list list, const re_audio_timestamp* t = nullptr) {
+        write_const(e.get(), 8192, 0.25f, 0.5f);
+        re_output_ioproc(0, nullptr, nullptr, nullptr, &list, t, &out);
     }
-    void play(re_audio_buffer_list& list, const re_audio_timestamp* t) {
-        re_output_ioproc(0, nullptr, nullptr, nullptr, &list, t, out.get());
-    }
-    // Frame `back` frames before the write head, left and right.
-    std::pair<float, float> ring_frame(uint64_t back) const {
-        const uint64_t idx = (re_engine_frames_written(e.get()) - back) & RE_RING_MASK;
-        return {e->ring[2 * idx], e->ring[2 * idx + 1]};
+    stereo back(uint64_t frames) const {  // the frame this far behind the head
+        const uint64_t i = (re_engine_frames_written(e.get()) - frames) & RE_RING_MASK;
+        return {e->ring[2 * i], e->ring[2 * i + 1]};
     }
 
-    engine_ptr e;
-    std::unique_ptr<re_input_ctx> in;
-    std::unique_ptr<re_output_ctx> out;
+    engine_ptr e = make_engine();
+    re_input_ctx in{e.get()};
+    re_output_ctx out{e.get(), 3};
 };
 
-TEST_F(HalGlue, InterleavedStereoIsStampedThenWrittenAndCappedAt4096) {
+TEST_F(HalGlue, CaptureIsStampedAtItsFirstFrameThenWrittenAndCapped) {
     write_const(e.get(), 1000, 0, 0);
     std::vector<float> data(2 * 5000);
     for (size_t k = 0; k < data.size(); ++k) data[k] = static_cast<float>(k);
-    re_audio_buffer_list list{1, {buffer(data, 2)}};
     const auto t = stamp(10.0, 777.0);
-    capture(list, &t);
+    capture({1, {buf(data, 2)}}, &t);
     EXPECT_EQ(re_engine_frames_written(e.get()), 1000u + 4096u);
-    EXPECT_EQ(e->capture_frame.load(), 1000.0) << "the anchor is the block's first frame";
+    EXPECT_EQ(e->capture_frame.load(), 1000.0);
     EXPECT_EQ(e->capture_block_frames.load(), 4096u);
-    EXPECT_DOUBLE_EQ(e->capture_raw_host_sec.load(), 10.0);
     EXPECT_EQ(e->expected_sample_time, 777.0 + 4096);
-    EXPECT_EQ(ring_frame(1), std::make_pair(8190.0f, 8191.0f));
-}
-
-TEST_F(HalGlue, UnstampedBlockIsWrittenButNotNoted) {
-    std::vector<float> data(2 * 64, 0.5f);
-    re_audio_buffer_list list{1, {buffer(data, 2)}};
-    capture(list, nullptr);
-    re_audio_timestamp no_host;
-    no_host.mFlags = kAudioTimeStampSampleTimeValid;
-    capture(list, &no_host);
-    EXPECT_EQ(re_engine_frames_written(e.get()), 128u);
-    EXPECT_EQ(e->capture_valid.load(), 0);
-}
-
-TEST_F(HalGlue, StampWithoutSampleTimePassesMinusOne) {
-    std::vector<float> data(2 * 64, 0.5f);
-    re_audio_buffer_list list{1, {buffer(data, 2)}};
-    auto t = stamp(10.0, 0.0);
-    capture(list, &t);
-    EXPECT_EQ(e->expected_sample_time, 64.0);
-    t = stamp(10.0 + 64 / 48000.0);
-    capture(list, &t);
+    EXPECT_EQ(back(1), stereo(8190, 8191));
+    const auto no_counter = stamp(10.1);
+    capture({1, {buf(data, 2)}}, &no_counter);
     EXPECT_EQ(e->expected_sample_time, -1.0);
+    // Blocks without a host time are written but not noted.
+    re_audio_timestamp counter_only;
+    counter_only.mFlags = kAudioTimeStampSampleTimeValid;
+    capture({1, {buf(data, 2)}}, &counter_only);
+    capture({1, {buf(data, 2)}});
+    capture({0, {}});
+    EXPECT_EQ(e->capture_frame.load(), 1000.0 + 4096);
+    EXPECT_EQ(re_engine_frames_written(e.get()), 1000u + 4 * 4096u);
 }
 
-TEST_F(HalGlue, FiveChannelCaptureKeepsTheFirstTwo) {
-    std::vector<float> data(5 * 10);
-    for (int f = 0; f < 10; ++f) {
-        for (int c = 0; c < 5; ++c) data[5 * f + c] = static_cast<float>(10 * f + c);
-    }
-    re_audio_buffer_list list{1, {buffer(data, 5)}};
-    const auto t = stamp(10.0);
-    capture(list, &t);
-    EXPECT_EQ(re_engine_frames_written(e.get()), 10u);
-    EXPECT_EQ(e->capture_block_frames.load(), 10u);
-    EXPECT_EQ(ring_frame(10), std::make_pair(0.0f, 1.0f));
-    EXPECT_EQ(ring_frame(1), std::make_pair(90.0f, 91.0f));
-}
-
-TEST_F(HalGlue, PlanarCaptureInterleavesAndMonoDoubles) {
+TEST_F(HalGlue, CaptureChannelLayouts) {
+    std::vector<float> five(5 * 10);
+    for (size_t k = 0; k < five.size(); ++k) five[k] = static_cast<float>(k);
+    capture({1, {buf(five, 5)}});
+    EXPECT_EQ(back(10), stereo(0, 1));
+    EXPECT_EQ(back(1), stereo(45, 46));
     std::vector<float> left{1, 2, 3};
     std::vector<float> right{-1, -2, -3};
     std::vector<float> third{9, 9, 9};
-    re_audio_buffer_list planar{3, {buffer(left, 1), buffer(right, 1), buffer(third, 1)}};
-    capture(planar, nullptr);
-    EXPECT_EQ(ring_frame(3), std::make_pair(1.0f, -1.0f));
-    EXPECT_EQ(ring_frame(1), std::make_pair(3.0f, -3.0f));
-
-    re_audio_buffer_list mono{1, {buffer(left, 0)}};
-    const auto t = stamp(10.0);
-    capture(mono, &t);
-    EXPECT_EQ(e->capture_block_frames.load(), 3u);
-    EXPECT_EQ(ring_frame(1), std::make_pair(3.0f, 3.0f));
-    EXPECT_EQ(re_engine_frames_written(e.get()), 6u);
+    capture({3, {buf(left, 1), buf(right, 1), buf(third, 1)}});
+    EXPECT_EQ(back(3), stereo(1, -1));
+    EXPECT_EQ(back(1), stereo(3, -3));
+    capture({1, {buf(left, 0)}});
+    EXPECT_EQ(back(1), stereo(3, 3));
+    EXPECT_EQ(re_engine_frames_written(e.get()), 16u);
 }
 
-TEST_F(HalGlue, EmptyInputListDoesNothing) {
-    re_audio_buffer_list empty{0, {}};
-    const auto t = stamp(10.0);
-    capture(empty, &t);
-    re_input_ioproc(0, nullptr, nullptr, &t, nullptr, nullptr, in.get());
-    EXPECT_EQ(re_engine_frames_written(e.get()), 0u);
-    EXPECT_EQ(e->capture_valid.load(), 0);
-}
+TEST_F(HalGlue, OutputChannelLayouts) {
+    re_engine_set_gain(e.get(), 3, 1.0f);
+    re_engine_reset_reader(e.get(), 3);
+    std::vector<float> warm(2 * 512);
+    play({1, {buf(warm, 2)}});  // past the fade-in
 
-// The slot is fed a constant 0.25 / 0.5 and has been rendering long enough
-// to be at full gain.
-class HalGlueOutput : public HalGlue {
-  protected:
-    void SetUp() override {
-        HalGlue::SetUp();
-        write_const(e.get(), 16384, 0.25f, 0.5f);
-        std::vector<float> warm(2 * 512);
-        re_engine_render(e.get(), 3, warm.data(), 512);
-    }
-};
-
-TEST_F(HalGlueOutput, FourChannelInterleavedGetsStereoThenSilence) {
-    std::vector<float> data(4 * 64, 7.0f);
+    std::vector<float> four(4 * 64, 7.0f);
     std::vector<float> extra(16, 7.0f);
-    re_audio_buffer_list list{2, {buffer(data, 4), buffer(extra, 1)}};
-    play(list, nullptr);
-    EXPECT_EQ(data[0], 0.25f);
-    EXPECT_EQ(data[1], 0.5f);
-    EXPECT_EQ(data[2], 0.0f);
-    EXPECT_EQ(data[3], 0.0f);
-    EXPECT_EQ(data[4 * 63 + 1], 0.5f);
-    for (float v : extra) EXPECT_EQ(v, 0.0f);
-    EXPECT_EQ(re_engine_timed(e.get(), 3), 0) << "no stamp: fill-based";
-}
+    play({2, {buf(four, 4), buf(extra, 1)}});
+    EXPECT_EQ(std::vector<float>(four.end() - 4, four.end()),
+              (std::vector<float>{0.25f, 0.5f, 0.0f, 0.0f}));
+    EXPECT_EQ(extra, std::vector<float>(16, 0.0f));
 
-TEST_F(HalGlueOutput, PlanarFourBuffersGetLeftRightSilenceSilence) {
-    std::vector<std::vector<float>> bufs(4, std::vector<float>(32, 7.0f));
-    re_audio_buffer_list list{
-        4, {buffer(bufs[0], 1), buffer(bufs[1], 1), buffer(bufs[2], 1), buffer(bufs[3], 1)}};
-    play(list, nullptr);
-    for (int f = 0; f < 32; ++f) {
-        ASSERT_EQ(bufs[0][f], 0.25f);
-        ASSERT_EQ(bufs[1][f], 0.5f);
-        ASSERT_EQ(bufs[2][f], 0.0f);
-        ASSERT_EQ(bufs[3][f], 0.0f);
-    }
-}
+    std::vector<std::vector<float>> planar(4, std::vector<float>(32, 7.0f));
+    play({4, {buf(planar[0], 1), buf(planar[1], 1), buf(planar[2], 1), buf(planar[3], 1)}});
+    EXPECT_EQ(planar[0], std::vector<float>(32, 0.25f));
+    EXPECT_EQ(planar[1], std::vector<float>(32, 0.5f));
+    EXPECT_EQ(planar[3], std::vector<float>(32, 0.0f));
 
-TEST_F(HalGlueOutput, LoneMonoBufferGetsTheLeftChannelOnly) {
     std::vector<float> mono(32, 7.0f);
-    re_audio_buffer_list list{1, {buffer(mono, 1)}};
-    play(list, nullptr);
-    for (float v : mono) ASSERT_EQ(v, 0.25f);
+    play({1, {buf(mono, 1)}});
+    EXPECT_EQ(mono, std::vector<float>(32, 0.25f)) << "left only, no down-mix";
+
+    std::vector<float> tiny{7.0f};
+    play({1, {buf(tiny, 2)}});
+    EXPECT_EQ(tiny[0], 0.0f) << "under a frame: zeroed";
+    tiny[0] = 7.0f;
+    play({1, {{1, 2, tiny.data()}}});
+    EXPECT_EQ(tiny[0], 7.0f) << "under a mono frame: left alone";
+
+    std::vector<float> big(2 * 5000, 7.0f);
+    play({1, {buf(big, 2)}});
+    EXPECT_EQ(big[2 * 4095], 0.25f);
+    EXPECT_EQ(big[2 * 4096], 0.0f) << "only 4096 frames are rendered";
+    EXPECT_EQ(re_engine_timed(e.get(), 3), 0);
 }
 
-TEST_F(HalGlueOutput, BufferSmallerThanAFrame) {
-    std::vector<float> stereo{7.0f};
-    re_audio_buffer_list list{1, {buffer(stereo, 2)}};
-    play(list, nullptr);
-    EXPECT_EQ(stereo[0], 0.0f) << "zeroed";
-    std::vector<float> mono{7.0f};
-    re_audio_buffer_list small{1, {{1, 2, mono.data()}}};
-    play(small, nullptr);
-    EXPECT_EQ(mono[0], 7.0f) << "left as it was";
-}
-
-TEST_F(HalGlueOutput, OversizedBlockFillsOnly4096Frames) {
-    std::vector<float> data(2 * 5000, 7.0f);
-    re_audio_buffer_list list{1, {buffer(data, 2)}};
-    write_const(e.get(), 8192, 0.25f, 0.5f);
-    play(list, nullptr);
-    EXPECT_EQ(data[2 * 4095], 0.25f);
-    EXPECT_EQ(data[2 * 4096], 0.0f);
-}
-
-TEST_F(HalGlueOutput, StampedOutputRunsOnTheHostTimedPath) {
-    capture_sim cap{e.get()};
-    cap.start_sec = re_engine_host_now_sec(e.get()) - 1.0;
-    cap.block(512);
+TEST_F(HalGlue, StampedOutputRunsOnTheHostTimedPath) {
+    const double now = re_engine_host_now_sec(e.get());
+    write_const(e.get(), 16384, 0.25f, 0.5f);
+    re_engine_note_capture(e.get(), 16384, 512, now - 0.5, -1.0);
     std::vector<float> data(2 * 256);
-    re_audio_buffer_list list{1, {buffer(data, 2)}};
-    const auto t = stamp(cap.host_of(re_engine_frames_written(e.get())) + 0.01);
-    play(list, &t);
+    const auto t = stamp(now);
+    play({1, {buf(data, 2)}}, &t);
     EXPECT_EQ(re_engine_timed(e.get(), 3), 1);
 }
 
