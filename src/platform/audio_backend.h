@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -113,6 +114,22 @@ class AudioBackend {
     // receivers hop to their own queue before acting.
     virtual void setChangeHandler(std::function<void(ChangeKind)> handler) = 0;
 
+    // Further receivers of the same events (the device monitor, the latency
+    // watcher, ...), called just like the handler. A listener may still be
+    // running when removeChangeListener returns: hop to a queue and check
+    // there whether the receiver still wants it.
+    uint64_t addChangeListener(std::function<void(ChangeKind)> listener) {
+        std::lock_guard lock(listenersMutex_);
+        uint64_t id = nextListener_++;
+        listeners_[id] =
+            std::make_shared<const std::function<void(ChangeKind)>>(std::move(listener));
+        return id;
+    }
+    void removeChangeListener(uint64_t id) {
+        std::lock_guard lock(listenersMutex_);
+        listeners_.erase(id);
+    }
+
     // Opens a record stream on a source (for the capture, "<sink>.monitor"),
     // float32 stereo at `rate`. The backend calls `proc` on its real-time
     // thread with each block in the input list and the host time of the
@@ -127,6 +144,22 @@ class AudioBackend {
     // host time at which the block's first frame will be heard.
     virtual StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
                                       void* clientData) = 0;
+
+  protected:
+    // Implementations call this, besides their handler, after each update.
+    void notifyChangeListeners(ChangeKind kind) {
+        std::vector<std::shared_ptr<const std::function<void(ChangeKind)>>> copy;
+        {
+            std::lock_guard lock(listenersMutex_);
+            for (const auto& [id, l] : listeners_) copy.push_back(l);
+        }
+        for (const auto& l : copy) (*l)(kind);
+    }
+
+  private:
+    std::mutex listenersMutex_;
+    std::map<uint64_t, std::shared_ptr<const std::function<void(ChangeKind)>>> listeners_;
+    uint64_t nextListener_ = 1;
 };
 
 // The property that marks our own streams, so that taking the default sink

@@ -127,6 +127,20 @@ TEST(FakeAudioBackend, ModulesSinksAndChangeEvents) {
     EXPECT_EQ(events.size(), 4u);
     fake.fireChange(ChangeKind::sinks);
     EXPECT_EQ(events.size(), 5u);
+
+    // Listeners hear the same events as the handler, until removed.
+    int heard = 0;
+    uint64_t a = fake.addChangeListener([&](ChangeKind) { ++heard; });
+    uint64_t b = fake.addChangeListener([&](ChangeKind) { heard += 10; });
+    fake.fireChange(ChangeKind::server);
+    EXPECT_EQ(heard, 11);
+    fake.removeChangeListener(a);
+    fake.fireChange(ChangeKind::server);
+    EXPECT_EQ(heard, 21);
+    fake.removeChangeListener(b);
+    fake.fireChange(ChangeKind::server);
+    EXPECT_EQ(heard, 21);
+    EXPECT_EQ(events.size(), 8u);
 }
 
 TEST(FakeAudioBackend, OwnStreamsAreNeverMovedAndWritesCanFail) {

@@ -171,6 +171,7 @@ void FakeAudioBackend::fireChange(ChangeKind kind) {
         handler = handler_;
     }
     if (handler) handler(kind);
+    notifyChangeListeners(kind);
 }
 
 void FakeAudioBackend::notify(ChangeKind kind) {

@@ -188,6 +188,7 @@ void PulseBackend::notify(ChangeKind kind) {
         handler = handler_;
     }
     if (handler) handler(kind);
+    notifyChangeListeners(kind);
 }
 
 void PulseBackend::setChangeHandler(std::function<void(ChangeKind)> handler) {
