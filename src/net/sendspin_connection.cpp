@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,7 +19,10 @@ using WebSocketFrame::Opcode;
 
 namespace {
 
+// While output waits, the loop looks at least this often even without a wake-up.
 constexpr int kPollMs = 20;
+// With nothing to write, the loop sleeps until input, a wake-up or this.
+constexpr int kIdlePollMs = 500;
 constexpr size_t kReadChunk = 4'096;
 // Left to itself the kernel grows a socket's send buffer to megabytes, and audio
 // parked there is audio a control message waits behind. A small buffer keeps the
@@ -42,10 +46,12 @@ SendspinConnection::SendspinConnection(int fd, int64_t id, Limits limits)
     fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
     setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
     lastInbound_ = monotonicSeconds();
+    wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
 SendspinConnection::~SendspinConnection() {
     if (fd_ >= 0) ::close(fd_);
+    if (wake_ >= 0) ::close(wake_);
 }
 
 void SendspinConnection::run(std::string_view leftover) {
@@ -75,15 +81,21 @@ void SendspinConnection::run(std::string_view leftover) {
             if (!isOpen_) break;
             // Waiting for room as well as for input lets a backlog resume the
             // moment the client reads, instead of at the next tick.
-            if (hasPendingOutputLocked()) events |= POLLOUT;
+            pollingForOutput_ = hasPendingOutputLocked();
+            if (pollingForOutput_) events |= POLLOUT;
         }
-        pollfd pfd{fd_, events, 0};
-        const int ready = poll(&pfd, 1, kPollMs);
+        pollfd pfds[2] = {{fd_, events, 0}, {wake_, POLLIN, 0}};
+        const int ready =
+            poll(pfds, wake_ >= 0 ? 2 : 1, events & POLLOUT || wake_ < 0 ? kPollMs : kIdlePollMs);
         if (ready < 0) {
             if (errno == EINTR) continue;
             break;
         }
-        if (ready == 0 || (pfd.revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+        if (pfds[1].revents & POLLIN) {
+            uint64_t count = 0;
+            [[maybe_unused]] const ssize_t ignored = read(wake_, &count, sizeof count);
+        }
+        if (ready == 0 || (pfds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
 
         const ssize_t n = recv(fd_, chunk, sizeof chunk, 0);
         const int64_t receivedUs = monotonicUs();
@@ -238,13 +250,24 @@ void SendspinConnection::flushLocked() {
                 inFlightWritten_ += static_cast<size_t>(n);
                 continue;
             }
-            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+                wakeLocked();
+                return;
+            }
             dropLocked();
             return;
         }
         inFlight_.clear();
         inFlightWritten_ = 0;
     }
+}
+
+void SendspinConnection::wakeLocked() {
+    // The loop already waits for room; otherwise it must start to.
+    if (pollingForOutput_ || wake_ < 0) return;
+    pollingForOutput_ = true;
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t ignored = write(wake_, &one, sizeof one);
 }
 
 bool SendspinConnection::isOpen() const {

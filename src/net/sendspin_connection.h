@@ -61,8 +61,12 @@ class SendspinConnection {
     // False ends the connection.
     bool handleFrame(uint8_t opcode, bool fin, std::string payload, int64_t receivedUs);
 
+    void wakeLocked();
+
     const int64_t id_;
     int fd_;
+    int wake_ = -1;  // an eventfd: a producer left output the socket would not take
+    bool pollingForOutput_ = false;
     const Limits limits_;
     mutable std::mutex lock_;
     bool isOpen_ = true;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <random>
+#include <vector>
 
 #include "sendspin/clock_sync.h"
 #include "sendspin/dither.h"
@@ -85,6 +86,16 @@ TEST(DitherQuantizer, KeepsSilenceSilentAndClampsAtTheRails) {
         sum += v;
     }
     EXPECT_NEAR(sum / 10'000, 0.5 * 32767, 0.05);
+}
+
+TEST(DitherQuantizer, TheBlockFormMatchesSampleBySample) {
+    std::vector<float> in;
+    for (int i = 0; i < 2000; ++i) in.push_back(std::sin(i * 0.01f) * (i % 7 == 0 ? 0.0f : 1.2f));
+    in.push_back(NAN);
+    DitherQuantizer one, block;
+    std::vector<int16_t> out(in.size());
+    block.quantize(in.data(), out.data(), in.size());
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], one.quantize(in[i])) << i;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -45,7 +46,10 @@ uint16_t LoadServer::start() {
             if (fd < 0) continue;
             const int yes = 1;
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-            clients_.emplace_back([this, fd, id = ++nextId] { serve(fd, id); });
+            clients_.emplace_back([this, fd, id = ++nextId] {
+                pthread_setname_np(pthread_self(), "GuestClient");
+                serve(fd, id);
+            });
         }
     });
     return ntohs(address.sin_port);
