@@ -1,0 +1,22 @@
+// Which sinks are the capture sink (ours, or an old loopback driver's) and
+// which are real outputs, for taking and giving back the default sink.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "platform/audio_backend.h"
+
+namespace vt::guard {
+
+// Our sink by name or shown name; failing that, a "BlackHole 2ch" loopback.
+std::optional<platform::SinkInfo> findCaptureSink(const std::vector<platform::SinkInfo>& sinks);
+// Ours, or any sink whose shown name starts with "BlackHole".
+bool isCaptureSink(const platform::SinkInfo& sink);
+// Sinks that can play to a person: channels, and not a capture sink.
+std::vector<platform::SinkInfo> realOutputs(const std::vector<platform::SinkInfo>& sinks);
+// The sink of that name if it is present and a real output.
+std::optional<platform::SinkInfo> presentRealOutput(const std::vector<platform::SinkInfo>& sinks,
+                                                    const std::optional<std::string>& name);
+
+}  // namespace vt::guard

@@ -1,0 +1,134 @@
+#include "guard/output_restorer.h"
+
+#include <chrono>
+#include <thread>
+
+#include "engine/engine_error.h"
+#include "engine/multi_output_engine.h"
+#include "guard/capture_sinks.h"
+
+namespace vt::guard {
+
+using platform::SinkInfo;
+using Engine = engine::MultiOutputEngine;
+
+namespace {
+
+std::optional<SinkInfo> byName(const std::vector<SinkInfo>& sinks,
+                               const std::optional<std::string>& name) {
+    if (!name) return std::nullopt;
+    for (const SinkInfo& s : sinks)
+        if (s.name == *name) return s;
+    return std::nullopt;
+}
+
+// Carries a level across the change of default sink, so that the music does
+// not jump when the other sink takes over.
+void copyVolume(platform::AudioBackend& backend, const SinkInfo& from, const SinkInfo& to) {
+    if (from.hasVolume && to.hasVolume) backend.setSinkVolume(to.id, from.volumeScalar);
+}
+
+}  // namespace
+
+OutputRestorer::OutputRestorer(platform::AudioBackend& backend, settings::Settings& settings)
+    : backend_(backend), settings_(settings) {}
+
+SinkInfo OutputRestorer::ensureCaptureSink() {
+    if (auto found = findCaptureSink(backend_.sinks())) return *found;
+    std::optional<uint32_t> module = backend_.loadNullSink(
+        Engine::kCaptureSinkName, Engine::kCaptureSinkDescription, Engine::kCaptureRate, 2, true);
+    if (!module) throw engine::EngineError::blackHoleMissing();
+    // The server answers the load before its sink list shows the sink.
+    for (int i = 0; i < 200; ++i) {
+        if (auto sink = backend_.sinkByName(Engine::kCaptureSinkName)) {
+            madeModule_ = module;
+            return *sink;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    backend_.unloadModule(*module);
+    throw engine::EngineError::blackHoleMissing();
+}
+
+void OutputRestorer::dropCaptureSinkWeMade() {
+    if (!madeModule_) return;
+    backend_.unloadModule(*madeModule_);
+    madeModule_.reset();
+}
+
+void OutputRestorer::switchToBlackHole() {
+    const SinkInfo capture = ensureCaptureSink();
+    const std::vector<SinkInfo> sinks = backend_.sinks();
+
+    savedDefaultUID_ = backend_.defaultSinkName();
+    std::optional<SinkInfo> saved = byName(sinks, savedDefaultUID_);
+    if (saved && isCaptureSink(*saved)) {
+        // An earlier run left the default on the capture sink: give back what
+        // it should have given back, not the capture sink itself.
+        saved = presentRealOutput(sinks, settings_.pendingRestoreUID());
+        if (!saved) saved = presentRealOutput(sinks, settings_.lastOutputUID());
+        if (!saved) {
+            std::vector<SinkInfo> outputs = realOutputs(sinks);
+            if (!outputs.empty()) saved = outputs.front();
+        }
+        savedDefaultUID_ = saved ? std::optional(saved->name) : std::nullopt;
+    }
+    if (saved && !isCaptureSink(*saved)) {
+        settings_.setPendingRestoreUID(saved->name);
+        settings_.setLastOutputUID(saved->name);
+        copyVolume(backend_, *saved, capture);
+    }
+
+    backend_.setDefaultSink(capture.name);
+    MovedStreams moved = takeStreams(backend_, capture);
+    moved_.insert(moved.begin(), moved.end());
+}
+
+void OutputRestorer::restore() {
+    const std::vector<SinkInfo> sinks = backend_.sinks();
+    std::optional<SinkInfo> target = byName(sinks, savedDefaultUID_);
+    bool givenBack = false;
+    if (target) {
+        if (auto capture = findCaptureSink(sinks)) copyVolume(backend_, *capture, *target);
+        givenBack = backend_.setDefaultSink(target->name);
+    }
+    giveStreamsBack(backend_, moved_,
+                    target ? std::optional(target->name) : std::optional<std::string>());
+
+    savedDefaultUID_.reset();
+    moved_.clear();
+    if (givenBack) {
+        settings_.setPendingRestoreUID(std::nullopt);
+        dropCaptureSinkWeMade();
+    }
+}
+
+std::optional<std::string> OutputRestorer::handBackIfStranded() {
+    if (!defaultIsCapture()) return std::nullopt;
+    const std::vector<SinkInfo> sinks = backend_.sinks();
+    std::optional<SinkInfo> target = presentRealOutput(sinks, settings_.pendingRestoreUID());
+    if (!target) {
+        std::vector<SinkInfo> outputs = realOutputs(sinks);
+        if (outputs.empty()) return std::nullopt;
+        target = outputs.front();
+    }
+    // A refused write is tried again on the guard's next pass.
+    if (!backend_.setDefaultSink(target->name)) return std::nullopt;
+    giveStreamsBack(backend_, moved_, target->name);
+    moved_.clear();
+    settings_.setPendingRestoreUID(std::nullopt);
+    dropCaptureSinkWeMade();
+    return target->description.empty() ? target->name : target->description;
+}
+
+bool OutputRestorer::captureExists() {
+    return findCaptureSink(backend_.sinks()).has_value();
+}
+
+bool OutputRestorer::defaultIsCapture() {
+    std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks());
+    std::optional<std::string> current = backend_.defaultSinkName();
+    return capture && current && *current == capture->name;
+}
+
+}  // namespace vt::guard

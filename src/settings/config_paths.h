@@ -1,0 +1,17 @@
+// Where the program keeps its files, by the XDG base directory rules.
+#pragma once
+
+#include <filesystem>
+
+namespace vt::settings {
+
+// The settings folder: $VELLATONE_CONFIG_DIR, else $XDG_CONFIG_HOME/vellatone,
+// else ~/.config/vellatone.
+std::filesystem::path configDir();
+// configDir()/settings.json
+std::filesystem::path settingsFile();
+// The drift log: ~/Desktop/vellatone-drift.csv when that folder exists, else
+// $XDG_STATE_HOME/vellatone/vellatone-drift.csv (~/.local/state by default).
+std::filesystem::path driftLogFile();
+
+}  // namespace vt::settings
