@@ -70,10 +70,12 @@ if [[ $(grep -c ' open$' "$work/engine.out") -lt 3 ]]; then
 fi
 
 # Band-limited noise, so that the 44.1 kHz speaker carries the same sound.
-sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw - \
-    synth $((DURATION + SETTLE + 20)) whitenoise vol 0.5 sinc -12k 2>/dev/null |
-    pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le \
-        --latency-msec=20 --client-name=measure-sync-noise &
+# Made in advance: a generator that falls behind under load would put gaps
+# into the signal that are no fault of the engine.
+sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/noise.raw" \
+    synth $((DURATION + SETTLE + 20)) whitenoise vol 0.5 sinc -12k 2>/dev/null
+pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le \
+    --latency-msec=100 --client-name=measure-sync-noise <"$work/noise.raw" &
 noise_pid=$!
 
 # An idle null sink renders far ahead; measure once audio flows in small blocks.

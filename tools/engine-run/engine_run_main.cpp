@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
-    auto backend = vt::platform::pulse::PulseBackend::connect("Vellatone");
+    auto backend = std::make_unique<vt::platform::PulseBackend>();
     if (!backend || !backend->connected()) {
         std::fprintf(stderr, "vellatone-engine-run: no sound server\n");
         return 2;

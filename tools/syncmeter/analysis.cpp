@@ -70,10 +70,10 @@ std::vector<float> resampleOnto(const Track& a, const Track& b) {
     std::vector<float> out(a.samples->size(), 0.0f);
     const double span = static_cast<double>(src.size());
     for (size_t i = 0; i < out.size(); ++i) {
-        double t = a.firstFrameSec + static_cast<double>(i) / a.rate;
-        double pos = (t - b.firstFrameSec) * b.rate;
+        double t = a.firstFrameSec + static_cast<double>(i) * periodOf(a);
+        double pos = (t - b.firstFrameSec) / periodOf(b);
         if (pos < kHalfTaps || pos > span - kHalfTaps - 1) continue;
-        if (a.rate == b.rate && std::fabs(pos - std::round(pos)) < 1e-9) {
+        if (std::fabs(pos - std::round(pos)) < 1e-9) {
             out[i] = src[static_cast<size_t>(std::lround(pos))];
         } else {
             out[i] = static_cast<float>(sampleAt(src, pos));
@@ -181,7 +181,7 @@ std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int wind
         auto lag = bestLag(ref, other, static_cast<size_t>(begin), length, *rough - search,
                            *rough + search);
         if (!lag) continue;
-        points.push_back({static_cast<double>(begin) / a.rate, *lag / a.rate * 1000.0});
+        points.push_back({static_cast<double>(begin) * periodOf(a), *lag * periodOf(a) * 1000.0});
     }
     return points;
 }

@@ -11,8 +11,9 @@ namespace vt::syncmeter {
 
 struct Track {
     const std::vector<float>* samples = nullptr;
-    double rate = 0;
-    double firstFrameSec = 0;  // when sample 0 played
+    double rate = 0;             // nominal
+    double firstFrameSec = 0;    // when sample 0 played
+    double secondsPerFrame = 0;  // as played; 1 / rate when 0
 };
 
 // `b` resampled onto `a`'s sample grid: out[i] is b as it sounded at the
@@ -28,6 +29,10 @@ std::optional<double> bestLag(const std::vector<float>& ref, const std::vector<f
 // +-maxLag samples.
 std::optional<long> coarseLag(const std::vector<float>& ref, const std::vector<float>& other,
                               long maxLag);
+
+inline double periodOf(const Track& t) {
+    return t.secondsPerFrame > 0 ? t.secondsPerFrame : 1.0 / t.rate;
+}
 
 struct OffsetPoint {
     double atSec = 0;     // seconds into a's recording

@@ -1,10 +1,14 @@
 #include "recorder.h"
 
+#include "clock_fit.h"
+
 #include <pulse/pulseaudio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -24,7 +28,7 @@ struct Channel {
     pa_stream* stream = nullptr;
     pa_sample_spec spec{};
     uint64_t bytesTaken = 0;
-    std::vector<double> starts;
+    std::vector<ClockPoint> starts;
     bool ready = false;
     bool failed = false;
     bool recording = false;
@@ -112,7 +116,7 @@ void onTiming(pa_stream* st, int success, void* user) {
     double written = static_cast<double>(ti->write_index) / (8.0 * ch->rec.rate);
     double playing = written + static_cast<double>(ti->source_usec) * 1e-6 -
                      static_cast<double>(ti->sink_usec) * 1e-6;
-    ch->starts.push_back(tsMono - playing);
+    ch->starts.push_back({playing, tsMono - playing});
 }
 
 void iterateFor(Session& s, double seconds) {
@@ -134,11 +138,6 @@ void iterateUntil(Session& s, Done done, double timeout, const char* what) {
         }
         pa_mainloop_iterate(s.loop, 1, nullptr);
     }
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 }  // namespace
@@ -238,15 +237,25 @@ std::vector<Recording> recordSources(const std::vector<RecordRequest>& requests,
             auto& ch = *s.channels[i];
             if (ch.failed) throw std::runtime_error("record stream failed on " + ch.rec.source);
             if (ch.starts.empty()) throw std::runtime_error("no timing for " + ch.rec.source);
-            // The estimates are of the stream's byte 0; our first frame is
+            ClockLine line = fitClock(ch.starts);
+            // The line is of the stream's byte 0; our first frame is
             // startByte later.
-            double offset = static_cast<double>(startByte[i]) / (8.0 * ch.rec.rate);
-            std::vector<double> sorted = ch.starts;
-            std::sort(sorted.begin(), sorted.end());
-            ch.rec.firstFramePlayedSec = median(ch.starts) + offset;
-            ch.rec.snapshots = ch.starts.size();
-            ch.rec.startSpreadMs =
-                (sorted[sorted.size() * 3 / 4] - sorted[sorted.size() / 4]) * 1000.0;
+            double skipped = static_cast<double>(startByte[i]) / (8.0 * ch.rec.rate);
+            ch.rec.firstFramePlayedSec = line.startSec + skipped * (1 + line.slope);
+            ch.rec.secondsPerFrame = (1 + line.slope) / ch.rec.rate;
+            ch.rec.clockPpm = -line.slope * 1e6;
+            ch.rec.snapshots = line.used;
+            ch.rec.startSpreadMs = line.spreadMs;
+            if (const char* dump = std::getenv("VELLATONE_SYNCMETER_DUMP")) {
+                // Every snapshot, for looking at how the server's timing scatters.
+                std::string path = std::string(dump) + "/" + ch.rec.name + ".timing";
+                if (FILE* f = std::fopen(path.c_str(), "w")) {
+                    for (const auto& p : ch.starts) {
+                        std::fprintf(f, "%.9f %.9f\n", p.positionSec, p.startSec);
+                    }
+                    std::fclose(f);
+                }
+            }
             out.push_back(std::move(ch.rec));
         }
         cleanup();

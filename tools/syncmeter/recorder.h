@@ -3,9 +3,9 @@
 //
 // Every ~20 ms each stream's raw timing is fetched from the server. For a
 // monitor source the stream position playing at the snapshot's timestamp is
-// write_index (as time) + source latency - sink latency; the first frame's
-// play time follows from it. The median over the run is kept, which rides out
-// the odd snapshot taken while a block was in transit.
+// write_index (as time) + source latency - sink latency. A line fitted
+// through all of them says when each recorded frame played, riding out the
+// odd snapshot taken while a block was in transit, and the sink's own drift.
 #pragma once
 
 #include <string>
@@ -20,8 +20,10 @@ struct Recording {
     std::vector<float> left;         // one channel is enough to compare
     std::vector<float> right;        // kept for the dropout check
     double firstFramePlayedSec = 0;  // CLOCK_MONOTONIC
+    double secondsPerFrame = 0;      // as the sink really played them
+    double clockPpm = 0;             // how fast the sink ran against the host clock
     size_t snapshots = 0;
-    double startSpreadMs = 0;  // interquartile range of the per-snapshot estimates
+    double startSpreadMs = 0;  // interquartile range of the snapshots around the fitted line
 };
 
 struct RecordRequest {

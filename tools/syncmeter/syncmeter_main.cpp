@@ -95,8 +95,10 @@ int main(int argc, char** argv) {
     for (const auto& r : recs) {
         byName[r.name] = &r;
         std::fprintf(stderr,
-                     "recorded %s: %.0f Hz, %zu frames, %zu timing snapshots, spread %.3f ms\n",
-                     r.name.c_str(), r.rate, r.left.size(), r.snapshots, r.startSpreadMs);
+                     "recorded %s: %.0f Hz running %+.1f ppm against the host clock, %zu frames, "
+                     "%zu timing snapshots within %.3f ms\n",
+                     r.name.c_str(), r.rate, r.clockPpm, r.left.size(), r.snapshots,
+                     r.startSpreadMs);
     }
     auto track = [&](const std::string& name) {
         auto it = byName.find(name);
@@ -105,7 +107,7 @@ int main(int argc, char** argv) {
             std::exit(2);
         }
         return vt::syncmeter::Track{&it->second->left, it->second->rate,
-                                    it->second->firstFramePlayedSec};
+                                    it->second->firstFramePlayedSec, it->second->secondsPerFrame};
     };
 
     bool ok = true;
