@@ -20,6 +20,7 @@ constexpr double kMaxSecPerFrame = 2.0854166666666664e-05;
 constexpr double kDllMaxGapFrames = 96000.0;
 constexpr double kDllMaxErrorSec = 0.004;
 constexpr double kUnityKey = 1.000001;
+constexpr double kMaxKernelKey = 64.0;
 constexpr double kGlideFrames = 480.0;
 constexpr double kCoastFrames = 48000.0;
 constexpr double kSlewWindowFrames = 4096.0;
@@ -217,6 +218,16 @@ bool read_clock(const re_engine* e, int attempts, clock_snapshot* out) {
 
 void render_untimed(re_engine* e, re_slot* s, float* out, uint32_t n);
 
+// A delay, ratio or clock that is not a number (or absurdly large) must not
+// reach the frame index arithmetic; such a block is silent and unlocked.
+bool position_usable(re_slot* s, double step, float* out, uint32_t n) {
+    if (std::fabs(s->read_pos) < 1e18 && std::fabs(step) < 1e6) return true;
+    s->locked = 0;
+    s->fade_left = 0;
+    silence(s, out, n);
+    return false;
+}
+
 // The timed path handing a block to the fill-based one, after it has
 // already taken the reset and updated the equalisers for this block.
 void fall_back_untimed(re_engine* e, re_slot* s, float* out, uint32_t n) {
@@ -231,6 +242,8 @@ void fall_back_untimed(re_engine* e, re_slot* s, float* out, uint32_t n) {
 // Interpolation tables
 
 const re_kernel* re_kernel_build(double key) {
+    // Nothing plays below 750 Hz; a key past that is a bad value, not a device.
+    if (!(key <= kMaxKernelKey)) return nullptr;
     const bool unity = key <= kUnityKey;
     const int half = unity ? 32 : static_cast<int>(std::ceil(key * 64.0));
     const int taps = 2 * half;
@@ -784,6 +797,7 @@ void render_untimed(re_engine* e, re_slot* s, float* out, uint32_t n) {
     const double u = s->integral + err * 2e-6;
     const double c = clampd(u, -limit, limit);
     if (c == u) s->integral += err * 1e-9;
+    if (!position_usable(s, (1.0 + c) * ratio, out, n)) return;
     s->fill_err_frames.store(err, std::memory_order_relaxed);
     s->ppm.store(c * 1e6, std::memory_order_relaxed);
     re_render_frames(e, s, k, out, n, (1.0 + c) * ratio, gain_target);
@@ -961,6 +975,7 @@ void re_engine_render_at_host(re_engine* e, int32_t slot, float* out, uint32_t f
         if (c_speed == u) s->integral += err * 1e-9 * nd / 512.0;
     }
 
+    if (!position_usable(s, (1.0 + c_speed) * ratio, out, frames)) return;
     s->fill_err_frames.store(err, std::memory_order_relaxed);
     s->ppm.store(c_speed * 1e6, std::memory_order_relaxed);
     re_render_frames(e, s, k, out, frames, (1.0 + c_speed) * ratio, gain_target);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "engine_fixture.h"
 
 namespace {
@@ -129,6 +131,18 @@ TEST_F(UntimedRender, RateLoopLimitsAndIntegrator) {
     cycle();
     EXPECT_NEAR(re_engine_ppm(e.get(), 0), 100.0, 1e-6);
     EXPECT_DOUBLE_EQ(s->integral, 50e-9);
+}
+
+TEST_F(UntimedRender, ValuesThatAreNotNumbersGiveSilence) {
+    settle();
+    re_engine_set_delay_ms(e.get(), 0, std::nan(""));
+    EXPECT_EQ(cycle(), std::vector<float>(2 * kBlock, 0.0f));
+    re_engine_set_delay_ms(e.get(), 0, 0.0);
+    re_engine_set_base_ratio(e.get(), 0, INFINITY);
+    EXPECT_EQ(s->kernel.load()->taps, 64) << "the nearest table stays";
+    EXPECT_EQ(render(e.get(), 0, kBlock, 1.0, 1.0), std::vector<float>(2 * kBlock, 0.0f));
+    re_engine_set_base_ratio(e.get(), 0, 1.0);
+    EXPECT_EQ(cycle()[2 * 255 + 1], 1.0f);
 }
 
 }  // namespace
