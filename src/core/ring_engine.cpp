@@ -6,6 +6,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <numbers>
@@ -262,39 +263,32 @@ const re_kernel* re_kernel_build(double key) {
 
     const double i0_beta = bessel_i0_from_quarter_square(20.25);
     const double norm_cut = cutoff / RE_RATE;
+    std::unique_ptr<double[]> row(new (std::nothrow) double[taps]);
+    if (!row) {
+        std::free(mem);
+        return nullptr;
+    }
     float* rows = reinterpret_cast<float*>(k + 1);
-    double row_vals[2 * kChunkTaps];
     for (int p = 0; p <= RE_PHASES; ++p) {
         double sum = 0.0;
-        double* vals = taps <= 2 * kChunkTaps ? row_vals : nullptr;
-        // Very long tables (ratios far above any device) recompute the row.
-        for (int pass = 0; pass < (vals ? 1 : 2); ++pass) {
-            for (int j = 0; j < taps; ++j) {
-                const double t = static_cast<double>(j - half + 1) -
-                                 static_cast<double>(p) / static_cast<double>(RE_PHASES);
-                const double r = t / half;
-                double w = 0.0;
-                if (std::fabs(r) < 1.0) {
-                    const double arg = 9.0 * std::sqrt(1.0 - r * r);
-                    w = bessel_i0_from_quarter_square(arg * arg / 4.0) / i0_beta;
-                }
-                const double x = norm_cut * 2.0 * std::numbers::pi * t;
-                const double sinc = std::fabs(x) < 1e-12 ? 1.0 : std::sin(x) / x;
-                const double c = w * (2.0 * norm_cut) * sinc;
-                if (vals) {
-                    vals[j] = c;
-                    sum += c;
-                } else if (pass == 0) {
-                    sum += c;
-                } else {
-                    rows[static_cast<size_t>(p) * taps + j] = static_cast<float>(c / sum);
-                }
+        for (int j = 0; j < taps; ++j) {
+            const double t = static_cast<double>(j - half + 1) -
+                             static_cast<double>(p) / static_cast<double>(RE_PHASES);
+            const double r = t / half;
+            double w = 0.0;
+            if (std::fabs(r) < 1.0) {
+                const double arg = 9.0 * std::sqrt(1.0 - r * r);
+                w = bessel_i0_from_quarter_square(arg * arg / 4.0) / i0_beta;
             }
+            const double x = norm_cut * 2.0 * std::numbers::pi * t;
+            const double sinc = std::fabs(x) < 1e-12 ? 1.0 : std::sin(x) / x;
+            row[j] = w * (2.0 * norm_cut) * sinc;
+            sum += row[j];
         }
-        if (vals) {
-            for (int j = 0; j < taps; ++j) {
-                rows[static_cast<size_t>(p) * taps + j] = static_cast<float>(vals[j] / sum);
-            }
+        // Every row sums to exactly one, so reading relative to the centre
+        // frame equals the plain convolution.
+        for (int j = 0; j < taps; ++j) {
+            rows[static_cast<size_t>(p) * taps + j] = static_cast<float>(row[j] / sum);
         }
     }
     return k;
