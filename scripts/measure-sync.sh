@@ -24,36 +24,24 @@ for cmd in pulseaudio pactl pacat sox; do
 done
 
 work=$(mktemp -d /tmp/vellatone-sync.XXXXXX)
-mkdir -m 700 "$work/run" "$work/home"
-export XDG_RUNTIME_DIR=$work/run HOME=$work/home
-export PULSE_SERVER=unix:$work/run/pulse/native
-unset PULSE_SINK PULSE_SOURCE
 
-engine_pid= noise_pid= pa_pid=
+engine_pid= noise_pid= pulse_started=
 cleanup() {
     [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null || true
     if [[ -n $engine_pid ]]; then
         kill -TERM "$engine_pid" 2>/dev/null || true
         wait "$engine_pid" 2>/dev/null || true
     fi
-    [[ -n $pa_pid ]] && kill "$pa_pid" 2>/dev/null || true
+    [[ -n $pulse_started ]] && "$here/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1 || true
     if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "measure-sync: kept $work" >&2; fi
 }
 trap cleanup EXIT
 
-pulseaudio -n --daemonize=yes --system=false --exit-idle-time=-1 --disallow-exit \
-    --log-target=file:"$work/pa.log" \
-    -L "module-native-protocol-unix auth-anonymous=1" 2>/dev/null
-for _ in $(seq 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
-pa_pid=$(cat "$work/run/pulse/pid")
-
-speaker() {  # name rate description
-    pactl load-module module-null-sink sink_name="$1" rate="$2" channels=2 format=float32le \
-        sink_properties=device.description="$3" >/dev/null
-}
-speaker living 48000 Living
-speaker kitchen 44100 Kitchen
-speaker den 48000 Den
+unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
+pulse_started=1
+eval "$("$here/scripts/private-pulse.sh" start "$work/pulse" \
+    living:48000:Living kitchen:44100:Kitchen den:48000:Den)"
+[[ -n ${PULSE_SERVER:-} ]] || { echo "measure-sync: no private PulseAudio" >&2; exit 2; }
 
 "$BIN/vellatone-engine-run" --seconds $((DURATION + SETTLE + 30)) \
     living=0 kitchen=0 den=100 >"$work/engine.out" 2>"$work/engine.err" &
