@@ -27,6 +27,14 @@ std::vector<EQBand> EQSettings::sized(std::vector<EQBand> bands) {
     return bands;
 }
 
+EQSettings EQSettings::clamped() const {
+    EQSettings s = *this;
+    s.preampDb = preampRange.clamp(preampDb, 0.0);
+    s.bands = sized(bands);
+    for (EQBand& b : s.bands) b = b.clamped();
+    return s;
+}
+
 bool EQSettings::isFlat() const {
     if (preampDb != 0.0) return false;
     return std::all_of(bands.begin(), bands.end(), [](const EQBand& b) { return b.isIdentity(); });

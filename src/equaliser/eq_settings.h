@@ -26,6 +26,9 @@ struct EQSettings {
     // from flatBands at the missing positions.
     static std::vector<EQBand> sized(std::vector<EQBand> bands);
 
+    // Six bands, each value in its range: what is safe to publish.
+    EQSettings clamped() const;
+
     // Nothing would change the sound even if enabled.
     bool isFlat() const;
     // What the equaliser does at one frequency: 0 when disabled, else the

@@ -2,6 +2,7 @@
 // clamps, sizing, flatness, the response curve and the suggested preamp.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "core/eq_rt.h"
@@ -105,6 +106,20 @@ TEST(EQSettingsTest, SizedCutsOrFillsFromTheFlatBandsAtTheMissingPositions) {
     EXPECT_EQ(filled[5], EQSettings::flatBands()[5]);
     const auto cut = EQSettings::sized(std::vector<EQBand>(9, odd));
     EXPECT_EQ(cut, std::vector<EQBand>(6, odd));
+}
+
+TEST(EQSettingsTest, ClampedIsSafeToPublish) {
+    EQSettings s;
+    s.preampDb = -100;
+    s.bands = {{EQKind::peak, 3, 40, 0}, {static_cast<EQKind>(12), 500, 0, 1}};
+    const EQSettings c = s.clamped();
+    EXPECT_EQ(c.preampDb, -24);
+    ASSERT_EQ(c.bands.size(), 6u);
+    EXPECT_EQ(c.bands[0], (EQBand{EQKind::peak, 20, 24, 0.1}));
+    EXPECT_EQ(c.bands[1].kind, EQKind::off);
+    EXPECT_EQ(c.bands[4], EQSettings::flatBands()[4]);
+    s.preampDb = std::nan("");
+    EXPECT_EQ(s.clamped().preampDb, 0);
 }
 
 TEST(EQSettingsTest, FlatnessNeedsNoPreampAndOnlyIdentityBands) {
