@@ -301,16 +301,28 @@ Stats statsOf(std::vector<double> v) {
     return s;
 }
 
-// Residuals of block times against a straight line at the stream's rate.
+// Residuals of block times against the straight line that fits them best:
+// a sink's clock may run a little fast or slow against the host's, which is
+// drift, not jitter.
 std::vector<double> lineResiduals(const std::vector<double>& times,
-                                  const std::vector<double>& frames, size_t n, double rate) {
-    std::vector<double> offs;
-    for (size_t i = 0; i < n; ++i) offs.push_back(times[i] - frames[i] / rate);
-    std::vector<double> sorted = offs;
-    std::sort(sorted.begin(), sorted.end());
-    double mid = sorted[sorted.size() / 2];
-    for (double& o : offs) o -= mid;
-    return offs;
+                                  const std::vector<double>& frames) {
+    const size_t n = times.size();
+    double mf = 0, mt = 0;
+    for (size_t i = 0; i < n; ++i) {
+        mf += frames[i];
+        mt += times[i];
+    }
+    mf /= static_cast<double>(n);
+    mt /= static_cast<double>(n);
+    double sff = 0, sft = 0;
+    for (size_t i = 0; i < n; ++i) {
+        sff += (frames[i] - mf) * (frames[i] - mf);
+        sft += (frames[i] - mf) * (times[i] - mt);
+    }
+    const double slope = sft / sff;
+    std::vector<double> out;
+    for (size_t i = 0; i < n; ++i) out.push_back(times[i] - (mt + slope * (frames[i] - mf)));
+    return out;
 }
 
 void runProbe(PulseBackend& backend, const std::string& sink, double rate, double seconds) {
@@ -342,7 +354,7 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
             pf.push_back(static_cast<double>(probe.presentFrames[i]));
         }
     ASSERT_GT(pt.size(), 20u);
-    auto pStats = statsOf(lineResiduals(pt, pf, pt.size(), rate));
+    auto pStats = statsOf(lineResiduals(pt, pf));
     // Capture: host times advance with the frame count.
     std::vector<double> ct, cf;
     for (size_t i = 0; i < std::min(probe.captured.load(), probe.captureTimes.size()); ++i)
@@ -351,7 +363,7 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
             cf.push_back(probe.captureFrames[i]);
         }
     ASSERT_GT(ct.size(), 20u);
-    auto cStats = statsOf(lineResiduals(ct, cf, ct.size(), rate));
+    auto cStats = statsOf(lineResiduals(ct, cf));
     // Latency of the last block written: how far ahead of now it is heard.
     const double lead =
         probe.presentTimes[std::min(probe.blocks.load(), probe.presentTimes.size()) - 1] - t1;

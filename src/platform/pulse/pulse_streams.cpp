@@ -62,6 +62,7 @@ class PulseStream : public Stream {
     const IOProc proc_;
     void* const clientData_;
     StreamClock clock_;
+    int64_t lastSnapshotIndex_ = -1;
 
   private:
     static void stateCallback(pa_stream* s, void* self);
@@ -206,7 +207,9 @@ class PlaybackStream final : public PulseStream {
     }
 
     void onTiming(const pa_timing_info& info) override {
-        if (info.read_index_corrupt) return;
+        // A position that has not moved says nothing about the rate.
+        if (info.read_index_corrupt || info.read_index == lastSnapshotIndex_) return;
+        lastSnapshotIndex_ = info.read_index;
         const double ts = monotonicOfWall(info.timestamp);
         const double sinkSec = static_cast<double>(info.sink_usec) * 1e-6;
         const double readSec = static_cast<double>(info.read_index) / bytesPerSecond_;
@@ -308,7 +311,10 @@ class RecordStream final : public PulseStream {
     }
 
     void onTiming(const pa_timing_info& info) override {
-        if (info.write_index_corrupt) return;
+        // Until the sink plays, nothing reaches the monitor and the
+        // position stands still; such snapshots say nothing about the rate.
+        if (info.write_index_corrupt || info.write_index == lastSnapshotIndex_) return;
+        lastSnapshotIndex_ = info.write_index;
         // The position playing into the monitored sink at `timestamp`:
         // what the server has queued for us, plus what the source still holds,
         // less what the sink has rendered ahead of playing it.

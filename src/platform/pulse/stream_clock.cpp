@@ -3,25 +3,107 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace vt::platform::pulse {
 
 void StreamClock::addSnapshot(double hostSec, double positionSec) {
-    const double sample = hostSec - positionSec;
-    lastResidual_ = count_ ? sample - offset_ : 0.0;
-    window_[next_] = sample;
-    next_ = (next_ + 1) % kWindow;
-    if (count_ < kWindow) ++count_;
+    samples_[total_ % kCapacity] = Point{positionSec, hostSec - positionSec};
+    ++total_;
+    if (total_ - start_ > kCapacity) start_ = total_ - kCapacity;
+    lastPosition_ = positionSec;
+    refit();
+}
 
-    // Mean of the middle half: as robust as the median against the odd late
-    // answer, with finer resolution than any single snapshot.
-    std::array<double, kWindow> sorted;
-    std::copy_n(window_.begin(), count_, sorted.begin());
-    std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count_));
-    size_t lo = count_ / 4, hi = count_ - count_ / 4;
-    double sum = 0;
-    for (size_t i = lo; i < hi; ++i) sum += sorted[i];
-    offset_ = sum / static_cast<double>(hi - lo);
+bool StreamClock::groupPoint(uint64_t g, size_t needed, Point& out) const {
+    const uint64_t from = std::max(g * kGroup, start_);
+    const uint64_t to = std::min((g + 1) * kGroup, total_);
+    if (to <= from || to - from < needed) return false;
+    std::array<Point, kGroup> group;
+    size_t n = 0;
+    for (uint64_t i = from; i < to; ++i) group[n++] = samples_[i % kCapacity];
+    std::partial_sort(group.begin(), group.begin() + kEarliest, group.begin() + n,
+                      [](const Point& a, const Point& b) { return a.offset < b.offset; });
+    out = Point{};
+    for (size_t i = 0; i < kEarliest; ++i) {
+        out.position += group[i].position;
+        out.offset += group[i].offset;
+    }
+    out.position /= kEarliest;
+    out.offset /= kEarliest;
+    return true;
+}
+
+void StreamClock::fit(const Point* pts, size_t n, double& intercept, double& slope, double& pivot) {
+    double mp = 0, mo = 0;
+    for (size_t i = 0; i < n; ++i) {
+        mp += pts[i].position;
+        mo += pts[i].offset;
+    }
+    mp /= static_cast<double>(n);
+    mo /= static_cast<double>(n);
+    double spp = 0, spo = 0;
+    for (size_t i = 0; i < n; ++i) {
+        spp += (pts[i].position - mp) * (pts[i].position - mp);
+        spo += (pts[i].position - mp) * (pts[i].offset - mo);
+    }
+    slope = spp > 1e-9 ? std::clamp(spo / spp, -kMaxDrift, kMaxDrift) : 0.0;
+    intercept = mo;
+    pivot = mp;
+}
+
+void StreamClock::refit() {
+    const uint64_t last = (total_ - 1) / kGroup;
+    const bool lastFull = total_ % kGroup == 0;
+    // Only whole groups make points: a group's earliest few are then likely
+    // to be on time, where a half-filled group after a busy moment would pull
+    // the line. A first line, with nothing else to go on, is drawn from the
+    // group that is filling.
+    std::array<Point, kGroups + 1> pts;
+    size_t n = 0;
+    const uint64_t newestFull = lastFull ? last : last - (last > 0 ? 1 : 0);
+    if (lastFull || last > 0) {
+        const uint64_t first = newestFull >= kGroups ? newestFull - kGroups + 1 : 0;
+        for (uint64_t g = first; g <= newestFull; ++g)
+            if (groupPoint(g, kGroup, pts[n])) ++n;
+    }
+    if (n == 0) {
+        if (valid_ || !groupPoint(last, kEarliest, pts[n])) return;
+        ++n;
+    }
+
+    // A jump of a newly completed group away from the line of the older
+    // ones is a new timeline (the server re-anchored the stream): start
+    // again from it.
+    if (lastFull && n >= 2) {
+        double a, b, pivot;
+        fit(pts.data(), n - 1, a, b, pivot);
+        const Point& newest = pts[n - 1];
+        if (std::fabs(newest.offset - (a + b * (newest.position - pivot))) > kStepSec) {
+            start_ = last * kGroup;
+            pts[0] = newest;
+            n = 1;
+        }
+    }
+    fit(pts.data(), n, intercept_, slope_, pivot_);
+    // Snapshots are late, never early: a point well above the line is a
+    // group that had no on-time answer. Leave it out.
+    if (n >= 3) {
+        size_t worst = 0;
+        double worstLate = 0;
+        for (size_t i = 0; i < n; ++i) {
+            double late = pts[i].offset - (intercept_ + slope_ * (pts[i].position - pivot_));
+            if (late > worstLate) {
+                worstLate = late;
+                worst = i;
+            }
+        }
+        if (worstLate > kLateSec) {
+            for (size_t i = worst; i + 1 < n; ++i) pts[i] = pts[i + 1];
+            fit(pts.data(), n - 1, intercept_, slope_, pivot_);
+        }
+    }
+    valid_ = true;
 }
 
 namespace {
