@@ -43,8 +43,11 @@ double sanitise(double v, double fallback) {
 
 re_eq_coeffs design(uint32_t kind, double sampleRate, double frequency, double gainDb, double q) {
     re_eq_coeffs out;
+    const double g = sanitise(gainDb, 0.0);
     if (kind == RE_EQ_OFF || kind > RE_EQ_BAND_PASS) return out;
-    if (kind <= RE_EQ_HIGH_SHELF && gainDb == 0.0) return out;
+    // Exactly the identity, not a filter that happens to cancel, so that the
+    // band can go inactive and cost nothing.
+    if (kind <= RE_EQ_HIGH_SHELF && g == 0.0) return out;
 
     const double sr = sampleRate > 0.0 && std::isfinite(sampleRate) ? sampleRate : kDefaultRate;
     const double f = std::clamp(sanitise(frequency, 1000.0), 20.0, 0.45 * sr);
@@ -53,7 +56,7 @@ re_eq_coeffs design(uint32_t kind, double sampleRate, double frequency, double g
     const double c = std::cos(w);
     const double qq = std::clamp(sanitise(q, 0.707), 0.1, 18.0);
     const double alpha = s / (2.0 * qq);
-    const double A = std::pow(10.0, std::clamp(sanitise(gainDb, 0.0), -24.0, 24.0) / 40.0);
+    const double A = std::pow(10.0, std::clamp(g, -24.0, 24.0) / 40.0);
 
     const double N = A + 1.0;
     const double M = A - 1.0;

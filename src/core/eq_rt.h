@@ -50,6 +50,9 @@ struct re_eq_live_band {
     uint8_t seen_enabled = 0xFF;
 };
 
+// Construct with its defaults (new re_eq{} or as a member of a value-
+// initialised record), never by zero-filling: the defaults are the identity
+// coefficients, a unity preamp and "nothing seen yet".
 struct re_eq {
     re_eq_published_band pub[RE_EQ_BANDS];
     re_eq_live_band live[RE_EQ_BANDS];
