@@ -342,6 +342,20 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds + warmup));
     const double t1 = monotonicNow();
     const double from = t0 + warmup;
+    // The server does not resample our stream: it runs at the sink's rate.
+    std::string inputs;
+    gPulse->run("pactl list sink-inputs", &inputs);
+    std::string ours;
+    for (size_t at = inputs.find("Sink Input #"); at != std::string::npos;) {
+        size_t next = inputs.find("Sink Input #", at + 1);
+        std::string block = inputs.substr(at, next == std::string::npos ? next : next - at);
+        if (block.find(kOwnStreamProperty) != std::string::npos) ours = block;
+        at = next;
+    }
+    char spec[64];
+    std::snprintf(spec, sizeof spec, "float32le 2ch %.0fHz", rate);
+    EXPECT_NE(ours.find(spec), std::string::npos) << ours;
+    EXPECT_NE(ours.find("Resample method: n/a"), std::string::npos) << ours;
     uint64_t underruns = playback.stream->underruns();
     playback.stream.reset();
     capture.stream.reset();
