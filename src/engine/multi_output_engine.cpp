@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "devices/volume_law.h"
 #include "engine/engine_log.h"
-#include "engine/master_gain.h"
 #include "engine/rate_ratio.h"
 
 namespace vt::engine {
@@ -112,6 +112,8 @@ void MultiOutputEngine::start() {
         startCapture();
         refreshMasterGain();
         watchingCapture_ = true;
+        sinkWatch_ =
+            std::make_unique<devices::ChangeHop>(backend_, main_, [this] { handleSinkChange(); });
         running_ = true;
         checkCaptureRate();
     }
@@ -172,6 +174,7 @@ void MultiOutputEngine::startCapture() {
 void MultiOutputEngine::stop() {
     if (!running_) return;
     watchingCapture_ = false;
+    sinkWatch_.reset();
     inputSourceDevice_ = kNoDevice;
     for (int slot = 0; slot < maxOutputs; ++slot) closeOutput(slot);
     stopCapture();
@@ -418,7 +421,9 @@ double MultiOutputEngine::linearVolume(DeviceId device, double scalar) {
 void MultiOutputEngine::refreshMasterGain() {
     std::optional<platform::SinkInfo> sink = backend_.sinkByName(kCaptureSinkName);
     if (!sink) return;
-    double g = captureMasterGain(sink->volumeScalar, sink->volumeLinear);
+    // The monitor already carries the sink's own volume: divided out again.
+    double g = devices::MacVolumeCurve::masterGain(
+        sink->volumeScalar, captureKind_ == CaptureKind::tap, sink->volumeLinear);
     if (std::fabs(g - masterGain_) > 0.0001) {
         masterGain_ = static_cast<float>(g);
         for (int slot = 0; slot < maxOutputs; ++slot) pushVolume(slot);

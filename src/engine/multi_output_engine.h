@@ -22,6 +22,7 @@
 
 #include "core/hal_glue.h"
 #include "core/ring_engine.h"
+#include "devices/device_monitor.h"
 #include "dispatch/main_queue.h"
 #include "engine/engine_error.h"
 #include "engine/pump_timeline.h"
@@ -77,8 +78,9 @@ class MultiOutputEngine {
     // changed: slots whose sink went away close, slots whose sink came back
     // open again.
     void handleDeviceListChange();
-    // Call on the main thread when sink properties may have changed (rates,
-    // volumes): this is what the rate and volume listeners hang on.
+    // What the engine's own listener runs on the main thread while it runs,
+    // when sink properties may have changed: the rates of open slots and the
+    // capture sink's volume and rate.
     void handleSinkChange();
 
     void setDelayMs(int slot, double ms);
@@ -170,6 +172,7 @@ class MultiOutputEngine {
     platform::DeviceId captureDevice_ = platform::kNoDevice;
     platform::DeviceId inputSourceDevice_ = platform::kNoDevice;
     bool watchingCapture_ = false;
+    std::unique_ptr<devices::ChangeHop> sinkWatch_;
 
     std::array<platform::DeviceId, maxOutputs> outputDevices_;
     std::array<std::unique_ptr<platform::Stream>, maxOutputs> outputStreams_;

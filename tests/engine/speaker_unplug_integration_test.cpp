@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "analysis.h"
+#include "devices/device_monitor.h"
 #include "dispatch/event_loop.h"
 #include "dispatch/work_queues.h"
 #include "engine/multi_output_engine.h"
@@ -75,12 +76,9 @@ TEST_F(SpeakerUnplug, SlotClosesOthersPlayOnAndItReturnsByItself) {
     {
         MultiOutputEngine engine(backend, loop, openQueue);
         engine.onSlotStateChanged = [&](int slot, bool open) { states.emplace_back(slot, open); };
-        backend.setChangeHandler([&](platform::ChangeKind) {
-            loop.post([&] {
-                engine.handleSinkChange();
-                engine.handleDeviceListChange();
-            });
-        });
+        devices::DeviceMonitor monitor(backend, loop);
+        monitor.onDeviceListChanged = [&] { engine.handleDeviceListChange(); };
+        monitor.start();
         const std::vector<std::string> speakers = {"living", "kitchen", "den"};
         for (int slot = 0; slot < 3; ++slot) engine.setOutputDevice(slot, speakers[slot]);
         engine.start();
@@ -127,7 +125,7 @@ TEST_F(SpeakerUnplug, SlotClosesOthersPlayOnAndItReturnsByItself) {
         ASSERT_EQ(back.size(), 1u);
         EXPECT_TRUE(plays(back[0])) << "den is silent after it came back";
 
-        backend.setChangeHandler(nullptr);
+        monitor.stop();
         engine.stop();
         loop.runUntil([] { return false; }, 0.2);
     }

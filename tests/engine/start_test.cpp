@@ -76,9 +76,13 @@ TEST_F(Start, CaptureRateMovingIsReportedNotActedOn) {
     engine.onCaptureRateChanged = [&](double r) { reported.push_back(r); };
     engine.start();
     fake.setSinkRate("vellatone", 44100);
-    engine.handleSinkChange();
+    main.drain();
     EXPECT_EQ(reported, std::vector<double>{44100});
     EXPECT_TRUE(engine.isRunning());
+    engine.stop();
+    fake.setSinkRate("vellatone", 48000);
+    main.drain();
+    EXPECT_EQ(reported.size(), 1u) << "no listener is left behind by stop";
 }
 
 TEST_F(Start, ScopesAreSilentWhenStoppedAndFollowTheCapture) {

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "devices/device_monitor.h"
 #include "dispatch/event_loop.h"
 #include "dispatch/work_queues.h"
 #include "engine/multi_output_engine.h"
@@ -80,12 +81,11 @@ int main(int argc, char** argv) {
                         outputs[static_cast<size_t>(slot)].first.c_str(), err);
             std::fflush(stdout);
         };
-        backend->setChangeHandler([&loop, &engine](vt::platform::ChangeKind) {
-            loop.post([&engine] {
-                engine.handleSinkChange();
-                engine.handleDeviceListChange();
-            });
-        });
+        // As in the application: sinks coming and going reach the engine
+        // through the device monitor.
+        vt::devices::DeviceMonitor monitor(*backend, loop);
+        monitor.onDeviceListChanged = [&engine] { engine.handleDeviceListChange(); };
+        monitor.start();
         for (size_t i = 0; i < outputs.size(); ++i) {
             int slot = static_cast<int>(i);
             engine.setOutputDevice(slot, outputs[i].first);
@@ -97,7 +97,6 @@ int main(int argc, char** argv) {
         } catch (const vt::engine::EngineError& e) {
             std::fprintf(stderr, "vellatone-engine-run: the engine would not start: %s\n",
                          e.what());
-            backend->setChangeHandler(nullptr);
             return 1;
         }
         std::printf("running\n");
@@ -119,7 +118,7 @@ int main(int argc, char** argv) {
         auto end = loop.postAfter(seconds, [&] { loop.quit(); });
         loop.run();
         tick.reset();
-        backend->setChangeHandler(nullptr);
+        monitor.stop();
         engine.stop();
         std::printf("stopped\n");
     }
