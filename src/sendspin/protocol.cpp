@@ -224,6 +224,13 @@ std::optional<ClientMessage> parse(std::string_view text) {
     return ClientOther{*type};
 }
 
+std::optional<std::string> formatRefusal(const ClientHello& hello) {
+    if (hello.supportsOurFormat || !hello.listedFormats) return std::nullopt;
+    return "[sendspin] client \"" + hello.clientID + "\" (" + hello.name +
+           ") offers no pcm 48000 Hz 2-channel 16-bit format, which is all this server "
+           "sends; it gets no stream";
+}
+
 std::optional<ServerMessage> parseServer(std::string_view text) {
     const json root = json::parse(text, nullptr, false);
     if (!root.is_object()) return std::nullopt;

@@ -91,6 +91,11 @@ std::string clientTime(int64_t transmittedUs);
 std::string clientGoodbye(std::string_view reason);
 
 std::optional<ClientMessage> parse(std::string_view text);
+
+// Why a client that said hello can have no stream, as a log line; nothing when it
+// listed pcm, 48000 Hz, 2 channels, 16 bits (or listed no formats at all, as
+// our own clients may).
+std::optional<std::string> formatRefusal(const ClientHello& hello);
 std::optional<ServerMessage> parseServer(std::string_view text);
 
 // Play-at stamp big-endian, samples little-endian.

@@ -112,6 +112,10 @@ TEST(SendspinParse, FindsOurFormatAnywhereInAnyFormatList) {
             {"codec":"pcm","sample_rate":44100,"channels":2,"bit_depth":16}]}}})"));
     EXPECT_FALSE(wrong.supportsOurFormat);
     EXPECT_TRUE(wrong.listedFormats);
+    ASSERT_TRUE(P::formatRefusal(wrong));
+    EXPECT_NE(P::formatRefusal(wrong)->find("no pcm 48000 Hz"), std::string::npos);
+    EXPECT_FALSE(P::formatRefusal(later));
+    EXPECT_FALSE(P::formatRefusal(P::ClientHello{}));
 }
 
 TEST(SendspinParse, AcceptsEveryFormOfClientState) {

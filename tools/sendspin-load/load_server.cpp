@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <variant>
 
 #include "net/http_request.h"
@@ -105,6 +106,11 @@ void LoadServer::serve(int fd, int64_t id) {
         if (!message || helloSeen) return;
         if (const auto* hello = std::get_if<P::ClientHello>(&*message)) {
             helloSeen = true;
+            if (auto refusal = P::formatRefusal(*hello)) {
+                std::fprintf(stderr, "%s\n", refusal->c_str());
+                sendText(P::serverHello("load", "Vellatone", hello->supportedRoles), id);
+                return;
+            }
             sendText(P::serverHello("load", "Vellatone", hello->supportedRoles), id);
             stream.sendMetadata(id);
             stream.begin(id);

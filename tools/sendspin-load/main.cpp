@@ -125,7 +125,7 @@ double measureBacklog(double* roundTripMs, int64_t* audioBefore) {
     return -1;
 }
 
-bool runLoad(const Options& options) {
+bool runLoad(const Options& options, std::string* line) {
     int toChild[2], fromChild[2];
     if (pipe(toChild) != 0 || pipe(fromChild) != 0) return false;
     const pid_t child = fork();
@@ -169,7 +169,8 @@ bool runLoad(const Options& options) {
     waitpid(child, &status, 0);
     server.stop();
     if (got < want) {
-        std::printf("%d clients x %d s: the clients failed\n", options.clients, options.seconds);
+        *line = std::to_string(options.clients) + " clients x " + std::to_string(options.seconds) +
+                " s: the clients failed";
         return false;
     }
     int64_t lost = 0, misordered = 0, frames = 0;
@@ -181,8 +182,11 @@ bool runLoad(const Options& options) {
     std::fprintf(stderr, "load: %lld frames received, %lld out of step, server dropped %lld\n",
                  static_cast<long long>(frames), static_cast<long long>(misordered),
                  static_cast<long long>(server.droppedFrames()));
-    std::printf("%d clients x %d s: %.2f %% of one core, frames lost %lld\n", options.clients,
-                options.seconds, 100.0 * cpu / wall, static_cast<long long>(lost));
+    char text[128];
+    std::snprintf(text, sizeof text, "%d clients x %d s: %.2f %% of one core, frames lost %lld",
+                  options.clients, options.seconds, 100.0 * cpu / wall,
+                  static_cast<long long>(lost));
+    *line = text;
     return lost == 0 && misordered == 0;
 }
 
@@ -211,8 +215,10 @@ int main(int argc, char** argv) {
         }
     }
     bool ok = true;
-    // The load run forks, so it goes first, before this process has any threads.
-    if (options.load) ok = runLoad(options) && ok;
+    // The load run forks, so it goes first, before this process has any threads;
+    // its line is printed last.
+    std::string loadLine;
+    if (options.load) ok = runLoad(options, &loadLine) && ok;
     if (options.backlog) {
         double roundTripMs = 0;
         int64_t audioBefore = 0;
@@ -231,5 +237,6 @@ int main(int argc, char** argv) {
             if (roundTripMs > 5.0) ok = false;
         }
     }
+    if (!loadLine.empty()) std::printf("%s\n", loadLine.c_str());
     return options.check && !ok ? 1 : 0;
 }
