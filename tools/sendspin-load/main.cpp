@@ -37,6 +37,7 @@ struct Options {
     bool backlog = true;
     bool load = true;
     bool check = false;
+    int serveSeconds = 0;  // only serve, for an outside client
 };
 
 double cpuSeconds() {
@@ -204,15 +205,25 @@ int main(int argc, char** argv) {
             options.load = false;
         } else if (arg == "--load-only") {
             options.backlog = false;
+        } else if (arg == "--serve" && i + 1 < argc) {
+            options.serveSeconds = std::atoi(argv[++i]);
         } else if (arg == "--check") {
             options.check = true;
         } else {
             std::fprintf(stderr,
                          "usage: %s [--clients N] [--seconds S] [--backlog-only|--load-only] "
-                         "[--check]\n",
+                         "[--check] | --serve S\n",
                          argv[0]);
             return 2;
         }
+    }
+    if (options.serveSeconds > 0) {
+        vt::tools::LoadServer server;
+        std::printf("port %u\n", server.start());
+        std::fflush(stdout);
+        std::this_thread::sleep_for(std::chrono::seconds(options.serveSeconds));
+        server.stop();
+        return 0;
     }
     bool ok = true;
     // The load run forks, so it goes first, before this process has any threads;
