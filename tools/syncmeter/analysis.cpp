@@ -103,6 +103,13 @@ std::optional<double> bestLag(const std::vector<float>& ref, const std::vector<f
     }
     size_t best = static_cast<size_t>(std::max_element(corr.begin(), corr.end()) - corr.begin());
     if (best == 0 || best + 1 >= corr.size() || corr[best] <= 0) return std::nullopt;
+    // A peak that explains less than half of the sound is no match: another
+    // sound, or none, is playing there.
+    double energyOther = 0;
+    const size_t at =
+        static_cast<size_t>(static_cast<long>(begin) + minLag + static_cast<long>(best));
+    for (size_t i = 0; i < length; ++i) energyOther += double(other[at + i]) * other[at + i];
+    if (corr[best] < 0.5 * std::sqrt(energyRef * energyOther)) return std::nullopt;
     // A parabola through the peak and its neighbours: the correlation of
     // band-limited noise is smooth enough there for a small fraction of a
     // sample.
@@ -162,26 +169,37 @@ std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int wind
                                         double windowSec) {
     std::vector<OffsetPoint> points;
     const std::vector<float>& ref = *a.samples;
+    if (ref.empty() || b.samples->empty() || windows < 1) return points;
     std::vector<float> other = resampleOnto(a, b);
+    // The stretch of a's recording during which b was recording too.
+    const double pa = periodOf(a);
+    const double bEnd = b.firstFrameSec + static_cast<double>(b.samples->size()) * periodOf(b);
+    long from =
+        std::max(0L, static_cast<long>(std::ceil((b.firstFrameSec - a.firstFrameSec) / pa)));
+    long to = std::min(static_cast<long>(ref.size()),
+                       static_cast<long>(std::floor((bEnd - a.firstFrameSec) / pa)));
+    const long edge = 64;
+    from += edge;
+    to -= edge;
+    if (to - from < static_cast<long>(a.rate)) return points;
+
     // Up to a second either way covers any delay plan we test with.
-    long maxLag = static_cast<long>(a.rate);
-    // Skip the first second, where the resampled track may still be empty.
-    const size_t skip = std::min(ref.size(), static_cast<size_t>(a.rate));
-    std::vector<float> refTail(ref.begin() + static_cast<long>(skip), ref.end());
-    std::vector<float> otherTail(other.begin() + static_cast<long>(skip), other.end());
-    std::optional<long> rough = coarseLag(refTail, otherTail, maxLag);
+    const long maxLag = static_cast<long>(a.rate);
+    std::vector<float> refPart(ref.begin() + from, ref.begin() + to);
+    std::vector<float> otherPart(other.begin() + from, other.begin() + to);
+    std::optional<long> rough = coarseLag(refPart, otherPart, maxLag);
     if (!rough) return points;
     const long search = static_cast<long>(a.rate * 0.02);  // +-20 ms around it
     const size_t length = static_cast<size_t>(windowSec * a.rate);
-    const long margin = std::labs(*rough) + search + 64;
-    long first = margin, last = static_cast<long>(ref.size()) - margin - static_cast<long>(length);
-    if (last <= first || windows < 1) return points;
+    const long margin = std::labs(*rough) + search + 2;
+    long first = from + margin, last = to - margin - static_cast<long>(length);
+    if (last < first) return points;
     for (int w = 0; w < windows; ++w) {
         long begin = windows == 1 ? first : first + (last - first) * w / (windows - 1);
         auto lag = bestLag(ref, other, static_cast<size_t>(begin), length, *rough - search,
                            *rough + search);
         if (!lag) continue;
-        points.push_back({static_cast<double>(begin) * periodOf(a), *lag * periodOf(a) * 1000.0});
+        points.push_back({static_cast<double>(begin) * pa, *lag * pa * 1000.0});
     }
     return points;
 }
