@@ -17,8 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (auto* time = std::get_if<P::ClientTime>(&*message)) {
             // The echo must carry exactly the integer that was read.
             const auto reply = P::parseServer(P::serverTime(time->clientTransmitted, 1, 2));
-            if (!reply || std::get<P::ServerTime>(*reply).clientTransmitted !=
-                              time->clientTransmitted) {
+            if (!reply ||
+                std::get<P::ServerTime>(*reply).clientTransmitted != time->clientTransmitted) {
                 std::abort();
             }
         }
