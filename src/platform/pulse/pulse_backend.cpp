@@ -130,8 +130,15 @@ PulseBackend::~PulseBackend() {
         PulseLoop::Lock lock(*control_);
         pa_context_set_subscribe_callback(control_->context(), nullptr, nullptr);
     }
-    // Disconnecting cancels the queries still in flight, whose callbacks
-    // point at this object.
+    // Answers still in flight may yet run on the loop thread until it stops;
+    // they must not reach a receiver that has gone before us.
+    {
+        std::lock_guard lock(handlerMutex_);
+        handler_ = nullptr;
+    }
+    // Stopping the loop and disconnecting cancels the queries still in
+    // flight, whose callbacks point at this object. Streams keep their own
+    // connection alive until they are closed.
     control_.reset();
     audio_.reset();
 }

@@ -83,8 +83,6 @@ int PulseStream::connect(bool playback, const std::string& deviceName, const pa_
     pa_proplist_sets(props, PA_PROP_MEDIA_NAME,
                      playback ? "Vellatone output" : "Vellatone capture");
     pa_proplist_sets(props, kOwnStreamProperty, "1");
-    // Keep the stream-restore module from putting an old volume on our streams.
-    pa_proplist_sets(props, "module-stream-restore.id", "vellatone-own-stream");
     stream_ = pa_stream_new_with_proplist(
         loop_->context(), playback ? "Vellatone output" : "Vellatone capture", &spec, &map, props);
     pa_proplist_free(props);
@@ -95,6 +93,8 @@ int PulseStream::connect(bool playback, const std::string& deviceName, const pa_
     pa_stream_set_state_callback(stream_, &PulseStream::stateCallback, this);
     int rc;
     if (playback) {
+        // Full volume, set by us: nothing restores a volume someone once gave
+        // a stream of this name, and the engine's gain is the only one.
         pa_cvolume full;
         pa_cvolume_set(&full, 2, PA_VOLUME_NORM);
         rc = pa_stream_connect_playback(stream_, deviceName.c_str(), &attr, flags, &full, nullptr);
