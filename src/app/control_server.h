@@ -1,0 +1,67 @@
+// The local control socket: a Unix stream socket that speaks the remote's
+// wire. Each line a client sends is a PhoneMessage; the server answers with
+// a state line at connect and whenever the state it would send differs from
+// the last one that client got. No pairing: only the owner can reach the
+// socket (its folder is 0700, the socket 0600).
+//
+// One thread does the socket work (accepting, reading, writing out what is
+// queued); every message is handled on the main queue.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "dispatch/main_queue.h"
+#include "remote/mac_message.h"
+#include "remote/mac_state.h"
+#include "remote/phone_message.h"
+
+namespace vt::app {
+
+class ControlServer {
+  public:
+    using Snapshot = std::function<remote::MacState()>;
+    using Handler = std::function<std::optional<remote::MacMessage>(const remote::PhoneMessage&)>;
+
+    // At most this many clients at once; more are turned away.
+    static constexpr int maxClients = 16;
+    // A client that lets this much output pile up unread is dropped.
+    static constexpr size_t maxQueuedBytes = 16 << 20;
+
+    ControlServer(dispatch::MainQueue& main, std::filesystem::path path, Snapshot snapshot,
+                  Handler handler);
+    ~ControlServer();
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+
+    // Makes the folder and the socket and starts serving. Throws
+    // std::runtime_error with a sentence for the user when another instance
+    // already answers there or the socket cannot be made.
+    void start();
+    // Main thread: sends the state to each client whose last one differs,
+    // or to all with `force`.
+    void publish(bool force = false);
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    struct Io;
+    void handleLine(uint64_t client, const std::string& line);
+    void sendState(uint64_t client, bool force);
+
+    dispatch::MainQueue& main_;
+    std::filesystem::path path_;
+    Snapshot snapshot_;
+    Handler handler_;
+    std::shared_ptr<Io> io_;
+    std::thread thread_;
+    // Main thread: the last state each client was sent.
+    std::map<uint64_t, std::optional<remote::MacState>> lastSent_;
+    std::shared_ptr<bool> alive_;
+};
+
+}  // namespace vt::app

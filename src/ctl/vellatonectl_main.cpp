@@ -1,0 +1,195 @@
+// vellatonectl: drives a running Vellatone over its local control socket.
+// Exits 0 when the app took the command; otherwise says why in one sentence
+// and exits 1 (2 for a command line it cannot read).
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/control_path.h"
+#include "ctl/arguments.h"
+#include "ctl/control_client.h"
+#include "remote/message_codec.h"
+#include "remote/record_json.h"
+
+namespace {
+
+using vt::ctl::ControlClient;
+using vt::ctl::ControlError;
+using vt::remote::MacState;
+using vt::remote::PhoneMessage;
+
+constexpr const char* kUsage =
+    "usage: vellatonectl COMMAND [ARGS]\n"
+    "  status              the app's state as one line of JSON\n"
+    "  outputs             outputs that can be added: id, kind, name (tab-separated)\n"
+    "  add ID              add an output by its id\n"
+    "  remove SLOT         remove the output in a slot\n"
+    "  delay SLOT MS       set a slot's delay, -5000 to 5000 ms\n"
+    "  volume SLOT 0..1    set a slot's volume\n"
+    "  mute SLOT on|off    mute or unmute a slot\n"
+    "  master 0..1         set the master volume\n"
+    "  start | stop        start or stop sending\n"
+    "  send 'JSON'         send one message line as it is\n"
+    "The socket is $VELLATONE_CONTROL_SOCKET, else $XDG_RUNTIME_DIR/vellatone/control.sock.\n";
+
+struct UsageError {
+    std::string sentence;
+};
+
+const vt::remote::RowInfo* rowIn(const MacState& s, int slot) {
+    for (const auto& r : s.rows)
+        if (r.slot == slot) return &r;
+    return nullptr;
+}
+
+int slotArg(const std::vector<std::string>& args, size_t i, const MacState& s) {
+    std::optional<int> slot = vt::ctl::parseSlot(args.at(i));
+    if (!slot) throw UsageError{"\"" + args[i] + "\" is not a slot number."};
+    if (!rowIn(s, *slot)) throw ControlError("There is no output in slot " + args[i] + ".");
+    return *slot;
+}
+
+double numberArg(const std::vector<std::string>& args, size_t i, double lo, double hi,
+                 const std::string& what) {
+    std::optional<double> v = vt::ctl::parseNumber(args.at(i), lo, hi);
+    if (!v) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g to %g", lo, hi);
+        throw UsageError{"\"" + args[i] + "\" is not a " + what + " from " + range + "."};
+    }
+    return *v;
+}
+
+// Sends, waits until the app has handled it, and checks the result.
+void command(ControlClient& c, const PhoneMessage& m,
+             const std::function<bool(const MacState&)>& ok, const std::string& refused) {
+    c.send(m);
+    c.sync();
+    if (!ok(c.state())) throw ControlError(refused);
+}
+
+int run(const std::vector<std::string>& args) {
+    if (args.empty()) throw UsageError{"No command given."};
+    const std::string& cmd = args[0];
+    static const std::map<std::string, size_t> arity = {
+        {"status", 1}, {"outputs", 1}, {"add", 2},   {"remove", 2}, {"delay", 3}, {"volume", 3},
+        {"mute", 3},   {"master", 2},  {"start", 1}, {"stop", 1},   {"send", 2}};
+    auto it = arity.find(cmd);
+    if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
+    if (args.size() != it->second)
+        throw UsageError{"\"" + cmd + "\" takes " + std::to_string(it->second - 1) + " argument" +
+                         (it->second == 2 ? "" : "s") + "."};
+
+    // Values are checked before the app is asked anything.
+    if (cmd == "delay") numberArg(args, 2, -5000, 5000, "delay in ms");
+    if (cmd == "volume") numberArg(args, 2, 0, 1, "volume");
+    if (cmd == "master") numberArg(args, 1, 0, 1, "volume");
+    if (cmd == "mute" && !vt::ctl::parseSwitch(args[2]))
+        throw UsageError{"\"" + args[2] + "\" is neither on nor off."};
+    if ((cmd == "remove" || cmd == "delay" || cmd == "volume" || cmd == "mute") &&
+        !vt::ctl::parseSlot(args[1]))
+        throw UsageError{"\"" + args[1] + "\" is not a slot number."};
+    std::optional<PhoneMessage> raw;
+    if (cmd == "send") {
+        raw = vt::remote::tryDecodePhoneMessage(args[1]);
+        if (!raw) throw UsageError{"That is not a message Vellatone understands."};
+    }
+
+    ControlClient c(vt::app::controlSocketPath());
+    const MacState& s = c.state();
+
+    if (cmd == "status") {
+        std::printf("%s\n", vt::remote::toJson(s).dump().c_str());
+    } else if (cmd == "outputs") {
+        for (const auto& e : s.extras)
+            std::printf("%s\t%s\t%s\n", e.id.c_str(),
+                        std::string(vt::remote::rawValue(e.kind)).c_str(), e.name.c_str());
+    } else if (cmd == "add") {
+        const std::string id = args[1];
+        bool offered = false;
+        for (const auto& e : s.extras) offered = offered || e.id == id;
+        if (!offered)
+            throw ControlError("No output \"" + id +
+                               "\" can be added; vellatonectl outputs lists those that can.");
+        const size_t before = s.rows.size();
+        command(
+            c, PhoneMessage::AddOutput{id},
+            [&](const MacState& now) { return now.rows.size() > before; },
+            "Vellatone did not add " + id + " (eight outputs is the most).");
+    } else if (cmd == "remove") {
+        const int slot = slotArg(args, 1, s);
+        const size_t before = s.rows.size();
+        command(
+            c, PhoneMessage::RemoveOutput{slot, std::nullopt},
+            [&](const MacState& now) { return now.rows.size() < before; },
+            "Vellatone kept the output in slot " + args[1] + ": one output always stays.");
+    } else if (cmd == "delay") {
+        const int slot = slotArg(args, 1, s);
+        const double ms = numberArg(args, 2, -5000, 5000, "delay in ms");
+        command(
+            c, PhoneMessage::SetTrim{slot, ms},
+            [&](const MacState& now) {
+                const auto* r = rowIn(now, slot);
+                return r && std::fabs(r->trimMs - ms) < 1e-6;
+            },
+            "Vellatone did not take the delay.");
+    } else if (cmd == "volume") {
+        const int slot = slotArg(args, 1, s);
+        const double v = numberArg(args, 2, 0, 1, "volume");
+        command(
+            c, PhoneMessage::SetVolume{slot, v},
+            [&](const MacState& now) {
+                const auto* r = rowIn(now, slot);
+                return r && std::fabs(r->volume - v) < 1e-6;
+            },
+            "Vellatone did not take the volume.");
+    } else if (cmd == "mute") {
+        const int slot = slotArg(args, 1, s);
+        const bool on = *vt::ctl::parseSwitch(args[2]);
+        command(
+            c, PhoneMessage::SetMuted{slot, on},
+            [&](const MacState& now) {
+                const auto* r = rowIn(now, slot);
+                return r && r->muted == on;
+            },
+            "Vellatone did not take the mute.");
+    } else if (cmd == "master") {
+        const double v = numberArg(args, 1, 0, 1, "volume");
+        command(
+            c, PhoneMessage::SetMaster{v},
+            [&](const MacState& now) { return std::fabs(now.master - v) < 1e-6; },
+            "Vellatone did not take the master volume.");
+    } else if (cmd == "start" || cmd == "stop") {
+        const bool on = cmd == "start";
+        command(
+            c, PhoneMessage::SetRunning{on}, [&](const MacState& now) { return now.running == on; },
+            on ? "Vellatone did not start; its notices on standard error say why."
+               : "Vellatone did not stop.");
+    } else if (cmd == "send") {
+        c.sendLine(args[1]);
+        c.sync();
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && (args[0] == "-h" || args[0] == "--help" || args[0] == "help")) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    try {
+        return run(args);
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "vellatonectl: %s\n%s", e.sentence.c_str(), kUsage);
+        return 2;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "vellatonectl: %s\n", e.what());
+        return 1;
+    }
+}

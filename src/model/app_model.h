@@ -1,0 +1,237 @@
+// The one owner of the running program: the rows of outputs, the engine, the
+// guard on the system output, the device monitors, what is remembered
+// between runs and what the user is told. Everything here runs on the main
+// queue; callbacks from other threads hop there first.
+//
+// A row's index in rows() is its engine slot: regular rows (devices, and
+// later AirPlay and Cast) first, guests after them. Adding or removing a row
+// renumbers the rows behind it, so slots are passed as plain indices and
+// looked up afresh each time.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "delay/playback_mode.h"
+#include "devices/audio_device.h"
+#include "devices/device_monitor.h"
+#include "dispatch/main_queue.h"
+#include "engine/multi_output_engine.h"
+#include "equaliser/eq_target.h"
+#include "guard/output_guard.h"
+#include "guard/output_restorer.h"
+#include "guard/restored_output.h"
+#include "model/notice.h"
+#include "model/row_state.h"
+#include "platform/audio_backend.h"
+#include "settings/debug_log_writer.h"
+#include "settings/settings.h"
+#include "stage/room_types.h"
+
+namespace vt::model {
+
+class AppModel {
+  public:
+    static constexpr int maxRegularOutputs = engine::MultiOutputEngine::maxRegularOutputs;
+    static constexpr int maxGuests = engine::MultiOutputEngine::maxGuests;
+    static constexpr int maxOutputs = engine::MultiOutputEngine::maxOutputs;
+    static constexpr double telemetrySeconds = 0.1;
+    static constexpr double rateRestartSeconds = 1.0;
+    static constexpr double clipMarkSeconds = 1.5;
+    static constexpr double measureHintSeconds = 120.0;
+    static constexpr double connectStallSeconds = 12.0;
+
+    // Builds the model and launches it: gives the output back if the last
+    // run died holding it, loads the rows, and starts the monitors and the
+    // output guard. Nothing plays until startStop. The backend, the queues
+    // and the settings must outlive the model. With no debug log writer the
+    // drift log stays off whatever the setting says.
+    AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
+             dispatch::WorkQueue& openQueue, settings::Settings& settings,
+             std::unique_ptr<settings::DebugLogWriter> debugLog = nullptr);
+    ~AppModel();
+    AppModel(const AppModel&) = delete;
+    AppModel& operator=(const AppModel&) = delete;
+
+    // ---- Observed state.
+    const std::vector<RowState>& rows() const { return rows_; }
+    std::vector<ShownRow> displayRows() const;
+    bool isRunning() const { return isRunning_; }
+    double masterVolume() const { return masterVolume_; }
+    const std::vector<devices::AudioDevice>& outputDevices() const { return outputDevices_; }
+    bool captureAvailable() const { return blackHoleInstalled_; }
+    const std::optional<std::string>& startError() const { return startError_; }
+    const std::optional<guard::RestoredOutput>& restoredOutput() const { return restoredOutput_; }
+    delay::PlaybackMode playbackMode() const { return playbackMode_; }
+    bool syncSlowSpeakers() const { return syncSlowSpeakers_; }
+    const stage::RoomState& room() const { return room_; }
+    const std::vector<double>& engineDelays() const { return engineDelays_; }
+    const std::vector<double>& heardMs() const { return heardMs_; }
+    std::optional<int> soloSlot() const;
+    double launched() const { return launched_; }
+    engine::MultiOutputEngine& engine() { return *engine_; }
+    // Devices that no row plays to yet.
+    std::vector<devices::AudioDevice> addableDevices() const;
+    int regularRowCount() const;
+
+    // ---- The one switch.
+    void startStop();
+    // Quitting: stops first when running, which gives the output back.
+    void shutDown();
+
+    // ---- Rows.
+    // Adds a row for a device; false when eight regular rows exist, the
+    // device is unknown or already has a row.
+    bool addOutput(const std::string& uid);
+    bool canRemove(int slot) const;
+    void removeOutput(int slot);
+    void removeRow(int slot);
+    bool canUndoRemove() const;
+    void undoRemove();
+    const std::optional<RemovedOutput>& lastRemoved() const { return lastRemoved_; }
+    // Display positions.
+    void moveRow(int from, int to);
+    // Slots: the dragged row lands where the other one is shown.
+    void moveRowDragging(int slot, int onto);
+    void rename(int slot, const std::optional<std::string>& name);
+    void toggleDisabled(int slot);
+    void toggleMuted(int slot);
+    void toggleSolo(int slot);
+    bool isSoloed(int slot) const;
+    void applyMuted(int slot, bool muted);
+    void setMutedWithoutRemembering(int slot, bool muted);
+    // Measurements silence rows for a while; several may overlap.
+    void beginForcedMutes(const void* holder);
+    void endForcedMutes(const void* holder);
+    bool canReconnect(int slot) const;
+    void reconnect(int slot);
+    std::vector<int> heldSlots() const;
+    void reconnectHeld(int slot);
+    void reconnectAllHeld();
+    // The row's output is absent from the list it comes from.
+    bool isMissing(const RowState& row) const;
+
+    void setDelay(int slot, double ms);
+    void setVolume(int slot, double volume);
+    void clearMeasuredLatency(int slot);
+    void setMasterVolume(double volume);
+    void setPlaybackMode(delay::PlaybackMode mode);
+    void setSyncSlowSpeakers(bool on);
+
+    // ---- Equalisers.
+    equaliser::EQSettings eq(const equaliser::EQTarget& target) const;
+    void setEQ(int slot, const equaliser::EQSettings& settings);
+    void setMasterEQ(const equaliser::EQSettings& settings);
+    void setEQBand(const equaliser::EQTarget& target, int band, const equaliser::EQBand& value);
+    void copyEQToAllOutputs(int from);
+    std::optional<std::string> matchedEQPreset(int slot) const;
+    const equaliser::EQSettings& masterEQ() const { return masterEQ_; }
+    bool isEQClipping(int slot) const;
+    const std::optional<double>& masterEQClippedAt() const { return masterEQClippedAt_; }
+
+    // ---- Pushing to the engine and the disk.
+    void pushRow(int slot);
+    void pushDelays();
+    void pushMix();
+    void persist(int slot);
+    void normaliseOrder();
+    void seedReportedLatency(int slot);
+
+    // ---- Notices.
+    std::vector<Notice> allNotices() const;
+    std::vector<Notice> notices();
+    std::optional<Notice> noticeFor(const RowState& row) const;
+    void dismissNotice(const Notice& notice);
+    void act(const Notice& notice, NoticeButton button);
+    std::vector<int> noticeSlots(const std::string& id) const;
+    std::string meta(const RowState& row) const;
+
+  private:
+    int validSlot(int slot) const { return slot >= 0 && slot < int(rows_.size()) ? slot : -1; }
+    int slotOf(RowId id) const;
+    RowId newRowId() { return nextRowId_++; }
+    void loadRows();
+    void installCallbacks();
+    void startGuard();
+
+    // Device list and latency.
+    void deviceListChanged();
+    void refreshDeviceNames();
+    void refreshLatencyWatches();
+    void refreshCaptureAvailable();
+    std::optional<devices::AudioDevice> deviceOf(const RowState& row) const;
+
+    // Start and stop.
+    void start();
+    void stop();
+    void captureRateChanged();
+    void startTelemetry();
+    void stopTelemetry();
+    void tick();
+
+    // Rows.
+    int insertRegularRow(RowState row);
+    void afterAdding(int slot);
+    bool mutedToStore(const RowState& row) const;
+    void storeOutputCount();
+
+    // Seams for the network outputs, the mixer and the room, which come with
+    // their own subsystems; until then they do nothing.
+    void reconcileAirPlaySenders() {}
+    void reconcileCastSenders() {}
+    void startGuestServerIfNeeded() {}
+    void rebindGuests() {}
+    void stopFly() {}
+    void placeNewRows() {}
+    void startMixer() {}
+    void shutDownMixer() {}
+
+    platform::AudioBackend& backend_;
+    dispatch::MainQueue& main_;
+    settings::Settings& settings_;
+    std::unique_ptr<engine::MultiOutputEngine> engine_;
+    guard::OutputRestorer restorer_;
+    std::unique_ptr<guard::OutputGuard> guard_;
+    devices::DeviceMonitor monitor_;
+    devices::LatencyWatcher latencyWatcher_;
+    std::unique_ptr<settings::DebugLogWriter> debugLog_;
+
+    std::vector<RowState> rows_;
+    bool isRunning_ = false;
+    double masterVolume_ = 1.0;
+    std::vector<devices::AudioDevice> outputDevices_;
+    std::vector<std::string> lastDeviceIDs_;
+    bool blackHoleInstalled_ = true;
+    bool captureRefused_ = false;
+    std::optional<std::string> driverInstallError_;
+    std::optional<std::string> startError_;
+    std::optional<guard::RestoredOutput> restoredOutput_;
+    delay::PlaybackMode playbackMode_ = delay::PlaybackMode::together;
+    bool syncSlowSpeakers_ = true;
+    stage::RoomState room_;
+    equaliser::EQSettings masterEQ_ = equaliser::EQSettings::flat();
+    std::optional<double> masterEQClippedAt_;
+
+    std::unique_ptr<dispatch::TimerHandle> telemetryTimer_;
+    std::unique_ptr<dispatch::TimerHandle> rateRestart_;
+    bool restartForRatePending_ = false;
+
+    std::vector<double> engineDelays_;
+    std::vector<bool> lastFast_;
+    std::vector<double> heardMs_;
+
+    std::optional<RemovedOutput> lastRemoved_;
+    std::optional<std::map<RowId, bool>> preSolo_;
+    std::optional<std::map<RowId, bool>> forcedMutes_;
+    std::set<const void*> forcedMuteHolders_;
+
+    NoticeBoard noticeBoard_;
+    double launched_ = 0;
+    RowId nextRowId_ = 1;
+};
+
+}  // namespace vt::model

@@ -1,0 +1,67 @@
+// Notices derived from the model's state, and what their buttons do.
+#include "model/app_model.h"
+#include "model/notice_words.h"
+
+namespace vt::model {
+
+std::vector<Notice> AppModel::allNotices() const {
+    AppNoticeFacts facts;
+    facts.captureAvailable = blackHoleInstalled_;
+    facts.driverInstallError = driverInstallError_;
+    facts.startError = startError_;
+    facts.restoredOutput = restoredOutput_;
+    std::vector<Notice> all = applicationNotices(facts);
+
+    // Rows with the same notice share one card.
+    for (const RowState& row : rows_) {
+        std::optional<Notice> n = rowNotice(row);
+        if (!n) continue;
+        bool known = false;
+        for (const Notice& have : all) known = known || have.id == n->id;
+        if (!known) all.push_back(std::move(*n));
+    }
+    const double now = main_.now();
+    for (Notice& n : all) n.since = noticeBoard_.birth(n.id).value_or(now);
+    return all;
+}
+
+std::vector<Notice> AppModel::notices() {
+    return noticeBoard_.update(allNotices(), main_.now());
+}
+
+std::optional<Notice> AppModel::noticeFor(const RowState& row) const {
+    return rowNotice(row);
+}
+
+void AppModel::dismissNotice(const Notice& notice) {
+    noticeBoard_.dismiss(notice.id);
+}
+
+std::vector<int> AppModel::noticeSlots(const std::string& id) const {
+    std::vector<int> slots;
+    for (int slot = 0; slot < int(rows_.size()); ++slot) {
+        std::optional<Notice> n = rowNotice(rows_[slot]);
+        if (n && n->id == id) slots.push_back(slot);
+    }
+    return slots;
+}
+
+void AppModel::act(const Notice& notice, NoticeButton button) {
+    if (button != NoticeButton::primary) return;
+    if (notice.id == "start" || notice.id == "crash") {
+        if (!isRunning_) startStop();
+    } else if (notice.id == "device-failed") {
+        for (int slot : noticeSlots(notice.id)) pushRow(slot);
+    } else if (notice.id == "driver") {
+        // Putting the command on the clipboard is the window's part; the
+        // model looks again, since a server may have come up meanwhile.
+        captureRefused_ = false;
+        refreshCaptureAvailable();
+    }
+}
+
+std::string AppModel::meta(const RowState& row) const {
+    return rowMeta(row, deviceOf(row));
+}
+
+}  // namespace vt::model

@@ -1,0 +1,103 @@
+#include "model/notice_words.h"
+
+#include <cstdio>
+
+namespace vt::model {
+
+std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
+    std::vector<Notice> out;
+    if (!facts.captureAvailable) {
+        // Nothing is installed on this platform: the capture sink is made on
+        // the sound server at start, so what is missing is the server.
+        out.push_back(Notice{
+            .id = "driver",
+            .title = "Install the capture driver",
+            .line = "Vellatone needs it to hear the computer.",
+            .why = std::string("This build makes its capture sink on the sound server, and none "
+                               "answered. In Terminal, run ") +
+                   kStartServerCommand + ", then turn Vellatone on.",
+            .primary = "Copy the command",
+            .tone = Notice::Tone::warn,
+        });
+    }
+    if (facts.driverInstallError) {
+        out.push_back(Notice{
+            .id = "driver-install",
+            .title = "The driver didn’t install",
+            .line = "The computer stopped the installer before it finished.",
+            .why = "Usually the password prompt was cancelled. Installing needs an administrator "
+                   "password. The computer said: " +
+                   *facts.driverInstallError,
+            .primary = "Try again",
+            .tone = Notice::Tone::fault,
+        });
+    }
+    if (facts.startError) {
+        out.push_back(Notice{
+            .id = "start",
+            .title = "Vellatone couldn’t start",
+            .line = "The capture driver didn’t answer.",
+            .why = "Restarting the driver fixes this most times. If it keeps happening, reinstall "
+                   "it from Settings. The error was: " +
+                   *facts.startError,
+            .primary = "Try again",
+            .tone = Notice::Tone::fault,
+        });
+    }
+    if (facts.restoredOutput) {
+        const guard::RestoredOutput& r = *facts.restoredOutput;
+        out.push_back(Notice{
+            .id = "crash",
+            .title = "Your computer’s sound is back",
+            .line = r.afterCrash
+                        ? std::string("Vellatone quit unexpectedly, so the computer’s "
+                                      "output was put back as it was.")
+                        : "Vellatone is paused, so the computer’s output went back to " + r.name,
+            .why = "The computer plays through " + r.name +
+                   " again. Turn Vellatone on to send it to every output.",
+            .primary = "Turn on Vellatone",
+            .tone = Notice::Tone::good,
+        });
+    }
+    return out;
+}
+
+std::optional<Notice> rowNotice(const RowState& row) {
+    if (row.isDevice() && row.failedToOpen) {
+        return Notice{
+            .id = "device-failed",
+            .title = "The sound server can’t start its sound, for Vellatone or any other app.",
+            .line =
+                "The sound server would not open a stream on it. Unplugging the device and "
+                "plugging it back in is worth one try; restarting the sound server is what "
+                "has fixed it so far.",
+            .primary = "Try again",
+            .tone = Notice::Tone::fault,
+        };
+    }
+    // The network rows' notices come with their senders.
+    return std::nullopt;
+}
+
+std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device) {
+    std::string words;
+    if (row.isGuest()) {
+        words = "Guest · joining";
+    } else if (row.isCast()) {
+        words = "Cast · not on network";
+    } else if (row.isAirPlay()) {
+        words = "AirPlay · unavailable";
+    } else if (row.deviceUID) {
+        words = device ? device->meta() : "Not connected";
+    } else {
+        words = "Not assigned";
+    }
+    if (row.delayMs != 0) {
+        char buf[48];
+        std::snprintf(buf, sizeof buf, " · %.0f ms", row.delayMs);
+        words += buf;
+    }
+    return words;
+}
+
+}  // namespace vt::model
