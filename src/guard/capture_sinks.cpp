@@ -1,46 +1,40 @@
 #include "guard/capture_sinks.h"
 
-#include <algorithm>
-#include <string_view>
-
-#include "engine/multi_output_engine.h"
+#include "devices/audio_devices.h"
 
 namespace vt::guard {
 
 using platform::SinkInfo;
-using Engine = engine::MultiOutputEngine;
+namespace AudioDevices = devices::AudioDevices;
 
-namespace {
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-    return s.substr(0, prefix.size()) == prefix;
-}
-
-bool isOurs(const SinkInfo& sink) {
-    return sink.name == Engine::kCaptureSinkName ||
-           sink.description == Engine::kCaptureSinkDescription;
-}
-
-}  // namespace
+// The rules themselves are the device layer's; these only keep the sink
+// records the restorer needs (ids, volumes) alongside them.
 
 std::optional<SinkInfo> findCaptureSink(const std::vector<SinkInfo>& sinks) {
-    auto it = std::find_if(sinks.begin(), sinks.end(), isOurs);
-    if (it == sinks.end())
-        it = std::find_if(sinks.begin(), sinks.end(), [](const SinkInfo& s) {
-            return startsWith(s.description, "BlackHole 2ch");
-        });
-    if (it == sinks.end()) return std::nullopt;
-    return *it;
+    std::vector<devices::AudioDevice> all;
+    for (const SinkInfo& s : sinks) all.push_back(AudioDevices::deviceOf(s));
+    std::optional<devices::AudioDevice> capture = AudioDevices::captureDevice(all);
+    if (!capture) return std::nullopt;
+    for (const SinkInfo& s : sinks)
+        if (s.name == capture->uid) return s;
+    return std::nullopt;
 }
 
 bool isCaptureSink(const SinkInfo& sink) {
-    return isOurs(sink) || startsWith(sink.description, "BlackHole");
+    return AudioDevices::isCaptureDevice(AudioDevices::deviceOf(sink));
 }
+
+namespace {
+// The mixer's private sinks are nobody's speakers.
+bool isRealOutput(const SinkInfo& s) {
+    return s.channels > 0 && !isCaptureSink(s) && s.name.rfind(devices::mixerDevicePrefix, 0) != 0;
+}
+}  // namespace
 
 std::vector<SinkInfo> realOutputs(const std::vector<SinkInfo>& sinks) {
     std::vector<SinkInfo> out;
     for (const SinkInfo& s : sinks)
-        if (s.channels > 0 && !isCaptureSink(s)) out.push_back(s);
+        if (isRealOutput(s)) out.push_back(s);
     return out;
 }
 
@@ -48,10 +42,7 @@ std::optional<SinkInfo> presentRealOutput(const std::vector<SinkInfo>& sinks,
                                           const std::optional<std::string>& name) {
     if (!name) return std::nullopt;
     for (const SinkInfo& s : sinks)
-        if (s.name == *name) {
-            if (s.channels == 0 || isCaptureSink(s)) return std::nullopt;
-            return s;
-        }
+        if (s.name == *name) return isRealOutput(s) ? std::optional(s) : std::nullopt;
     return std::nullopt;
 }
 

@@ -13,7 +13,8 @@ namespace vt::guard {
 std::optional<platform::SinkInfo> findCaptureSink(const std::vector<platform::SinkInfo>& sinks);
 // Ours, or any sink whose shown name starts with "BlackHole".
 bool isCaptureSink(const platform::SinkInfo& sink);
-// Sinks that can play to a person: channels, and not a capture sink.
+// Sinks that can play to a person: channels, not a capture sink, not one of
+// the mixer's private sinks.
 std::vector<platform::SinkInfo> realOutputs(const std::vector<platform::SinkInfo>& sinks);
 // The sink of that name if it is present and a real output.
 std::optional<platform::SinkInfo> presentRealOutput(const std::vector<platform::SinkInfo>& sinks,

@@ -128,6 +128,7 @@ TEST_F(OutputRestorerTest, HandBackOnlyActsWhenTheDefaultIsStrandedAndThereIsSom
     lonely.leaveStranded("speakers");
     lonely.backend.removeSink("speakers");
     lonely.backend.removeSink("hdmi");
+    lonely.backend.addSink("com.kessor.vellatone.mixer.1", "Mixer");  // private, not a speaker
     OutputRestorer r(lonely.backend, *lonely.settings);
     EXPECT_FALSE(r.handBackIfStranded());
     EXPECT_FALSE(r.handBackIfStranded());
