@@ -136,6 +136,7 @@ TEST_F(GuardIntegration, ARunThatDiedHoldingTheOutputIsRepairedAtTheNextLaunch) 
     EXPECT_EQ(defaultSinkByPactl(), "speakers");
     EXPECT_TRUE(eventually([&] { return playerOn("speakers"); }));
     EXPECT_FALSE(settings->pendingRestoreUID());
+    EXPECT_TRUE(eventually([&] { return !backend->sinkByName("vellatone"); }));
 }
 
 }  // namespace

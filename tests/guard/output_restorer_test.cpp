@@ -142,6 +142,7 @@ TEST_F(OutputRestorerTest, CrashRecoveryGivesTheOutputAndItsStreamsBack) {
     EXPECT_EQ(sinkOf(player), speakers);
     EXPECT_EQ(sinkOf(video), speakers);
     EXPECT_FALSE(settings->pendingRestoreUID());
+    EXPECT_FALSE(backend.sinkByName("vellatone")) << "the dead run's sink is cleared away";
     EXPECT_FALSE(recoverAfterCrash(backend, *settings)) << "a clean state needs nothing";
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "settings/preferences.h"
-
 namespace vt::settings {
 namespace {
 
@@ -85,24 +83,6 @@ TEST(MemoryKey, TheMoreSpecificTransportWins) {
     EXPECT_EQ(memoryKey("dev", "air1", std::nullopt), "air:air1");
     EXPECT_EQ(memoryKey("dev", std::nullopt, std::nullopt), "uid:dev");
     EXPECT_FALSE(memoryKey(std::nullopt, std::nullopt, std::nullopt));
-}
-
-TEST(RawValues, UnknownValuesFallBack) {
-    for (auto src : {LatencySource::none, LatencySource::reported, LatencySource::tapped,
-                     LatencySource::narrowed, LatencySource::heard})
-        EXPECT_EQ(latencySourceFromRaw(rawValue(src)), src);
-    EXPECT_EQ(latencySourceFromRaw("Tapped"), LatencySource::none);
-    EXPECT_TRUE(isMeasuredByPerson(LatencySource::heard));
-    EXPECT_FALSE(isMeasuredByPerson(LatencySource::reported));
-
-    for (VisualiserStyle v : allVisualiserStyles()) {
-        EXPECT_EQ(visualiserStyleFromRaw(rawValue(v)), v);
-        EXPECT_FALSE(description(v).empty());
-    }
-    EXPECT_EQ(allVisualiserStyles().size(), 7u);
-    EXPECT_EQ(rawValue(Appearance::automatic), "Auto");
-    EXPECT_EQ(appearanceFromRaw("Light"), Appearance::light);
-    EXPECT_EQ(appearanceFromRaw("light"), Appearance::automatic);
 }
 
 }  // namespace
