@@ -36,6 +36,12 @@ fs::path configDir() {
     return home() / ".config" / "vellatone";
 }
 
+fs::path dataDir() {
+    if (const char* v = std::getenv("VELLATONE_DATA_DIR"); v && *v) return fs::path(v);
+    if (auto x = absoluteEnv("XDG_DATA_HOME")) return *x / "vellatone";
+    return home() / ".local" / "share" / "vellatone";
+}
+
 fs::path settingsFile() {
     return configDir() / "settings.json";
 }

@@ -142,6 +142,14 @@ TEST(ConfigPaths, FollowTheOverridesAndTheXdgRules) {
         EXPECT_EQ(configDir(), dir.path() / ".config" / "vellatone");
     }
 
+    {
+        ScopedEnv data("VELLATONE_DATA_DIR", std::nullopt);
+        ScopedEnv xdg("XDG_DATA_HOME", std::nullopt);
+        EXPECT_EQ(dataDir(), dir.path() / ".local/share/vellatone");
+        ScopedEnv over("VELLATONE_DATA_DIR", "/srv/secrets");
+        EXPECT_EQ(dataDir(), fs::path("/srv/secrets"));
+    }
+
     ScopedEnv state("XDG_STATE_HOME", std::nullopt);
     EXPECT_EQ(driftLogFile(), dir.path() / ".local/state/vellatone/vellatone-drift.csv");
     fs::create_directory(dir / "Desktop");
