@@ -40,9 +40,9 @@ struct SinkInfo {
     std::string driver;                 // module / driver name ("module-null-sink.c", ...)
     std::string monitorSource;          // "<name>.monitor" on PulseAudio; empty if none
     uint32_t ownerModule = UINT32_MAX;  // the module that made the sink, if any
-    bool isMonitorOfOurs = false;
-    double latencyMs = 0;       // sink latency, falling back to configured latency
-    bool hasVolume = true;      // the sink's volume can be set
+    bool loadedByUs = false;            // made by this backend's loadNullSink
+    double latencyMs = 0;               // sink latency, falling back to configured latency
+    bool hasVolume = true;              // the sink's volume can be set
     double volumeScalar = 1.0;  // average volume as a slider position 0..1 (PA_VOLUME_NORM = 1)
     double volumeLinear = 1.0;  // the same as a linear gain
     bool muted = false;

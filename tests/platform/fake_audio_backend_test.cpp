@@ -113,6 +113,7 @@ TEST(FakeAudioBackend, ModulesSinksAndChangeEvents) {
     ASSERT_TRUE(sink);
     EXPECT_EQ(sink->monitorSource, "vellatone.monitor");
     EXPECT_EQ(sink->ownerModule, *module);
+    EXPECT_TRUE(sink->loadedByUs);
     EXPECT_TRUE(fake.setDefaultSink("vellatone"));
     EXPECT_EQ(fake.defaultSinkName(), "vellatone");
     EXPECT_TRUE(fake.setSinkVolume(sink->id, 0.5));

@@ -100,6 +100,8 @@ TEST_F(PulseBackendTest, LoadsAndUnloadsTheCaptureSinkWithChangeEvents) {
     EXPECT_EQ(sink->description, "Vellatone");
     EXPECT_DOUBLE_EQ(sink->sampleRate, 48000);
     EXPECT_EQ(sink->ownerModule, *module);
+    EXPECT_TRUE(sink->loadedByUs);
+    EXPECT_FALSE(backend.sinkByName("living")->loadedByUs);
     EXPECT_TRUE(eventually([&] { return sinkEvents.load() > 0; }));
 
     // A second backend (another part of the program, or pactl) sees it too.

@@ -447,6 +447,7 @@ std::optional<uint32_t> FakeAudioBackend::loadNullSink(const std::string& name,
     info.channels = channels;
     info.driver = "module-null-sink.c";
     info.ownerModule = module;
+    info.loadedByUs = true;
     info.properties = {{"device.class", "abstract"},
                        {"device.description", description},
                        {"format", float32 ? "float32le" : "s16le"}};

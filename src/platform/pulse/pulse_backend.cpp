@@ -62,7 +62,7 @@ struct PulseBackend::Callbacks {
         SinkInfo s = pulse::sinkInfoOf(*info);
         {
             std::lock_guard lock(me->mirrorMutex_);
-            s.isMonitorOfOurs = me->ourModules_.count(s.ownerModule) > 0;
+            s.loadedByUs = me->ourModules_.count(s.ownerModule) > 0;
             me->sinks_[s.id] = std::move(s);
         }
         me->notify(ChangeKind::sinks);
