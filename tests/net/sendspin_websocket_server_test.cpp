@@ -34,6 +34,9 @@ class ServerTest : public ::testing::Test {
         server_->start();
     }
 
+    // The server goes first: its threads report disconnects into the members below.
+    void TearDown() override { server_.reset(); }
+
     void record(std::string event) {
         std::lock_guard guard(lock_);
         events_.push_back(std::move(event));
