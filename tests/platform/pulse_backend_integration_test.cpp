@@ -307,7 +307,7 @@ Stats statsOf(std::vector<double> v) {
 // a sink's clock may run a little fast or slow against the host's, which is
 // drift, not jitter.
 std::vector<double> lineResiduals(const std::vector<double>& times,
-                                  const std::vector<double>& frames) {
+                                  const std::vector<double>& frames, double* slopeOut = nullptr) {
     const size_t n = times.size();
     double mf = 0, mt = 0;
     for (size_t i = 0; i < n; ++i) {
@@ -322,6 +322,7 @@ std::vector<double> lineResiduals(const std::vector<double>& times,
         sft += (frames[i] - mf) * (times[i] - mt);
     }
     const double slope = sft / sff;
+    if (slopeOut) *slopeOut = slope;
     std::vector<double> out;
     for (size_t i = 0; i < n; ++i) out.push_back(times[i] - (mt + slope * (frames[i] - mf)));
     return out;
@@ -370,7 +371,10 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
             pf.push_back(static_cast<double>(probe.presentFrames[i]));
         }
     ASSERT_GT(pt.size(), 20u);
-    auto pStats = statsOf(lineResiduals(pt, pf));
+    double secondsPerFrame = 0;
+    auto pStats = statsOf(lineResiduals(pt, pf, &secondsPerFrame));
+    // How fast the sink's clock runs against the host's.
+    const double driftPpm = (1.0 / (secondsPerFrame * rate) - 1.0) * 1e6;
     // Capture: host times advance with the frame count.
     std::vector<double> ct, cf;
     for (size_t i = 0; i < std::min(probe.captured.load(), probe.captureTimes.size()); ++i)
@@ -400,10 +404,11 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
     std::printf(
         "[%s %.0f Hz] playback blocks %zu: present-time jitter max %.3f ms | capture blocks %zu: "
         "host-time jitter max %.3f ms | impulses heard %zu of %zu: capture minus presentation "
-        "median %.3f ms, max %.3f ms | lead at the end %.1f ms | underruns %llu\n",
+        "median %.3f ms, max %.3f ms | lead at the end %.1f ms | underruns %llu | sink clock "
+        "%+.0f ppm\n",
         sink.c_str(), rate, pt.size(), pStats.maxAbs * 1e3, ct.size(), cStats.maxAbs * 1e3,
         errors.size(), sent, eStats.median * 1e3, eStats.maxAbs * 1e3, lead * 1e3,
-        static_cast<unsigned long long>(underruns));
+        static_cast<unsigned long long>(underruns), driftPpm);
     EXPECT_LT(pStats.maxAbs, 0.002);
     EXPECT_LT(cStats.maxAbs, 0.002);
     ASSERT_GT(errors.size(), static_cast<size_t>(seconds * 10 * 0.8));
