@@ -169,6 +169,10 @@ void AppModel::undoRemove() {
     row.order = copy.order;
     row.bornAt = main_.now();
 
+    // It goes back to the place it was shown in, ahead of the rows that
+    // were behind it then.
+    for (RowState& r : rows_)
+        if (r.order >= row.order) ++r.order;
     const int slot = insertRegularRow(std::move(row));
     lastRemoved_.reset();
     normaliseOrder();
