@@ -76,20 +76,53 @@ constexpr auto caseTable(std::index_sequence<I...>) {
 }
 
 template <class Message>
-Message messageFromJson(const wire::In& json) {
-    static constexpr auto table = caseTable<Message>(
-        std::make_index_sequence<std::variant_size_v<typename Message::Value>>());
-    if (!json.is_object()) throw DecodeError("A message is a JSON object.");
-    if (json.size() != 1) throw DecodeError("Invalid number of keys found, expected one.");
-    const auto entry = json.begin();
-    const std::string& key = entry.key();
-    for (const auto& [name, decode] : table) {
-        if (name != key) continue;
-        if (!entry.value().is_object())
-            throw DecodeError("The value of \"" + key + "\" is not an object.");
-        return decode(entry.value());
+constexpr auto kCases =
+    caseTable<Message>(std::make_index_sequence<std::variant_size_v<typename Message::Value>>());
+
+// The decoder of the case this JSON names, or why there is none. Kept apart
+// from decoding so that the common refusals cost no exception.
+template <class Message>
+CaseDecoder<Message> findCase(const wire::In& json, std::string& why) {
+    if (!json.is_object()) {
+        why = "A message is a JSON object.";
+        return nullptr;
     }
-    throw DecodeError("Unknown message \"" + key + "\".");
+    if (json.size() != 1) {
+        why = "Invalid number of keys found, expected one.";
+        return nullptr;
+    }
+    const auto entry = json.begin();
+    for (const auto& [name, decode] : kCases<Message>) {
+        if (name != entry.key()) continue;
+        if (entry.value().is_object()) return decode;
+        why = "The value of \"" + entry.key() + "\" is not an object.";
+        return nullptr;
+    }
+    why = "Unknown message \"" + entry.key() + "\".";
+    return nullptr;
+}
+
+template <class Message>
+Message messageFromJson(const wire::In& json) {
+    std::string why;
+    const CaseDecoder<Message> decode = findCase<Message>(json, why);
+    if (!decode) throw DecodeError(why);
+    return decode(json.begin().value());
+}
+
+template <class Message>
+std::optional<Message> tryDecode(std::string_view line) noexcept {
+    try {
+        if (nestsTooDeeply(line)) return std::nullopt;
+        const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
+        if (json.is_discarded()) return std::nullopt;
+        std::string why;
+        const CaseDecoder<Message> decode = findCase<Message>(json, why);
+        if (!decode) return std::nullopt;
+        return decode(json.begin().value());
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 template <class Message>
@@ -148,19 +181,11 @@ MacMessage decodeMacMessage(std::string_view line) {
 }
 
 std::optional<PhoneMessage> tryDecodePhoneMessage(std::string_view line) noexcept {
-    try {
-        return decodePhoneMessage(line);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    return tryDecode<PhoneMessage>(line);
 }
 
 std::optional<MacMessage> tryDecodeMacMessage(std::string_view line) noexcept {
-    try {
-        return decodeMacMessage(line);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    return tryDecode<MacMessage>(line);
 }
 
 }  // namespace vt::remote
