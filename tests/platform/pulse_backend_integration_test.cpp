@@ -435,5 +435,28 @@ TEST_F(PulseBackendTest, OpeningOnAMissingSinkFails) {
     EXPECT_NE(c.status, 0);
 }
 
+// Declared last: it takes a server of its own and kills it.
+TEST(PulseBackendServerLoss, ForgetsEverythingAndSaysSoWhenTheServerGoes) {
+    auto pulse =
+        std::make_unique<support::PrivatePulse>(std::vector<std::string>{"living:48000:Living"});
+    ASSERT_TRUE(pulse->running()) << pulse->error();
+    PulseBackend backend;
+    ASSERT_TRUE(backend.connected());
+    ASSERT_TRUE(backend.sinkByName("living"));
+    auto stream = backend.openPlayback("living", 0, silentOutput, nullptr);
+    ASSERT_EQ(stream.status, 0);
+    std::atomic<int> sinkEvents{0};
+    backend.setChangeHandler([&](ChangeKind k) {
+        if (k == ChangeKind::sinks) ++sinkEvents;
+    });
+    pulse.reset();  // stops the daemon
+    EXPECT_TRUE(eventually([&] { return !backend.connected(); }));
+    EXPECT_TRUE(eventually([&] { return sinkEvents.load() > 0; }));
+    EXPECT_TRUE(backend.sinks().empty());
+    EXPECT_FALSE(backend.defaultSinkName());
+    EXPECT_FALSE(backend.setDefaultSink("living"));
+    stream.stream.reset();  // closing a stream of a dead connection is harmless
+}
+
 }  // namespace
 }  // namespace vt::platform

@@ -115,6 +115,20 @@ PulseBackend::PulseBackend() {
     }
 
     PulseLoop::Lock lock(*control_);
+    // The server went away: nothing it had is there any more. Say so, so
+    // that outputs close; the program carries on without sound.
+    control_->setOnLost([this] {
+        {
+            std::lock_guard mirror(mirrorMutex_);
+            sinks_.clear();
+            inputs_.clear();
+            inputChannels_.clear();
+            defaultSink_.reset();
+        }
+        notify(ChangeKind::sinks);
+        notify(ChangeKind::sinkInputs);
+        notify(ChangeKind::server);
+    });
     pa_context* c = control_->context();
     pa_context_set_subscribe_callback(c, &Callbacks::subscription, this);
     auto mask = static_cast<pa_subscription_mask_t>(
@@ -129,6 +143,7 @@ PulseBackend::~PulseBackend() {
     if (control_) {
         PulseLoop::Lock lock(*control_);
         pa_context_set_subscribe_callback(control_->context(), nullptr, nullptr);
+        control_->setOnLost(nullptr);
     }
     // Answers still in flight may yet run on the loop thread until it stops;
     // they must not reach a receiver that has gone before us.

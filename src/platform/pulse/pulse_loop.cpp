@@ -41,7 +41,9 @@ PulseLoop::~PulseLoop() {
 
 void PulseLoop::onContextState(pa_context* c, void* self) {
     auto* me = static_cast<PulseLoop*>(self);
-    me->ready_.store(pa_context_get_state(c) == PA_CONTEXT_READY, std::memory_order_release);
+    const bool ready = pa_context_get_state(c) == PA_CONTEXT_READY;
+    const bool was = me->ready_.exchange(ready, std::memory_order_acq_rel);
+    if (was && !ready && me->onLost_) me->onLost_();
     // Wake every waiter: a failed connection cancels their operations.
     pa_threaded_mainloop_signal(me->loop_, 0);
 }

@@ -6,6 +6,7 @@
 #include <pulse/pulseaudio.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -23,6 +24,9 @@ class PulseLoop {
     pa_threaded_mainloop* loop() const { return loop_; }
     pa_context* context() const { return context_; }
     bool ready() const { return ready_.load(std::memory_order_acquire); }
+    // Called once on the loop's thread when a ready connection is lost (the
+    // server went away). Set it under the lock.
+    void setOnLost(std::function<void()> onLost) { onLost_ = std::move(onLost); }
     bool inLoopThread() const { return pa_threaded_mainloop_in_thread(loop_) != 0; }
 
     // Waits for an operation started under the lock; false if it never
@@ -53,6 +57,7 @@ class PulseLoop {
     pa_threaded_mainloop* loop_ = nullptr;
     pa_context* context_ = nullptr;
     std::atomic<bool> ready_{false};
+    std::function<void()> onLost_;
 };
 
 }  // namespace vt::platform::pulse
