@@ -61,10 +61,10 @@ class SpeakerUnplug : public ::testing::Test {
     pid_t noisePid = -1;
 };
 
-bool plays(const syncmeter::Recording& r) {
+double soundingShare(const syncmeter::Recording& r) {
     size_t sounding = 0;
     for (size_t i = 0; i < r.left.size(); ++i) sounding += r.left[i] != 0.0f;
-    return !r.left.empty() && sounding > r.left.size() * 9 / 10;
+    return r.left.empty() ? 0.0 : static_cast<double>(sounding) / r.left.size();
 }
 
 TEST_F(SpeakerUnplug, SlotClosesOthersPlayOnAndItReturnsByItself) {
@@ -113,8 +113,8 @@ TEST_F(SpeakerUnplug, SlotClosesOthersPlayOnAndItReturnsByItself) {
             // Gaps from a machine under load are the alignment test's
             // business; here the others must simply go on playing.
             auto d = syncmeter::findDropouts(r.left, r.right, r.rate, 1.0);
-            EXPECT_TRUE(plays(r)) << r.name << " fell silent; " << d.runs << " gaps, the longest "
-                                  << d.longestMs << " ms";
+            EXPECT_GT(soundingShare(r), 0.9) << r.name << " fell silent; " << d.runs
+                                             << " gaps, the longest " << d.longestMs << " ms";
         }
 
         // Plugged back in: the slot opens with nothing asked of it.
@@ -122,10 +122,12 @@ TEST_F(SpeakerUnplug, SlotClosesOthersPlayOnAndItReturnsByItself) {
                             "channels=2 sink_properties=device.description=Den"),
                   0);
         EXPECT_TRUE(loop.runUntil([&] { return engine.isOpen(2); }, 5.0));
-        loop.runUntil([] { return false; }, 1.0);
+        // A fresh null sink has rendered silence far ahead before our stream
+        // joined; its monitor delivers that first.
+        loop.runUntil([] { return false; }, 3.0);
         auto back = syncmeter::recordSources({{"den", "den.monitor"}}, 1.0);
         ASSERT_EQ(back.size(), 1u);
-        EXPECT_TRUE(plays(back[0])) << "den is silent after it came back";
+        EXPECT_GT(soundingShare(back[0]), 0.9) << "den is silent after it came back";
 
         monitor.stop();
         engine.stop();
