@@ -1,0 +1,195 @@
+// The control socket's side of the model: the state a client sees, the
+// messages it sends, the notice lines, the tool's arguments, and one round
+// trip over a real socket.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "../model/model_fixture.h"
+#include "app/control_server.h"
+#include "app/notice_log.h"
+#include "app/remote_bridge.h"
+#include "ctl/arguments.h"
+#include "remote/line_codec.h"
+#include "remote/message_codec.h"
+
+namespace vt::app {
+namespace {
+
+using remote::PhoneMessage;
+
+class Bridge : public model::test::ModelTest {
+  protected:
+    RemoteBridge& bridge() {
+        if (!bridge_) bridge_ = std::make_unique<RemoteBridge>(*model, fake, "host", "0.1.0");
+        return *bridge_;
+    }
+    std::unique_ptr<RemoteBridge> bridge_;
+};
+
+TEST_F(Bridge, TheStateOffersUnusedDevicesByMemoryKeyAndShowsRowsInDisplayOrder) {
+    model::AppModel& m = withRows({"living", "den"});
+    m.moveRow(1, 0);
+    remote::MacState s = bridge().snapshot();
+    ASSERT_EQ(s.rows.size(), 2u);
+    EXPECT_EQ(s.rows[0].slot, 1);
+    EXPECT_EQ(s.rows[0].name, "Den");
+    EXPECT_EQ(s.rows[0].transport, "Audio · Audio · 48 kHz");
+    std::vector<std::string> extras;
+    for (const auto& e : s.extras) extras.push_back(e.id);
+    EXPECT_EQ(extras, (std::vector<std::string>{"uid:speakers", "uid:kitchen"}));
+    EXPECT_EQ(s.presets.size(), 7u);
+    EXPECT_FALSE(s.running);
+}
+
+TEST_F(Bridge, MessagesDriveTheModelAndBadSlotsAreIgnored) {
+    model::AppModel& m = withRows({"living"});
+    bridge().handle(PhoneMessage::AddOutput{"uid:kitchen"});
+    bridge().handle(PhoneMessage::AddOutput{"air:somewhere"});
+    ASSERT_EQ(m.rows().size(), 2u);
+    bridge().handle(PhoneMessage::SetTrim{1, 100});
+    bridge().handle(PhoneMessage::SetTrim{5, 100});
+    bridge().handle(PhoneMessage::SetVolume{0, 0.5});
+    bridge().handle(PhoneMessage::SetMuted{-1, true});
+    bridge().handle(PhoneMessage::SetRowEQPreset{0, "voice"});
+    bridge().handle(PhoneMessage::SetEQGain{0, 30});
+    bridge().handle(PhoneMessage::Solo{1});
+    EXPECT_DOUBLE_EQ(m.rows()[1].delayMs, 100);
+    EXPECT_DOUBLE_EQ(m.rows()[0].volume, 0.5);
+    EXPECT_EQ(m.matchedEQPreset(0), "voice");
+    EXPECT_DOUBLE_EQ(m.masterEQ().bands[0].gainDb, 24);
+    EXPECT_EQ(bridge().snapshot().soloSlot, 1);
+
+    bridge().handle(PhoneMessage::SetRunning{true});
+    EXPECT_TRUE(m.isRunning());
+    bridge().handle(PhoneMessage::SetRunning{true});
+    EXPECT_TRUE(m.isRunning());
+    bridge().handle(PhoneMessage::RemoveOutput{0, std::nullopt});
+    EXPECT_EQ(m.rows().size(), 1u);
+    bridge().handle(PhoneMessage::RemoveOutput{0, std::nullopt});  // the last one stays
+    EXPECT_EQ(m.rows().size(), 1u);
+
+    auto pong = bridge().handle(PhoneMessage::Ping{7, 1.5});
+    ASSERT_TRUE(pong && pong->get<remote::MacMessage::Pong>());
+    EXPECT_EQ(pong->get<remote::MacMessage::Pong>()->id, 7);
+    EXPECT_FALSE(bridge().handle(PhoneMessage::Forget{}).has_value());
+}
+
+TEST(NoticeLog, EachNoticeIsLoggedWhenItAppearsAndAgainWhenItReturns) {
+    model::Notice n;
+    n.id = "start";
+    n.title = "Vellatone couldn’t start";
+    n.line = "The capture driver didn’t answer.";
+    NoticeLog log;
+    EXPECT_EQ(log.newLines({n}),
+              std::vector<std::string>{
+                  "notice start: Vellatone couldn’t start The capture driver didn’t answer."});
+    EXPECT_TRUE(log.newLines({n}).empty());
+    EXPECT_TRUE(log.newLines({}).empty());
+    EXPECT_EQ(log.newLines({n}).size(), 1u);
+}
+
+TEST(ControlArguments, OnlyExactValuesAreTaken) {
+    EXPECT_EQ(ctl::parseSlot("3"), 3);
+    for (const char* bad : {"", "-1", "1.5", "x", " 2", "9999999999"})
+        EXPECT_FALSE(ctl::parseSlot(bad).has_value()) << bad;
+    EXPECT_EQ(ctl::parseNumber("0.25", 0, 1), 0.25);
+    EXPECT_EQ(ctl::parseNumber("-100", -5000, 5000), -100);
+    for (const char* bad : {"", "1.5", "nan", "inf", "0.5x", " 0.5"})
+        EXPECT_FALSE(ctl::parseNumber(bad, 0, 1).has_value()) << bad;
+    EXPECT_EQ(ctl::parseSwitch("on"), true);
+    EXPECT_EQ(ctl::parseSwitch("off"), false);
+    EXPECT_FALSE(ctl::parseSwitch("maybe").has_value());
+}
+
+// A blocking client of the socket that reads whole lines.
+class Client {
+  public:
+    explicit Client(const std::filesystem::path& path) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        timeval tv{5, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    }
+    ~Client() { ::close(fd_); }
+    bool connected() const { return connected_; }
+    void write(const std::string& s) {
+        ASSERT_EQ(::write(fd_, s.data(), s.size()), ssize_t(s.size()));
+    }
+    // The next line, pumping the main queue while waiting; empty at the end.
+    std::string line(dispatch::VirtualMainQueue& main) {
+        for (int i = 0; i < 500; ++i) {
+            if (!lines_.empty()) {
+                std::string l = lines_.front();
+                lines_.erase(lines_.begin());
+                return l;
+            }
+            main.drain();
+            char buf[8192];
+            timeval tv{0, 10000};
+            ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+            ssize_t n = ::read(fd_, buf, sizeof buf);
+            if (n == 0) return "";
+            if (n > 0)
+                for (auto& l : codec_.feed(std::string_view(buf, size_t(n)))) lines_.push_back(l);
+        }
+        return "";
+    }
+
+  private:
+    int fd_ = -1;
+    bool connected_ = false;
+    remote::LineCodec codec_;
+    std::vector<std::string> lines_;
+};
+
+TEST_F(Bridge, ASocketClientGetsTheStateAtConnectAndAfterEachChange) {
+    model::AppModel& m = withRows({"living"});
+    const std::filesystem::path path = dir / "control" / "control.sock";
+    ControlServer server(
+        main, path, [&] { return bridge().snapshot(); },
+        [&](const PhoneMessage& msg) { return bridge().handle(msg); });
+    server.start();
+    EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+
+    Client c(path);
+    ASSERT_TRUE(c.connected());
+    EXPECT_EQ(c.line(main).rfind("{\"state\":", 0), 0u);
+
+    c.write(R"({"setVolume":{"slot":0,"volume":0.5}})"
+            "\n"
+            R"({"ping":{"id":1,"phoneSent":0}})"
+            "\n");
+    std::string state = c.line(main);
+    auto decoded = remote::tryDecodeMacMessage(state);
+    ASSERT_TRUE(decoded && decoded->get<remote::MacMessage::State>()) << state;
+    EXPECT_DOUBLE_EQ(decoded->get<remote::MacMessage::State>()->value.rows[0].volume, 0.5);
+    EXPECT_EQ(c.line(main).rfind("{\"pong\":", 0), 0u);
+    EXPECT_DOUBLE_EQ(m.rows()[0].volume, 0.5);
+
+    // Nothing changed: no state, only the pong.
+    c.write(R"({"ping":{"id":2,"phoneSent":0}})"
+            "\n");
+    EXPECT_EQ(c.line(main).rfind("{\"pong\":", 0), 0u);
+
+    // A second server on the same path refuses to start while this one answers.
+    ControlServer other(
+        main, path, [&] { return bridge().snapshot(); },
+        [&](const PhoneMessage& msg) { return bridge().handle(msg); });
+    EXPECT_THROW(other.start(), std::runtime_error);
+
+    // A line that is not a message ends the link.
+    c.write("{\"setVolume\":{}, \"x\":1}\n");
+    EXPECT_EQ(c.line(main), "");
+}
+
+}  // namespace
+}  // namespace vt::app
