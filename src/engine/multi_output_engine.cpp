@@ -159,8 +159,10 @@ void MultiOutputEngine::startCapture() {
     (void)std::getenv("VELLATONE_CAPTURE");
     captureKind_ = CaptureKind::input;
 
+    const std::string monitor =
+        sink->monitorSource.empty() ? std::string(kCaptureSourceName) : sink->monitorSource;
     platform::StreamResult r =
-        backend_.openCapture(kCaptureSourceName, kCaptureRate, re_input_ioproc, &ctx_->input);
+        backend_.openCapture(monitor, kCaptureRate, re_input_ioproc, &ctx_->input);
     if (!r.stream) {
         if (loaded) backend_.unloadModule(*loaded);
         throw EngineError::coreAudio(r.status != 0 ? r.status : -1);
