@@ -19,6 +19,8 @@ BIN=$(realpath "$1")
 REPO=$(realpath "$2")
 SECONDS_MEASURED=${SECONDS_MEASURED:-8}
 SETTLE=${SETTLE:-4}
+# The alignment the issue asks for; a machine under heavy load misses it.
+ALIGN_LIMIT_MS=${ALIGN_LIMIT_MS:-0.5}
 
 work=$(mktemp -d /tmp/vt-headless.XXXXXX)
 app_pid= noise_pid=
@@ -91,10 +93,10 @@ pacat --playback --rate=48000 --channels=2 --format=float32le --latency-msec=100
 noise_pid=$!
 sleep "$SETTLE"
 if [[ -x $BIN/vellatone-syncmeter ]]; then
-    "$BIN/vellatone-syncmeter" --seconds "$SECONDS_MEASURED" --windows 4 --limit-ms 0.5 \
+    "$BIN/vellatone-syncmeter" --seconds "$SECONDS_MEASURED" --windows 4 --limit-ms "$ALIGN_LIMIT_MS" \
         --expect living-kitchen=0 --expect living-den=100 \
         living=living.monitor kitchen=kitchen.monitor den=den.monitor ||
-        fail "the speakers are not aligned within 0.5 ms"
+        fail "the speakers are not aligned within $ALIGN_LIMIT_MS ms"
 else
     echo "vellatone-syncmeter is not built: alignment not measured" >&2
 fi
