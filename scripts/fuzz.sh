@@ -4,8 +4,10 @@
 #   scripts/fuzz.sh --ci        about a minute per target (what scripts/test.sh runs)
 #   scripts/fuzz.sh [seconds]   a longer local run, 600 s per target by default
 # New inputs go to build-fuzz/corpus/<name>, never into the committed seeds.
+# VELLATONE_FUZZ_BUILD_DIR names another build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+out="${VELLATONE_FUZZ_BUILD_DIR:-build-fuzz}"
 
 if [ "${1:-}" = "--ci" ]; then
     seconds=60
@@ -20,25 +22,25 @@ for dir in fuzz/*/; do
 done
 [ ${#targets[@]} -gt 0 ] || { echo "no fuzz targets"; exit 0; }
 
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+CC=clang CXX=clang++ cmake -S . -B "$out" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVELLATONE_FUZZ=ON -DVELLATONE_UNIT_ONLY=ON >/dev/null
-ninja -C build-fuzz -j2 "${targets[@]}"
+ninja -C "$out" -j2 "${targets[@]}"
 
 status=0
 for target in "${targets[@]}"; do
     name="${target#fuzz_}"
-    work="build-fuzz/corpus/$name"
-    mkdir -p "$work" "build-fuzz/artifacts/$name"
+    work="$out/corpus/$name"
+    mkdir -p "$work" "$out/artifacts/$name"
     echo "== $target for ${seconds}s"
     if ! ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-        "build-fuzz/bin/$target" "$work" "fuzz/$name/corpus" \
+        "$out/bin/$target" "$work" "fuzz/$name/corpus" \
         -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
-        -artifact_prefix="build-fuzz/artifacts/$name/" -print_final_stats=1 2>&1 |
-        tee "build-fuzz/$target.log" | grep -E "^(#[0-9]+ +DONE|==|SUMMARY|stat::number_of_executed_units)"; then
+        -artifact_prefix="$out/artifacts/$name/" -print_final_stats=1 2>&1 |
+        tee "$out/$target.log" | grep -E "^(#[0-9]+ +DONE|==|SUMMARY|stat::number_of_executed_units)"; then
         :
     fi
-    if ! grep -q "Done [0-9]* runs" "build-fuzz/$target.log"; then
-        echo "$target: failed, see build-fuzz/$target.log"
+    if ! grep -q "Done [0-9]* runs" "$out/$target.log"; then
+        echo "$target: failed, see $out/$target.log"
         status=1
     fi
 done
