@@ -46,9 +46,9 @@ CONF
         sleep 0.05
     done
     in_env pactl info >/dev/null 2>&1 || { echo "private PulseAudio did not start; see $dir/pa.log" >&2; exit 1; }
-    for spec in "$@"; do
-        IFS=: read -r name rate description <<<"$spec"
-        [ -n "$name" ] && [ -n "$rate" ] || { echo "bad sink spec: $spec" >&2; exit 2; }
+    for sink in "$@"; do
+        IFS=: read -r name rate description <<<"$sink"
+        [ -n "$name" ] && [ -n "$rate" ] || { echo "bad sink argument (want name:rate:Description): $sink" >&2; exit 2; }
         description=${description:-$name}
         in_env pactl load-module module-null-sink sink_name="$name" rate="$rate" channels=2 \
             "sink_properties=\"device.description='$description'\"" >/dev/null

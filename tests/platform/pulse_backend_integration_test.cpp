@@ -355,9 +355,9 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
         if (block.find(kOwnStreamProperty) != std::string::npos) ours = block;
         at = next;
     }
-    char spec[64];
-    std::snprintf(spec, sizeof spec, "float32le 2ch %.0fHz", rate);
-    EXPECT_NE(ours.find(spec), std::string::npos) << ours;
+    char sampleSpec[64];
+    std::snprintf(sampleSpec, sizeof sampleSpec, "float32le 2ch %.0fHz", rate);
+    EXPECT_NE(ours.find(sampleSpec), std::string::npos) << ours;
     EXPECT_NE(ours.find("Resample method: n/a"), std::string::npos) << ours;
     uint64_t underruns = playback.stream->underruns();
     playback.stream.reset();

@@ -76,15 +76,16 @@ class PulseStream : public Stream {
 
 int PulseStream::connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
                          pa_stream_flags_t flags, std::string& error) {
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(rate_), 2};
+    pa_sample_spec format{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(rate_), 2};
     pa_channel_map map;
     pa_channel_map_init_stereo(&map);
     pa_proplist* props = pa_proplist_new();
     pa_proplist_sets(props, PA_PROP_MEDIA_NAME,
                      playback ? "Vellatone output" : "Vellatone capture");
     pa_proplist_sets(props, kOwnStreamProperty, "1");
-    stream_ = pa_stream_new_with_proplist(
-        loop_->context(), playback ? "Vellatone output" : "Vellatone capture", &spec, &map, props);
+    stream_ = pa_stream_new_with_proplist(loop_->context(),
+                                          playback ? "Vellatone output" : "Vellatone capture",
+                                          &format, &map, props);
     pa_proplist_free(props);
     if (!stream_) {
         error = pa_strerror(pa_context_errno(loop_->context()));
