@@ -55,14 +55,49 @@ TEST(StreamClock, TracksTheDriftOfTheSinksClock) {
 
 TEST(StreamClock, StartsAfreshAfterAJump) {
     const double bps = 48000.0 * 8;
+    const int group = static_cast<int>(StreamClock::kGroup);
+    auto at = [&](StreamClock& c, Snapshots& s) {
+        return c.hostTimeOf(static_cast<int64_t>(s.i * 0.02 * bps)) - s.i * 0.02;
+    };
+    {
+        // Re-anchored 5 ms earlier: taken up as soon as one whole group saw it.
+        StreamClock clock(bps);
+        Snapshots snaps;
+        for (int k = 0; k < 6 * group; ++k) snaps.feed(clock, 1.0, 0);
+        for (int k = 0; k < group; ++k) snaps.feed(clock, 0.995, 0);
+        EXPECT_NEAR(at(clock, snaps), 0.995, 0.0001);
+    }
+    {
+        // 5 ms later: the same as a group without a timely answer, so it
+        // takes two whole groups.
+        StreamClock clock(bps);
+        Snapshots snaps;
+        for (int k = 0; k < 6 * group; ++k) snaps.feed(clock, 1.0, 0);
+        for (int k = 0; k < group; ++k) snaps.feed(clock, 1.005, 0);
+        EXPECT_NEAR(at(clock, snaps), 1.0, 0.0001);
+        for (int k = 0; k < group; ++k) snaps.feed(clock, 1.005, 0);
+        EXPECT_NEAR(at(clock, snaps), 1.005, 0.0001);
+    }
+}
+
+TEST(StreamClock, AGroupWithoutATimelyAnswerDoesNotMoveTheLine) {
+    const double bps = 48000.0 * 8;
+    const int group = static_cast<int>(StreamClock::kGroup);
     StreamClock clock(bps);
     Snapshots snaps;
-    for (int k = 0; k < 100; ++k) snaps.feed(clock, 1.0, 0);
-    // Re-anchored 5 ms later: taken up once two whole groups have seen it.
-    for (int k = 0; k < 2 * static_cast<int>(StreamClock::kGroup) + 4; ++k)
-        snaps.feed(clock, 1.005, 0);
-    const double p = snaps.i * 0.02;
-    EXPECT_NEAR(clock.hostTimeOf(static_cast<int64_t>(p * bps)), p + 1.005, 0.0001);
+    for (int k = 0; k < 6 * group; ++k) snaps.feed(clock, 2.0, 0);
+    // A busy third of a second: every answer 2-4 ms late.
+    for (int k = 0; k < group; ++k) {
+        double p = snaps.i * 0.02;
+        clock.addSnapshot(p + 2.0 + 0.002 + 0.002 * (k % 3) / 2, p);
+        ++snaps.i;
+    }
+    for (int k = 0; k < 3 * group; ++k) {
+        snaps.feed(clock, 2.0, 0);
+        ASSERT_NEAR(clock.hostTimeOf(static_cast<int64_t>(snaps.i * 0.02 * bps)),
+                    snaps.i * 0.02 + 2.0, 0.0001)
+            << k;
+    }
 }
 
 TEST(WallClock, MapsNowOntoTheMonotonicClock) {

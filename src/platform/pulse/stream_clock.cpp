@@ -72,17 +72,26 @@ void StreamClock::refit() {
         ++n;
     }
 
-    // A jump of a newly completed group away from the line of the older
-    // ones is a new timeline (the server re-anchored the stream): start
-    // again from it.
+    // A newly completed group far off the line of the older ones means the
+    // server re-anchored the stream: start again from the groups past the
+    // jump. Answers are never early, so a group well below the line is a
+    // jump at once; one well above may just have had no answer on time, so
+    // it takes a second such group to believe it.
     if (lastFull && n >= 2) {
+        size_t older = n - 1;
+        if (lateGroups_ > 0 && older > 1) --older;  // leave out the group under suspicion
         double a, b, pivot;
-        fit(pts.data(), n - 1, a, b, pivot);
+        fit(pts.data(), older, a, b, pivot);
         const Point& newest = pts[n - 1];
-        if (std::fabs(newest.offset - (a + b * (newest.position - pivot))) > kStepSec) {
-            start_ = last * kGroup;
-            pts[0] = newest;
-            n = 1;
+        const double off = newest.offset - (a + b * (newest.position - pivot));
+        lateGroups_ = off > kStepSec ? lateGroups_ + 1 : 0;
+        if (off < -kStepSec || lateGroups_ >= 2) {
+            const uint64_t keepFrom = off < -kStepSec ? last : last - 1;
+            start_ = std::max(start_, keepFrom * kGroup);
+            n = 0;
+            for (uint64_t g = keepFrom; g <= last; ++g)
+                if (groupPoint(g, kGroup, pts[n])) ++n;
+            lateGroups_ = 0;
         }
     }
     fit(pts.data(), n, intercept_, slope_, pivot_);

@@ -65,7 +65,8 @@ class StreamClock {
     uint64_t total_ = 0;  // snapshots ever added
     uint64_t start_ = 0;  // first snapshot still in use
     bool valid_ = false;
-    double intercept_ = 0;  // offset at the pivot position
+    size_t lateGroups_ = 0;  // newest groups in a row that sat well above the line
+    double intercept_ = 0;   // offset at the pivot position
     double slope_ = 0;
     double pivot_ = 0;
     double lastPosition_ = 0;
