@@ -339,12 +339,21 @@ void runProbe(PulseBackend& backend, const std::string& sink, double rate, doubl
     ASSERT_EQ(playback.status, 0) << playback.error;
     EXPECT_DOUBLE_EQ(playback.stream->sampleRate(), rate);  // opened at the sink's own rate
     // An idle null sink has rendered up to 2 s ahead; a new stream plays
-    // after that, and only then do blocks flow small. Measure past it.
-    const double warmup = 2.5;
-    const double t0 = monotonicNow();
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds + warmup));
+    // after that, and only then do blocks flow small. Measure once what is
+    // written now is heard within 100 ms, three looks in a row.
+    auto leadNow = [&] {
+        size_t b = std::min(probe.blocks.load(), probe.presentTimes.size());
+        return b ? probe.presentTimes[b - 1] - monotonicNow() : 1e9;
+    };
+    int settled = 0;
+    for (int i = 0; i < 150 && settled < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        settled = leadNow() < 0.1 ? settled + 1 : 0;
+    }
+    ASSERT_EQ(settled, 3) << "the sink never came down to a short latency; lead " << leadNow();
+    const double from = monotonicNow();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     const double t1 = monotonicNow();
-    const double from = t0 + warmup;
     // The server does not resample our stream: it runs at the sink's rate.
     std::string inputs;
     gPulse->run("pactl list sink-inputs", &inputs);
