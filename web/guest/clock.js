@@ -1,0 +1,76 @@
+// The two clocks a guest must bridge: the host's (every stamp on the wire) and
+// the sound card's (where the output actually is). Both are mapped onto
+// performance.now(), the one clock the page can read directly.
+
+// Offset of the host's clock from ours by four-timestamp exchanges. Only the
+// quickest quarter is believed: their two legs were most nearly equal.
+export class ClockSync {
+  constructor(window = 40) {
+    this.window = window;
+    this.samples = [];
+  }
+
+  // All four in microseconds: t1 sent, t2 host received, t3 host sent, t4 arrived.
+  add(t1, t2, t3, t4) {
+    const rtt = t4 - t1 - (t3 - t2);
+    if (t4 < t1 || rtt < 0) return;
+    this.samples.push({ rtt, offset: (t2 - t1 + (t3 - t4)) / 2 });
+    while (this.samples.length > this.window) this.samples.shift();
+  }
+
+  // Host microseconds minus ours, or null while fewer than four exchanges.
+  offsetUs() {
+    if (this.samples.length < 4) return null;
+    const best = [...this.samples].sort((a, b) => a.rtt - b.rtt);
+    const n = Math.floor(best.length / 4);
+    let sum = 0;
+    for (let i = 0; i < n; i++) sum += best[i].offset;
+    return sum / n;
+  }
+
+  bestRttUs() {
+    return this.samples.length ? Math.min(...this.samples.map((s) => s.rtt)) : null;
+  }
+}
+
+// When the sample at a given context time is heard, in performance.now()
+// milliseconds. getOutputTimestamp() says it to a fraction of a millisecond
+// but wobbles; the median of the last two seconds is steady. Where the browser
+// lacks it, the context's own latency figures stand in, which are coarser.
+export class OutputClock {
+  constructor(context) {
+    this.context = context;
+    this.readings = [];
+  }
+
+  sample() {
+    const ctx = this.context;
+    if (typeof ctx.getOutputTimestamp === 'function') {
+      const stamp = ctx.getOutputTimestamp();
+      if (stamp && stamp.performanceTime > 0 && stamp.contextTime > 0) {
+        this.push(stamp.performanceTime - stamp.contextTime * 1000);
+        return;
+      }
+    }
+    const latency = (ctx.outputLatency || 0) + (ctx.baseLatency || 0);
+    this.push(performance.now() - ctx.currentTime * 1000 + latency * 1000);
+  }
+
+  push(value) {
+    this.readings.push(value);
+    if (this.readings.length > 20) this.readings.shift();
+  }
+
+  // After a pause the browser may rebuild its output stream: start afresh.
+  reset() {
+    this.readings = [];
+  }
+
+  // performance.now() ms minus context ms for heard output, or null.
+  perfMinusContextMs() {
+    if (this.readings.length < 3) return null;
+    const sorted = [...this.readings].sort((a, b) => a - b);
+    const m = sorted.length >> 1;
+    return sorted.length % 2 ? sorted[m] : (sorted[m - 1] + sorted[m]) / 2;
+  }
+}
