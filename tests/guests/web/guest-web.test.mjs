@@ -1,0 +1,104 @@
+// The page's timing and reconnect rules, run under node: the same rules as the
+// phone app's, so the two kinds of guest behave alike.
+import assert from 'node:assert/strict';
+import test from 'node:test';
+import { JitterBuffer, FRAME_US } from '../../../web/guest/jitter-buffer.js';
+import { ClockSync, OutputClock } from '../../../web/guest/clock.js';
+import { SpeakerState } from '../../../web/guest/speaker-state.js';
+
+// A chunk of `frames` whose left samples count up from `first`.
+function ramp(first, frames) {
+  const s = new Int16Array(frames * 2);
+  for (let i = 0; i < frames; i++) {
+    s[2 * i] = first + i;
+    s[2 * i + 1] = -(first + i);
+  }
+  return s;
+}
+
+function readLeft(buffer, frames, startUs) {
+  const left = new Float32Array(frames);
+  const right = new Float32Array(frames);
+  buffer.read(left, right, frames, startUs);
+  return Array.from(left, (v) => Math.round(v * 32768));
+}
+
+test('reads the sample stamped for each moment, and silence outside the chunks', () => {
+  const b = new JitterBuffer();
+  b.push(1_000_000, ramp(0, 480));
+  b.push(1_010_000, ramp(480, 480));
+  assert.deepEqual(readLeft(b, 4, 1_000_000), [0, 1, 2, 3]);
+  const before = new JitterBuffer();
+  before.push(1_000_000, ramp(0, 480));
+  assert.deepEqual(readLeft(before, 2, 1_000_000 - 2 * FRAME_US), [0, 0]);
+});
+
+test('a small error is taken one frame per read, a large one jumps', () => {
+  const b = new JitterBuffer();
+  for (let i = 0; i < 10; i++) b.push(1_000_000 + i * 10_000, ramp(i * 480, 480));
+  readLeft(b, 128, 1_000_000);
+  // Asked 5 ms ahead of the cursor: one frame forward only.
+  assert.equal(readLeft(b, 1, 1_000_000 + 128 * FRAME_US + 5000)[0], 129);
+  // 11 ms ahead: straight there.
+  const at = 1_000_000 + 129 * FRAME_US + 11_000;
+  assert.equal(readLeft(b, 1, at)[0], Math.round((at - 1_000_000) / FRAME_US));
+});
+
+test('a timeline that goes back replaces what was queued from there on', () => {
+  const b = new JitterBuffer();
+  b.push(1_000_000, ramp(0, 480));
+  b.push(1_010_000, ramp(480, 480));
+  b.push(1_010_000, ramp(5000, 480));
+  assert.equal(b.chunks.length, 2);
+  assert.equal(readLeft(b, 1, 1_010_000)[0], 5000);
+  b.push(1_000_000, ramp(7, 3)); // odd-length stereo: the half pair is dropped
+  assert.equal(b.chunks.length, 1);
+});
+
+test('the clock offset believes only the quickest quarter of exchanges', () => {
+  const c = new ClockSync();
+  c.add(0, 500, 500, 1000);
+  c.add(0, 500, 500, 1000);
+  c.add(0, 500, 500, 1000);
+  assert.equal(c.offsetUs(), null);
+  for (let i = 0; i < 5; i++) c.add(0, 2000, 2000, 10000); // slow, biased legs
+  c.add(0, 100, 100, 200); // quickest: offset 0
+  c.add(0, 150, 150, 300);
+  assert.equal(c.offsetUs(), 0);
+  c.add(10, 0, 0, 5); // answer before the question: ignored
+  assert.equal(c.samples.length, 10);
+});
+
+test('the output clock takes the median of its readings', () => {
+  const o = new OutputClock({});
+  o.push(10);
+  o.push(1000);
+  assert.equal(o.perfMinusContextMs(), null);
+  o.push(11);
+  o.push(12);
+  assert.equal(o.perfMinusContextMs(), 11.5);
+});
+
+test('reconnects for fifteen seconds from the first loss, never after full or removed', () => {
+  const s = new SpeakerState();
+  s.join();
+  assert.equal(s.streamStarted(48000, 2, 16), true);
+  assert.equal(s.lost(1006, null, 100), true);
+  assert.equal(s.phase, 'reconnecting');
+  assert.equal(s.lost(1006, 'member', 114.9), true);
+  assert.equal(s.lost(1006, null, 115), false);
+  assert.equal(s.phase, 'join');
+
+  const full = new SpeakerState();
+  full.join();
+  assert.equal(full.lost(1006, 'full', 1), false);
+  assert.equal(full.phase, 'full');
+  const removed = new SpeakerState();
+  removed.join();
+  assert.equal(removed.lost(4001, null, 1), false);
+  assert.equal(removed.phase, 'removed');
+  const odd = new SpeakerState();
+  odd.join();
+  assert.equal(odd.streamStarted(44100, 2, 16), false);
+  assert.equal(odd.phase, 'unsupported');
+});
