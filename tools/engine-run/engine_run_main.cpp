@@ -9,6 +9,7 @@
 // capture sink down again) at the end, on SIGINT or on SIGTERM.
 #include <signal.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -24,10 +25,12 @@
 
 namespace {
 
-vt::dispatch::EventLoop* gLoop = nullptr;
+// Set by the signal handler, which may do nothing else safely; the loop
+// looks at it a few times a second.
+volatile std::sig_atomic_t gStop = 0;
 
 void onSignal(int) {
-    if (gLoop) gLoop->quit();
+    gStop = 1;
 }
 
 [[noreturn]] void usage() {
@@ -56,7 +59,6 @@ int main(int argc, char** argv) {
     }
 
     vt::dispatch::EventLoop loop;
-    gLoop = &loop;
     struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigaction(SIGINT, &sa, nullptr);
@@ -116,12 +118,14 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "%s\n", line.c_str());
         });
         auto end = loop.postAfter(seconds, [&] { loop.quit(); });
+        auto watchSignals = loop.repeat(0.05, [&] {
+            if (gStop) loop.quit();
+        });
         loop.run();
         tick.reset();
         monitor.stop();
         engine.stop();
         std::printf("stopped\n");
     }
-    gLoop = nullptr;
     return status;
 }
