@@ -17,6 +17,7 @@
 #include "dispatch/work_queues.h"
 #include "guard/signal_watcher.h"
 #include "model/app_model.h"
+#include "model/notice_words.h"
 #include "platform/pulse/pulse_backend.h"
 #include "settings/debug_log_writer.h"
 #include "settings/settings.h"
@@ -42,6 +43,10 @@ int run() {
         say("vellatone: no sound server is reachable (PulseAudio, or PipeWire with "
             "pipewire-pulse), so there is nothing to capture or play to. Start one, or use "
             "scripts/run.sh, which starts a private one.");
+        model::AppNoticeFacts facts;
+        facts.captureAvailable = false;
+        for (const std::string& line : app::NoticeLog().newLines(model::applicationNotices(facts)))
+            say(line);
         return 1;
     }
     settings::Settings settings;

@@ -1,6 +1,9 @@
 // The one switch, and what keeps the system output from being left on the
 // capture sink: start and stop, a failed start, the capture-rate restart, the
 // guard's auto-resume and hand-back, and the crash note at launch.
+#include <algorithm>
+#include <fstream>
+
 #include "model_fixture.h"
 
 namespace vt::model::test {
@@ -129,6 +132,40 @@ TEST_F(StartStop, ADefaultLeftOnTheCaptureSinkResumesEarlyAndIsHandedBackLate) {
     for (const Notice& n : m.notices())
         if (n.id == "crash") m.dismissNotice(n);
     EXPECT_FALSE(hasNotice("crash"));
+}
+
+}  // namespace
+}  // namespace vt::model::test
+
+namespace vt::model::test {
+namespace {
+
+TEST_F(StartStop, TheTickWritesTheDriftLogWhileRunningAndClearsTelemetryOnStop) {
+    withRows({"living", "den"});
+    settings->setDebugLog(true);
+    const std::filesystem::path log = dir / "drift.csv";
+    model.reset();
+    model = std::make_unique<AppModel>(fake, main, work, *settings,
+                                       std::make_unique<settings::DebugLogWriter>(log));
+    settle();
+    model->startStop();
+    settle();
+    main.advance(0.35);
+    model->startStop();
+    settle();
+    EXPECT_FALSE(model->rows()[0].primed);
+    EXPECT_EQ(model->rows()[0].ppm, 0);
+
+    model.reset();  // finishes the log's queue
+    std::ifstream in(log);
+    std::string line;
+    int lines = 0;
+    while (std::getline(in, line)) {
+        ++lines;
+        // The Unix time, then ppm and fill error for each of the two rows.
+        EXPECT_EQ(std::count(line.begin(), line.end(), ','), 4) << line;
+    }
+    EXPECT_EQ(lines, 3);
 }
 
 }  // namespace
