@@ -52,7 +52,9 @@ pulse_started=1
 eval "$("$here/scripts/private-pulse.sh" start "$work/pulse" \
     living:48000:Living kitchen:44100:Kitchen den:48000:Den)"
 [[ -n ${PULSE_SERVER:-} ]] || { echo "measure-sync: no private PulseAudio" >&2; exit 2; }
-renice -n "$NICE" -p "$(cat "$work/pulse/runtime/pulse/pid")" >/dev/null 2>&1 || true
+# Every thread of the server: the speakers' sink threads already exist.
+pa_pid=$(cat "$work/pulse/runtime/pulse/pid")
+renice -n "$NICE" -p $(ls "/proc/$pa_pid/task") >/dev/null 2>&1 || true
 
 "${raised[@]}" "$BIN/vellatone-engine-run" --seconds $((DURATION + SETTLE + 30)) \
     living=0 kitchen=0 den=100 >"$work/engine.out" 2>"$work/engine.err" &

@@ -9,6 +9,7 @@
 // capture sink down again) at the end, on SIGINT or on SIGTERM.
 #include <signal.h>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "delay/delay_plan.h"
 #include "devices/device_monitor.h"
 #include "dispatch/event_loop.h"
 #include "dispatch/work_queues.h"
@@ -104,6 +106,28 @@ int main(int argc, char** argv) {
         std::printf("running\n");
         std::fflush(stdout);
 
+        // As the application's telemetry tick does: a slot the engine had to
+        // play later is matched by holding the others back as much.
+        std::vector<double> offsets, lates(outputs.size(), 0.0);
+        for (const auto& o : outputs) offsets.push_back(o.second);
+        auto follow = loop.repeat(0.1, [&] {
+            bool moved = false;
+            for (size_t i = 0; i < outputs.size(); ++i) {
+                double late = engine.lateMs(static_cast<int>(i));
+                if (std::fabs(late - lates[i]) >= 1.0) {
+                    lates[i] = late;
+                    moved = true;
+                }
+            }
+            if (!moved) return;
+            auto delays = vt::delay::DelayPlan::engineDelays(offsets, lates);
+            for (size_t i = 0; i < delays.size(); ++i) {
+                engine.setDelayMs(static_cast<int>(i), delays[i]);
+            }
+            std::fprintf(stderr, "late slots: delays now");
+            for (double d : delays) std::fprintf(stderr, " %.0f", d);
+            std::fprintf(stderr, " ms\n");
+        });
         auto tick = loop.repeat(1.0, [&] {
             std::string line = "telemetry";
             for (size_t i = 0; i < outputs.size(); ++i) {
@@ -123,6 +147,7 @@ int main(int argc, char** argv) {
         });
         loop.run();
         tick.reset();
+        follow.reset();
         monitor.stop();
         engine.stop();
         std::printf("stopped\n");
