@@ -56,13 +56,18 @@ export class JitterBuffer {
     else if (diff <= -1) position = cursor - FRAME_US;
     else position = cursor;
 
+    // A moment belongs to the chunk whose sample lies nearest to it: within
+    // half a frame of a chunk's end, the next chunk's first sample is nearer.
+    // Deciding by the end itself would play the last sample twice and skip the
+    // next chunk's first at every boundary, a buzz at the chunk rate.
     const chunks = this.chunks;
+    const half = FRAME_US / 2;
     let c = 0;
-    while (c < chunks.length && chunks[c].endUs <= position) c++;
+    while (c < chunks.length && chunks[c].endUs - half <= position) c++;
     for (let i = 0; i < frames; i++) {
       const t = position + i * FRAME_US;
-      while (c < chunks.length && chunks[c].endUs <= t) c++;
-      if (c >= chunks.length || t + FRAME_US / 2 < chunks[c].startUs) {
+      while (c < chunks.length && chunks[c].endUs - half <= t) c++;
+      if (c >= chunks.length || t + half < chunks[c].startUs) {
         left[i] = 0;
         right[i] = 0;
         continue;

@@ -2,10 +2,13 @@
 // timeline. An AudioWorklet where the page may have one (a secure context,
 // which includes the computer itself); a script processor elsewhere, as on a
 // phone that opened the plain http link, with the same buffer and rules.
-import { JitterBuffer } from './jitter-buffer.js';
+import { JitterBuffer, FRAME_US } from './jitter-buffer.js';
 import { OutputClock } from './clock.js';
 
 const HEADROOM_US = 200000;
+// Reads in the worklet's quantum even where the block is larger, so that a
+// correction of one frame per read converges as fast on either path.
+const QUANTUM = 128;
 
 export class Player {
   constructor() {
@@ -35,7 +38,9 @@ export class Player {
   async start() {
     const ctx = this.context;
     if (this.node) return;
-    if (ctx.audioWorklet && window.isSecureContext) {
+    // "?scriptprocessor" tries the fallback on a page that could have a worklet.
+    const fallback = new URLSearchParams(location.search).has('scriptprocessor');
+    if (ctx.audioWorklet && window.isSecureContext && !fallback) {
       await ctx.audioWorklet.addModule('player-worklet.js');
       this.node = new AudioWorkletNode(ctx, 'guest-player', {
         numberOfInputs: 0,
@@ -54,8 +59,12 @@ export class Player {
           right.fill(0);
           return;
         }
-        const heardUs = this.hostAtZeroUs + event.playbackTime * 1e6;
-        this.buffer.read(left, right, left.length, Math.round(heardUs) - HEADROOM_US);
+        const startUs = Math.round(this.hostAtZeroUs + event.playbackTime * 1e6) - HEADROOM_US;
+        for (let at = 0; at < left.length; at += QUANTUM) {
+          const n = Math.min(QUANTUM, left.length - at);
+          this.buffer.read(left.subarray(at, at + n), right.subarray(at, at + n), n,
+            Math.round(startUs + at * FRAME_US));
+        }
       };
       this.node = node;
     }

@@ -17,9 +17,14 @@ assert.ok(hostBin && webRoot && pulse, 'usage: guest-e2e.mjs HOST_BIN WEB_ROOT (
 const step = (text) => console.log(`guest-e2e: ${text}`);
 const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 
+// Every address any page asked for: all must be this computer's server.
+const requested = [];
+
 async function openGuest(context, port, name) {
   const page = await context.newPage();
   page.on('pageerror', (e) => console.log(`page error (${name}): ${e.message}`));
+  page.on('request', (r) => requested.push(r.url()));
+  page.on('websocket', (w) => requested.push(w.url()));
   await page.goto(`http://127.0.0.1:${port}/join`);
   await page.waitForFunction(() => window.guestState && window.guestState.clientId);
   if (await page.isVisible('#name')) await page.fill('#name', name);
@@ -128,6 +133,11 @@ try {
   await dee.click('#leave');
   await host.until((h) => !h.row('Guest · Dee'), 'Dee gone after Leave', 3000);
   step('Leave removes the row at once');
+  const outside = requested.filter(
+    (u) => !u.startsWith(`http://127.0.0.1:${port}/`) && !u.startsWith(`ws://127.0.0.1:${port}/`),
+  );
+  assert.deepEqual(outside, [], 'the page loads nothing from outside the computer');
+  step(`the pages asked for ${requested.length} addresses, all on the guest server`);
   console.log('guest-e2e: PASS');
 } catch (error) {
   failed = true;

@@ -102,3 +102,12 @@ test('reconnects for fifteen seconds from the first loss, never after full or re
   assert.equal(odd.streamStarted(44100, 2, 16), false);
   assert.equal(odd.phase, 'unsupported');
 });
+
+test('chunk boundaries pass without a repeated or skipped sample, at any phase', () => {
+  for (const phase of [0, 3, 10, 11, 20]) {
+    const b = new JitterBuffer();
+    for (let i = 0; i < 5; i++) b.push(1_000_000 + i * 10_000, ramp(i * 480, 480));
+    const got = readLeft(b, 1500, 1_000_000 + phase);
+    for (let i = 1; i < got.length; i++) assert.equal(got[i] - got[i - 1], 1, `phase ${phase} at ${i}`);
+  }
+});
