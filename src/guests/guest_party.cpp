@@ -30,6 +30,7 @@ GuestParty::GuestParty(GuestServer& server, dispatch::MainQueue& mainQueue, Hook
       serverName_(std::move(serverName)) {}
 
 GuestParty::~GuestParty() {
+    alive_.reset();
     for (auto& [id, sender] : senders_) sender->stop();
 }
 
@@ -73,7 +74,9 @@ void GuestParty::add(const std::string& clientID, const std::string& name, int64
     auto sender = std::make_unique<GuestSender>(clientID, connection, server_, renderFor(*slot),
                                                 mainQueue_, mainQueue_, serverName_);
     GuestSender* raw = sender.get();
-    sender->onStatus = [this, clientID, raw](GuestSender::Status status) {
+    sender->onStatus = [this, alive = std::weak_ptr<bool>(alive_), clientID,
+                        raw](GuestSender::Status status) {
+        if (alive.expired()) return;
         // A replaced sender's late report must not touch the new one's row.
         auto it = senders_.find(clientID);
         if (it == senders_.end() || it->second.get() != raw) return;

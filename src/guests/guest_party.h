@@ -69,6 +69,8 @@ class GuestParty {
     std::optional<sendspin::TrackInfo> track_;
     std::map<std::string, std::unique_ptr<GuestSender>> senders_;
     std::map<std::string, int> slots_;
+    // Status reports queued on the main thread check this before touching the party.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace vt::guests

@@ -430,9 +430,10 @@ void GuestServer::expiryTick() {
 }
 
 void GuestServer::emitLocked(Event event) {
-    eventQueue_.post([this, event = std::move(event)] {
-        if (onEvent) onEvent(event);
-    });
+    // The handler travels with the event, so a late delivery never reaches
+    // into a server that has gone meanwhile.
+    if (!onEvent) return;
+    eventQueue_.post([handler = onEvent, event = std::move(event)] { handler(event); });
 }
 
 std::shared_ptr<net::SendspinConnection> GuestServer::connection(int64_t id) const {
