@@ -95,6 +95,7 @@ void onRead(pa_stream* st, size_t, void* user) {
                 }
             } else {
                 // A hole in the stream: it still takes its place in time.
+                ch->rec.holeFrames += frames;
                 ch->rec.left.insert(ch->rec.left.end(), frames, 0.0f);
                 ch->rec.right.insert(ch->rec.right.end(), frames, 0.0f);
             }

@@ -23,6 +23,7 @@ struct Recording {
     double secondsPerFrame = 0;      // as the sink really played them
     double clockPpm = 0;             // how fast the sink ran against the host clock
     size_t snapshots = 0;
+    size_t holeFrames = 0;     // frames the server skipped on the way to us
     double startSpreadMs = 0;  // interquartile range of the snapshots around the fitted line
 };
 

@@ -96,9 +96,9 @@ int main(int argc, char** argv) {
         byName[r.name] = &r;
         std::fprintf(stderr,
                      "recorded %s: %.0f Hz running %+.1f ppm against the host clock, %zu frames, "
-                     "%zu timing snapshots within %.3f ms\n",
+                     "%zu timing snapshots within %.3f ms, %zu frames lost on the way\n",
                      r.name.c_str(), r.rate, r.clockPpm, r.left.size(), r.snapshots,
-                     r.startSpreadMs);
+                     r.startSpreadMs, r.holeFrames);
     }
     auto track = [&](const std::string& name) {
         auto it = byName.find(name);
