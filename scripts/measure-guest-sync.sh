@@ -14,7 +14,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 DURATION=${DURATION:-60}
 BIN=${BIN:-$here/build/bin}
 LIMIT_MS=${LIMIT_MS:-}
-SETTLE=${SETTLE:-6}
+SETTLE=${SETTLE:-10}
 e2e=$here/tests/guests/e2e
 
 for tool in vellatone-guest-host vellatone-syncmeter; do

@@ -59,6 +59,16 @@ export class OutputClock {
   push(value) {
     this.readings.push(value);
     if (this.readings.length > 20) this.readings.shift();
+    // After a glitch the output really has moved: three readings that agree
+    // with each other and not with the rest are believed at once, rather than
+    // waiting a second for the median to come round.
+    if (this.readings.length >= 6) {
+      const recent = this.readings.slice(-3);
+      const spread = Math.max(...recent) - Math.min(...recent);
+      const before = median(this.readings.slice(0, -3));
+      const now = median(recent);
+      if (spread < 0.5 && Math.abs(now - before) > 2) this.readings = recent;
+    }
   }
 
   // After a pause the browser may rebuild its output stream: start afresh.
@@ -68,9 +78,12 @@ export class OutputClock {
 
   // performance.now() ms minus context ms for heard output, or null.
   perfMinusContextMs() {
-    if (this.readings.length < 3) return null;
-    const sorted = [...this.readings].sort((a, b) => a - b);
-    const m = sorted.length >> 1;
-    return sorted.length % 2 ? sorted[m] : (sorted[m - 1] + sorted[m]) / 2;
+    return this.readings.length < 3 ? null : median(this.readings);
   }
+}
+
+function median(values) {
+  const sorted = [...values].sort((a, b) => a - b);
+  const m = sorted.length >> 1;
+  return sorted.length % 2 ? sorted[m] : (sorted[m - 1] + sorted[m]) / 2;
 }

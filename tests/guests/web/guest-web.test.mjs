@@ -79,6 +79,19 @@ test('the output clock takes the median of its readings', () => {
   assert.equal(o.perfMinusContextMs(), 11.5);
 });
 
+test('the output clock follows a real jump after three agreeing readings, not one stray', () => {
+  const o = new OutputClock({});
+  for (let i = 0; i < 10; i++) o.push(100 + (i % 3) * 0.1);
+  o.push(125);
+  o.push(100.1);
+  assert.ok(Math.abs(o.perfMinusContextMs() - 100.1) < 0.11);
+  o.push(125);
+  o.push(125.2);
+  assert.ok(Math.abs(o.perfMinusContextMs() - 100.1) < 0.11);
+  o.push(125.1);
+  assert.equal(o.perfMinusContextMs(), 125.1);
+});
+
 test('reconnects for fifteen seconds from the first loss, never after full or removed', () => {
   const s = new SpeakerState();
   s.join();
