@@ -73,11 +73,11 @@ int main(int argc, char** argv) {
         } else if (arg == "--seconds") {
             seconds = std::atof(next().c_str());
         } else if (arg == "--speaker") {
-            const std::string spec = next();
-            const size_t eq = spec.find('=');
+            const std::string value = next();
+            const size_t eq = value.find('=');
             if (eq == std::string::npos || eq == 0) usage();
-            speaker = spec.substr(0, eq);
-            speakerDelayMs = std::atof(spec.substr(eq + 1).c_str());
+            speaker = value.substr(0, eq);
+            speakerDelayMs = std::atof(value.substr(eq + 1).c_str());
         } else {
             usage();
         }
