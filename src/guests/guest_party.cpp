@@ -22,6 +22,20 @@ std::string guestSubtitle(GuestSender::Status status, bool notTimed) {
     return "Guest";
 }
 
+GuestServerStart startGuestServer(GuestServer& server) {
+    GuestServerStart result;
+    try {
+        server.start();
+    } catch (const net::ServerError&) {
+        result.error = "Port " + std::to_string(GuestLink::defaultPort) +
+                       " is taken by another app, so guests cannot join.";
+        return result;
+    }
+    result.started = true;
+    if (auto address = GuestServer::lanIPv4()) result.link = GuestLink{*address, server.port()};
+    return result;
+}
+
 GuestParty::GuestParty(GuestServer& server, dispatch::MainQueue& mainQueue, Hooks hooks,
                        std::string serverName)
     : server_(server),
@@ -113,6 +127,10 @@ void GuestParty::send(std::optional<sendspin::TrackInfo> meta) {
 
 void GuestParty::remove(const std::string& clientID) {
     server_.remove(clientID);
+    forget(clientID);
+}
+
+void GuestParty::drop(const std::string& clientID) {
     forget(clientID);
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "dispatch/main_queue.h"
+#include "guests/guest_link.h"
 #include "guests/guest_sender.h"
 #include "guests/guest_server.h"
 
@@ -21,6 +22,15 @@ namespace vt::guests {
 std::string guestRowName(const std::optional<std::string>& name);
 // The row's second line while the phone's timing is assumed or measured.
 std::string guestSubtitle(GuestSender::Status status, bool notTimed);
+
+// Starting the server on first demand, as the invitation and the remote ask
+// for it: the link to show, or the sentence that says why guests cannot join.
+struct GuestServerStart {
+    bool started = false;
+    std::optional<GuestLink> link;     // none when this machine has no address
+    std::optional<std::string> error;  // for the user, when the port was taken
+};
+GuestServerStart startGuestServer(GuestServer& server);
 
 class GuestParty {
   public:
@@ -48,6 +58,8 @@ class GuestParty {
     void send(std::optional<sendspin::TrackInfo> meta);
     // The host's removal: barred until the server ends. The caller drops the row.
     void remove(const std::string& clientID);
+    // The row went for another reason: its sender stops, the phone is not barred.
+    void drop(const std::string& clientID);
     // After rows moved: the slot each guest's row now sits at.
     void rebind(const std::string& clientID, int slot);
 

@@ -156,6 +156,20 @@ TEST_F(GuestPartyTest, RemovalBarsThePhoneAndARowlessGuestIsNoRow) {
     EXPECT_EQ(statuses_.count("phone-c1003"), 0u);
 }
 
+TEST(GuestServerStart, APortTakenIsToldInAWholeSentence) {
+    dispatch::VirtualMainQueue queue;
+    GuestServer::Options options;
+    options.bindAddress = "127.0.0.1";
+    GuestServer first(std::filesystem::temp_directory_path(), 0, 15.0, queue, queue, options);
+    ASSERT_TRUE(startGuestServer(first).started);
+    GuestServer second(std::filesystem::temp_directory_path(), first.port(), 15.0, queue, queue,
+                       options);
+    const GuestServerStart taken = startGuestServer(second);
+    EXPECT_FALSE(taken.started);
+    EXPECT_FALSE(taken.link);
+    EXPECT_EQ(taken.error, "Port 7766 is taken by another app, so guests cannot join.");
+}
+
 TEST(GuestRowText, NamesAndSubtitles) {
     EXPECT_EQ(guestRowName(std::nullopt), "Guest");
     EXPECT_EQ(guestRowName("Ann"), "Guest \u00b7 Ann");
