@@ -110,11 +110,18 @@ TEST_F(StartStop, ADefaultLeftOnTheCaptureSinkResumesEarlyAndIsHandedBackLate) {
     // An earlier run gave the note back but not the sink: the user expects
     // sending to go on.
     withRows({"living"});
+    settings::OutputSettings airplay;
+    airplay.airplayID = "receiver";
+    settings->saveOutput(1, airplay);
+    settings->setOutputCount(2);
     fake.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
     fake.setDefaultSinkByUser("vellatone");
     AppModel& m = launch();
     main.advance(0.1);
     EXPECT_TRUE(m.isRunning());
+    // Network rows wait for the user's word after such a restart.
+    EXPECT_EQ(m.heldSlots(), std::vector<int>{1});
+    EXPECT_FALSE(m.rows()[0].heldAfterRestart);
 
     // Later than 20 s after launch the guard gives it back instead.
     m.startStop();
