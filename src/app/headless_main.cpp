@@ -11,6 +11,7 @@
 
 #include "app/control_path.h"
 #include "app/control_server.h"
+#include "app/guest_root.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "dispatch/event_loop.h"
@@ -54,6 +55,11 @@ int run() {
     model::AppModel model(backend, loop, openQueue, settings,
                           std::make_unique<settings::DebugLogWriter>());
 
+    model::GuestSetup guests;
+    guests.root = app::guestPageRoot();
+    guests.options.computerName = app::computerName();
+    model.enableGuests(std::move(guests));
+
     app::RemoteBridge bridge(model, backend, app::computerName(), VELLATONE_VERSION);
     app::ControlServer server(
         loop, app::controlSocketPath(), [&] { return bridge.snapshot(); },
@@ -73,9 +79,18 @@ int run() {
         loop.quit();
     });
 
+    model.onStateChanged = [&] { server.publish(false); };
+
     app::NoticeLog notices;
+    std::string guestWords;
     auto logNotices = [&] {
         for (const std::string& line : notices.newLines(model.notices())) say(line);
+        std::string words;
+        if (model.guestServerError())
+            words = "vellatone: " + *model.guestServerError();
+        else if (model.guestLink())
+            words = "vellatone: guests join at " + model.guestLink()->joinURL();
+        if (!words.empty() && words != guestWords) say(guestWords = words);
     };
     auto noticeTimer = loop.repeat(0.1, logNotices);
     // Commands publish at once; this catches what changes on its own.
@@ -84,6 +99,7 @@ int run() {
 
     say("vellatone: running headless, no window. Control socket: " + server.path().string());
     loop.run();
+    model.onStateChanged = nullptr;
     noticeTimer.reset();
     stateTimer.reset();
     return 0;

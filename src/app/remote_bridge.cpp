@@ -124,7 +124,8 @@ RowInfo RemoteBridge::rowInfo(int slot, const RowState& row) const {
     const std::string meta = model_.meta(row);
     if (row.isGuest()) {
         info.kind = RowInfo::Kind::guest;
-        info.transport = "Guest · " + meta;
+        // A guest row's own line already says it is a guest.
+        info.transport = meta;
     } else if (row.isAirPlay()) {
         info.kind = RowInfo::Kind::airplay;
         info.transport = "AirPlay · " + meta;

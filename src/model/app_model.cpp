@@ -55,6 +55,9 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 }
 
 AppModel::~AppModel() {
+    // The guests' senders render from the engine on their own threads.
+    guestParty_.reset();
+    guestServer_.reset();
     guard_.reset();
     telemetryTimer_.reset();
     rateRestart_.reset();
@@ -251,6 +254,7 @@ void AppModel::start() {
         return;
     }
     startGuestServerIfNeeded();
+    if (guestParty_) guestParty_->play();
     isRunning_ = true;
     if (!settings_.hasSent()) settings_.setHasSent(true);
     startError_.reset();
@@ -264,6 +268,7 @@ void AppModel::start() {
 
 void AppModel::stop() {
     stopFly();
+    if (guestParty_) guestParty_->pause();
     engine_->stop();
     restorer_.restore();
     isRunning_ = false;

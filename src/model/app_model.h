@@ -9,6 +9,9 @@
 // looked up afresh each time.
 #pragma once
 
+#include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -25,6 +28,8 @@
 #include "guard/output_guard.h"
 #include "guard/output_restorer.h"
 #include "guard/restored_output.h"
+#include "guests/guest_party.h"
+#include "guests/guest_server.h"
 #include "model/notice.h"
 #include "model/row_state.h"
 #include "platform/audio_backend.h"
@@ -33,6 +38,14 @@
 #include "stage/room_types.h"
 
 namespace vt::model {
+
+// Where and how the guest server runs once playing starts.
+struct GuestSetup {
+    std::filesystem::path root;  // the guest web page's folder
+    uint16_t port = guests::GuestLink::defaultPort;
+    double patience = 15.0;
+    guests::GuestServerOptions options;
+};
 
 class AppModel {
   public:
@@ -77,6 +90,17 @@ class AppModel {
     // Devices that no row plays to yet.
     std::vector<devices::AudioDevice> addableDevices() const;
     int regularRowCount() const;
+
+    // ---- Guests.
+    // Without this no guest server is ever started. Call before startStop.
+    void enableGuests(GuestSetup setup);
+    // The link to show once the server runs, or why guests cannot join.
+    const std::optional<guests::GuestLink>& guestLink() const { return guestLink_; }
+    const std::optional<std::string>& guestServerError() const { return guestServerError_; }
+    guests::GuestParty* guestParty() { return guestParty_.get(); }
+    guests::GuestServer* guestServer() { return guestServer_.get(); }
+    // Something changed on its own (a guest came, went or changed status).
+    std::function<void()> onStateChanged;
 
     // ---- The one switch.
     void startStop();
@@ -183,8 +207,13 @@ class AppModel {
     // their own subsystems; until then they do nothing.
     void reconcileAirPlaySenders() {}
     void reconcileCastSenders() {}
-    void startGuestServerIfNeeded() {}
-    void rebindGuests() {}
+    void startGuestServerIfNeeded();
+    void rebindGuests();
+    std::optional<int> addGuestRow(const std::string& clientID, const std::string& rowName);
+    void guestStatusChanged(const std::string& clientID, guests::GuestSender::Status status);
+    void stateChanged() {
+        if (onStateChanged) onStateChanged();
+    }
     void stopFly() {}
     void placeNewRows() {}
     void startMixer() {}
@@ -228,6 +257,12 @@ class AppModel {
     std::optional<std::map<RowId, bool>> preSolo_;
     std::optional<std::map<RowId, bool>> forcedMutes_;
     std::set<const void*> forcedMuteHolders_;
+
+    std::optional<GuestSetup> guestSetup_;
+    std::unique_ptr<guests::GuestServer> guestServer_;
+    std::unique_ptr<guests::GuestParty> guestParty_;
+    std::optional<guests::GuestLink> guestLink_;
+    std::optional<std::string> guestServerError_;
 
     NoticeBoard noticeBoard_;
     double launched_ = 0;

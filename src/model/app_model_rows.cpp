@@ -99,6 +99,8 @@ void AppModel::removeOutput(int slot) {
     if (!canRemove(slot)) return;
     const RowState& row = rows_[slot];
     if (!row.isGuest()) lastRemoved_ = RemovedOutput{row.id, row.shownName(), row};
+    // The host's own removal bars the phone until the server ends.
+    if (row.isGuest() && guestParty_) guestParty_->remove(*row.guestID);
     removeRow(slot);
 }
 
@@ -120,6 +122,7 @@ void AppModel::removeRow(int slot) {
         }
     }
     if (forcedMutes_) forcedMutes_->erase(id);
+    if (rows_[slot].isGuest() && guestParty_) guestParty_->drop(*rows_[slot].guestID);
 
     rows_.erase(rows_.begin() + slot);
     normaliseOrder();

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "guests/guest_party.h"
+
 namespace vt::model {
 
 std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
@@ -82,7 +84,9 @@ std::optional<Notice> rowNotice(const RowState& row) {
 std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device) {
     std::string words;
     if (row.isGuest()) {
-        words = "Guest · joining";
+        words =
+            guests::guestSubtitle(row.guestStatus.value_or(guests::GuestSender::Status::waiting),
+                                  row.latencySource == settings::LatencySource::none);
     } else if (row.isCast()) {
         words = "Cast · not on network";
     } else if (row.isAirPlay()) {

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "guests/guest_party.h"
+
 namespace vt::model {
 
 namespace {
@@ -23,7 +25,7 @@ std::optional<settings::RawPlace> rawFrom(const stage::RowPlace& place) {
 }  // namespace
 
 std::string RowState::originalName() const {
-    if (guestID) return guestName.value_or("Guest");
+    if (guestID) return guests::guestRowName(guestName);
     if (castID) return castName.value_or(*castID);
     if (airplayID) return airplayName.value_or(*airplayID);
     if (deviceUID) return deviceName.value_or(*deviceUID);

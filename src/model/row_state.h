@@ -8,6 +8,7 @@
 #include <string>
 
 #include "equaliser/eq_settings.h"
+#include "guests/guest_sender.h"
 #include "settings/latency_source.h"
 #include "stage/room_types.h"
 
@@ -24,6 +25,7 @@ struct RowState {
     std::optional<std::string> castID, castName;
     bool castSynced = false;
     std::optional<std::string> guestID, guestName;
+    std::optional<guests::GuestSender::Status> guestStatus;
     // Network connection bookkeeping; times on the main queue's clock.
     std::optional<double> connectingSince;
     bool connectStalled = false;

@@ -79,6 +79,37 @@ TEST_F(Bridge, MessagesDriveTheModelAndBadSlotsAreIgnored) {
     EXPECT_FALSE(bridge().handle(PhoneMessage::Forget{}).has_value());
 }
 
+TEST_F(Bridge, GuestRowsSayGuestOnceAndGoByTheirSlot) {
+    model::AppModel& m = withRows({"living"});
+    model::GuestSetup setup;
+    setup.root = dir;
+    setup.port = 0;
+    setup.options.bindAddress = "127.0.0.1";
+    setup.options.allowsLoopbackHost = true;
+    m.enableGuests(setup);
+    bridge().handle(PhoneMessage::SetRunning{true});
+    using Event = guests::GuestServer::Event;
+    ASSERT_NE(m.guestParty(), nullptr);
+    m.guestParty()->handle({Event::Kind::joined, "ann-phone", "Ann", 1, {}});
+    m.guestParty()->handle({Event::Kind::joined, "bob-phone", "Bob", 2, {}});
+    settle();
+
+    remote::MacState s = bridge().snapshot();
+    ASSERT_EQ(s.rows.size(), 3u);
+    EXPECT_EQ(s.rows[1].kind, remote::RowInfo::Kind::guest);
+    EXPECT_EQ(s.rows[1].transport, "Guest \u00b7 joining");
+    EXPECT_EQ(s.rows[1].name, "Guest \u00b7 Ann");
+
+    // As "vellatonectl remove 1" sends it.
+    bridge().handle(PhoneMessage::RemoveOutput{1, std::nullopt});
+    ASSERT_EQ(m.rows().size(), 2u);
+    EXPECT_EQ(m.rows()[1].guestID, "bob-phone");
+    // A stale slot with the guest's id still finds the guest.
+    bridge().handle(PhoneMessage::RemoveOutput{2, "bob-phone"});
+    EXPECT_EQ(m.rows().size(), 1u);
+    EXPECT_EQ(m.guestParty()->count(), 0u);
+}
+
 TEST(NoticeLog, EachNoticeIsLoggedWhenItAppearsAndAgainWhenItReturns) {
     model::Notice n;
     n.id = "start";

@@ -119,6 +119,8 @@ TEST_F(GuestPartyTest, AHelloMakesARowThatPlaysWhileRunning) {
 TEST_F(GuestPartyTest, AReturningPhoneKeepsItsRowAndAnAbsentOneLosesIt) {
     party_->play();
     auto ann = join("phone-aaaa-1", "Ann");
+    // One at a time, so that Ann's row is the first.
+    ASSERT_TRUE(until([&] { return party_->count() == 1; }));
     auto bob = join("phone-bbbb-1", "Bob");
     ASSERT_TRUE(until([&] { return party_->count() == 2; }));
     ann->close();
