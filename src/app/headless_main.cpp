@@ -4,6 +4,7 @@
 // default sink back before the process ends.
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -29,7 +30,8 @@ constexpr const char* kUsage =
     "usage: vellatone --headless\n"
     "  Runs Vellatone without a window until SIGINT or SIGTERM. Control it with\n"
     "  vellatonectl over the socket $XDG_RUNTIME_DIR/vellatone/control.sock\n"
-    "  (VELLATONE_CONTROL_SOCKET overrides the path).\n";
+    "  (VELLATONE_CONTROL_SOCKET overrides the path). Guests' phones join on port\n"
+    "  7766 (VELLATONE_GUEST_BIND names the address to listen on).\n";
 
 void say(const std::string& line) {
     std::fprintf(stderr, "%s\n", line.c_str());
@@ -58,6 +60,11 @@ int run() {
     model::GuestSetup guests;
     guests.root = app::guestPageRoot();
     guests.options.computerName = app::computerName();
+    // Tests keep the guest server on loopback.
+    if (const char* bind = std::getenv("VELLATONE_GUEST_BIND"); bind && *bind) {
+        guests.options.bindAddress = bind;
+        guests.options.allowsLoopbackHost = true;
+    }
     model.enableGuests(std::move(guests));
 
     app::RemoteBridge bridge(model, backend, app::computerName(), VELLATONE_VERSION);

@@ -46,6 +46,7 @@ pactl set-default-sink speakers
 
 export VELLATONE_CONFIG_DIR=$work/config
 export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
+export VELLATONE_GUEST_BIND=127.0.0.1
 export HOME=$work/home
 mkdir -p "$HOME"
 ctl() { "$BIN/vellatonectl" "$@"; }
