@@ -266,10 +266,21 @@ bool PulseBackend::moveSinkInput(uint32_t index, const std::string& sinkName) {
         if (it != inputs_.end() && it->second.ours) return false;  // ours stay where they are
     }
     bool ok = false;
-    PulseLoop::Lock lock(*control_);
-    return control_->finish(pa_context_move_sink_input_by_name(
-               control_->context(), index, sinkName.c_str(), &Callbacks::success, &ok)) &&
-           ok;
+    {
+        PulseLoop::Lock lock(*control_);
+        if (!control_->finish(pa_context_move_sink_input_by_name(
+                control_->context(), index, sinkName.c_str(), &Callbacks::success, &ok)) ||
+            !ok)
+            return false;
+    }
+    // The server's own event follows later; until then a caller that asks
+    // what still plays into the old sink must not see the stream there.
+    std::lock_guard mirror(mirrorMutex_);
+    auto input = inputs_.find(index);
+    if (input == inputs_.end()) return true;
+    for (const auto& [id, sink] : sinks_)
+        if (sink.name == sinkName) input->second.sink = id;
+    return true;
 }
 
 bool PulseBackend::setSinkInputVolume(uint32_t index, double linear) {
