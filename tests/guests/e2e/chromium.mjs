@@ -31,6 +31,14 @@ export async function launchChromium(pulseServer) {
     ],
     env: { ...process.env, PULSE_SERVER: pulseServer },
   });
-  browser.on('disconnected', () => fs.rmSync(userDataDir, { recursive: true, force: true }));
+  // Chromium's last child processes may still be writing the profile when
+  // the pipe closes: retry, and never let tidying up fail a finished test.
+  browser.on('disconnected', () => {
+    try {
+      fs.rmSync(userDataDir, { recursive: true, force: true, maxRetries: 10, retryDelay: 100 });
+    } catch (error) {
+      console.error(`guest-e2e: left ${userDataDir} behind: ${error.code}`);
+    }
+  });
   return browser;
 }
