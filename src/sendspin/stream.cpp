@@ -5,7 +5,7 @@
 #include <chrono>
 #include <vector>
 
-#include "sendspin/dither.h"
+#include "engine/pcm16_quantizer.h"
 #include "sendspin/protocol.h"
 
 namespace vt::sendspin {
@@ -106,7 +106,7 @@ void SendspinStream::pump(std::shared_ptr<State> state, int64_t run, std::shared
                           int64_t leadUs) {
     std::vector<float> rendered(kFrames * 2);
     std::vector<int16_t> pcm(kFrames * 2);
-    DitherQuantizer quantizer;
+    engine::PCM16Quantizer quantizer(0x9E3779B97F4A7C15ULL);
     double deadline = clock->nowSeconds();
     int64_t lastEpoch = -1;
     int64_t framesSent = 0;
@@ -134,7 +134,7 @@ void SendspinStream::pump(std::shared_ptr<State> state, int64_t run, std::shared
                 baseUs = 0;
                 firstFrame = true;
             }
-            quantizer.quantize(rendered.data(), pcm.data(), pcm.size());
+            quantizer.convert(rendered.data(), pcm.data(), pcm.size());
             const int64_t now = clock->nowUs();
             if (firstFrame) {
                 baseUs = now;

@@ -68,5 +68,17 @@ TEST(PCM16Quantizer, SameSeedSameOutputAndZeroSeedIsOne) {
     EXPECT_EQ(c, d);
 }
 
+TEST(PCM16Quantizer, TheBlockFormMatchesSampleBySample) {
+    std::vector<float> in;
+    for (int i = 0; i < 2000; ++i)
+        in.push_back(std::sin(static_cast<float>(i) * 0.01f) * (i % 7 == 0 ? 0.0f : 1.2f));
+    in.push_back(std::numeric_limits<float>::quiet_NaN());
+    PCM16Quantizer one(0x9E3779B97F4A7C15ULL), block(0x9E3779B97F4A7C15ULL);
+    std::vector<int16_t> out(in.size());
+    block.convert(in.data(), out.data(), in.size());
+    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], one.quantize(in[i])) << i;
+    EXPECT_EQ(block.state(), one.state());
+}
+
 }  // namespace
 }  // namespace vt::engine

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "sendspin/clock_sync.h"
-#include "sendspin/dither.h"
 #include "sendspin/guest_render_clock.h"
 
 namespace vt::sendspin {
@@ -68,34 +67,6 @@ TEST(GuestRenderClock, KeepsTheLastGoodValues) {
 TEST(GuestSpeaker, PlayoutStartReadsTheHeadroomBehindTheStamp) {
     EXPECT_EQ(GuestSpeaker::playoutStartUs(10.0, 2.0000004, 200.0), 12'000'000 - 200'000);
     EXPECT_EQ(GuestSpeaker::playoutStartUs(0.0, -1.0, 0.0009), -1'000'000);
-}
-
-TEST(DitherQuantizer, KeepsSilenceSilentAndClampsAtTheRails) {
-    DitherQuantizer q;
-    EXPECT_EQ(q.quantize(0.0f), 0);
-    EXPECT_EQ(q.quantize(-0.0f), 0);
-    EXPECT_EQ(q.quantize(NAN), 0);
-    EXPECT_EQ(q.quantize(INFINITY), 0);
-    EXPECT_EQ(q.quantize(2.0f), 32767);
-    EXPECT_EQ(q.quantize(-2.0f), -32768);
-    // Dither moves a value by at most one step either way, and averages out.
-    double sum = 0;
-    for (int i = 0; i < 10'000; ++i) {
-        const int16_t v = q.quantize(0.5f);
-        EXPECT_LE(std::abs(v - 16384), 1);
-        sum += v;
-    }
-    EXPECT_NEAR(sum / 10'000, 0.5 * 32767, 0.05);
-}
-
-TEST(DitherQuantizer, TheBlockFormMatchesSampleBySample) {
-    std::vector<float> in;
-    for (int i = 0; i < 2000; ++i) in.push_back(std::sin(i * 0.01f) * (i % 7 == 0 ? 0.0f : 1.2f));
-    in.push_back(NAN);
-    DitherQuantizer one, block;
-    std::vector<int16_t> out(in.size());
-    block.quantize(in.data(), out.data(), in.size());
-    for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], one.quantize(in[i])) << i;
 }
 
 }  // namespace
