@@ -235,13 +235,17 @@ function render() {
   const title = track && track.title ? track.title : '';
   const artist = track && track.artist ? track.artist : '';
   $('track').textContent = title ? (artist ? `${title} · ${artist}` : title) : '';
-  window.guestState = {
-    phase,
-    clientId: id,
-    hostOffsetUs: clock.offsetUs(),
-    bestRttUs: clock.bestRttUs(),
-    ...player.describe(),
+  // Read by the tests; the player's figures change between renders, so
+  // they are read when asked for.
+  window.guestState = { phase, clientId: id };
+  const live = {
+    hostOffsetUs: () => clock.offsetUs(),
+    bestRttUs: () => clock.bestRttUs(),
   };
+  for (const key of Object.keys(player.describe())) live[key] = () => player.describe()[key];
+  for (const [key, get] of Object.entries(live)) {
+    Object.defineProperty(window.guestState, key, { get, enumerable: true });
+  }
 }
 
 async function showParty() {

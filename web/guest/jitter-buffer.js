@@ -45,7 +45,8 @@ export class JitterBuffer {
     }
   }
 
-  // Fills `left` and `right` (Float32Arrays of `frames`) for output starting at `startUs`.
+  // Fills `left` and `right` (Float32Arrays of `frames`) for output starting
+  // at `startUs`; returns how many frames came from chunks rather than silence.
   read(left, right, frames, startUs) {
     const wanted = startUs;
     const cursor = this.cursorUs === null ? wanted : this.cursorUs;
@@ -63,6 +64,7 @@ export class JitterBuffer {
     const chunks = this.chunks;
     const half = FRAME_US / 2;
     let c = 0;
+    let filled = 0;
     while (c < chunks.length && chunks[c].endUs - half <= position) c++;
     for (let i = 0; i < frames; i++) {
       const t = position + i * FRAME_US;
@@ -78,8 +80,10 @@ export class JitterBuffer {
       else if (index > chunk.frames - 1) index = chunk.frames - 1;
       left[i] = chunk.samples[2 * index] / 32768;
       right[i] = chunk.samples[2 * index + 1] / 32768;
+      filled++;
     }
     this.cursorUs = position + frames * FRAME_US;
+    return filled;
   }
 
   bufferedUntilUs() {

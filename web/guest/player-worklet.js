@@ -3,6 +3,8 @@
 import { JitterBuffer } from './jitter-buffer.js';
 
 const HEADROOM_US = 200000;
+// How often the page hears how much sound went out, in quanta (about 0.5 s).
+const REPORT_EVERY = 188;
 
 class GuestPlayer extends AudioWorkletProcessor {
   constructor() {
@@ -10,6 +12,8 @@ class GuestPlayer extends AudioWorkletProcessor {
     this.buffer = new JitterBuffer();
     // Host microseconds at context time zero, as heard; null until known.
     this.hostAtZeroUs = null;
+    this.heardFrames = 0;
+    this.quanta = 0;
     this.port.onmessage = (event) => {
       const m = event.data;
       if (m.type === 'chunk') this.buffer.push(m.playAtUs, new Int16Array(m.pcm));
@@ -28,7 +32,8 @@ class GuestPlayer extends AudioWorkletProcessor {
       return true;
     }
     const heardUs = this.hostAtZeroUs + currentTime * 1e6;
-    this.buffer.read(left, right, left.length, Math.round(heardUs) - HEADROOM_US);
+    this.heardFrames += this.buffer.read(left, right, left.length, Math.round(heardUs) - HEADROOM_US);
+    if (++this.quanta % REPORT_EVERY === 0) this.port.postMessage({ type: 'heard', frames: this.heardFrames });
     return true;
   }
 }

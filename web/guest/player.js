@@ -1,24 +1,26 @@
 // Plays stamped chunks at their stamp plus the headroom, on the host's
 // timeline. An AudioWorklet where the page may have one (a secure context,
-// which includes the computer itself); a script processor elsewhere, as on a
-// phone that opened the plain http link, with the same buffer and rules.
-import { JitterBuffer, FRAME_US } from './jitter-buffer.js';
+// which includes the computer itself); elsewhere, as on a phone that opened
+// the plain http link, blocks scheduled ahead on the context's clock, with the
+// same buffer and rules. "?scheduled" in the page's address takes the second
+// path where the first would do, to try it.
+import { JitterBuffer } from './jitter-buffer.js';
 import { OutputClock } from './clock.js';
+import { ScheduledOutput } from './scheduled-output.js';
 
 const HEADROOM_US = 200000;
-// Reads in the worklet's quantum even where the block is larger, so that a
-// correction of one frame per read converges as fast on either path.
-const QUANTUM = 128;
 
 export class Player {
   constructor() {
     this.context = null;
-    this.node = null;
-    this.buffer = null; // script-processor path only
+    this.node = null; // worklet path
+    this.scheduled = null; // scheduled path
     this.hostAtZeroUs = null;
     this.outputClock = null;
     this.timer = null;
+    this.pumpTimer = null;
     this.hostOffsetUs = null;
+    this.workletHeard = 0;
   }
 
   // Must run inside the tap's handler: that is what unlocks audio.
@@ -37,38 +39,23 @@ export class Player {
 
   async start() {
     const ctx = this.context;
-    if (this.node) return;
-    // "?scriptprocessor" tries the fallback on a page that could have a worklet.
-    const fallback = new URLSearchParams(location.search).has('scriptprocessor');
-    if (ctx.audioWorklet && window.isSecureContext && !fallback) {
+    if (this.node || this.scheduled) return;
+    const forced = new URLSearchParams(location.search).has('scheduled');
+    if (ctx.audioWorklet && window.isSecureContext && !forced) {
       await ctx.audioWorklet.addModule('player-worklet.js');
       this.node = new AudioWorkletNode(ctx, 'guest-player', {
         numberOfInputs: 0,
         numberOfOutputs: 1,
         outputChannelCount: [2],
       });
-    } else {
-      this.buffer = new JitterBuffer();
-      const node = ctx.createScriptProcessor(2048, 0, 2);
-      node.onaudioprocess = (event) => {
-        const out = event.outputBuffer;
-        const left = out.getChannelData(0);
-        const right = out.getChannelData(1);
-        if (this.hostAtZeroUs === null) {
-          left.fill(0);
-          right.fill(0);
-          return;
-        }
-        const startUs = Math.round(this.hostAtZeroUs + event.playbackTime * 1e6) - HEADROOM_US;
-        for (let at = 0; at < left.length; at += QUANTUM) {
-          const n = Math.min(QUANTUM, left.length - at);
-          this.buffer.read(left.subarray(at, at + n), right.subarray(at, at + n), n,
-            Math.round(startUs + at * FRAME_US));
-        }
+      this.node.port.onmessage = (event) => {
+        if (event.data.type === 'heard') this.workletHeard = event.data.frames;
       };
-      this.node = node;
+      this.node.connect(ctx.destination);
+    } else {
+      this.scheduled = new ScheduledOutput(ctx, ctx.destination, new JitterBuffer(), HEADROOM_US);
+      this.pumpTimer = setInterval(() => this.scheduled.pump(), 40);
     }
-    this.node.connect(ctx.destination);
     // A whisper far below one 16-bit step keeps the browser from closing its
     // output stream in quiet passages, which would shift the timing.
     const keepAlive = ctx.createConstantSource();
@@ -91,21 +78,22 @@ export class Player {
     const hostAtZeroUs = perfMinusCtx * 1000 + this.hostOffsetUs;
     if (this.hostAtZeroUs !== null && Math.abs(hostAtZeroUs - this.hostAtZeroUs) < 2) return;
     this.hostAtZeroUs = hostAtZeroUs;
-    if (this.node && this.node.port) this.node.port.postMessage({ type: 'clock', hostAtZeroUs });
+    if (this.scheduled) this.scheduled.setClock(hostAtZeroUs);
+    else if (this.node) this.node.port.postMessage({ type: 'clock', hostAtZeroUs });
   }
 
   push(playAtUs, pcm) {
-    if (!this.node) return;
-    if (this.buffer) {
-      this.buffer.push(playAtUs, new Int16Array(pcm));
-    } else {
+    if (this.scheduled) {
+      this.scheduled.buffer.push(playAtUs, new Int16Array(pcm));
+      this.scheduled.pump();
+    } else if (this.node) {
       this.node.port.postMessage({ type: 'chunk', playAtUs, pcm }, [pcm]);
     }
   }
 
   clear() {
-    if (this.buffer) this.buffer.clear();
-    else if (this.node && this.node.port) this.node.port.postMessage({ type: 'clear' });
+    if (this.scheduled) this.scheduled.clear();
+    else if (this.node) this.node.port.postMessage({ type: 'clear' });
     if (this.outputClock) this.outputClock.reset();
   }
 
@@ -114,7 +102,9 @@ export class Player {
       hostAtZeroUs: this.hostAtZeroUs,
       outputLatency: this.context ? this.context.outputLatency : null,
       baseLatency: this.context ? this.context.baseLatency : null,
-      worklet: !this.buffer,
+      path: this.scheduled ? 'scheduled' : this.node ? 'worklet' : null,
+      // Frames of sound (not silence) handed to the output so far.
+      heardFrames: this.scheduled ? this.scheduled.heardFrames : this.workletHeard,
     };
   }
 }

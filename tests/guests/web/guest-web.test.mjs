@@ -2,7 +2,8 @@
 // phone app's, so the two kinds of guest behave alike.
 import assert from 'node:assert/strict';
 import test from 'node:test';
-import { JitterBuffer, FRAME_US } from '../../../web/guest/jitter-buffer.js';
+import { JitterBuffer, FRAME_US, SAMPLE_RATE } from '../../../web/guest/jitter-buffer.js';
+import { ScheduledOutput, BLOCK_FRAMES } from '../../../web/guest/scheduled-output.js';
 import { ClockSync, OutputClock } from '../../../web/guest/clock.js';
 import { SpeakerState } from '../../../web/guest/speaker-state.js';
 
@@ -123,4 +124,111 @@ test('chunk boundaries pass without a repeated or skipped sample, at any phase',
     const got = readLeft(b, 1500, 1_000_000 + phase);
     for (let i = 1; i < got.length; i++) assert.equal(got[i] - got[i - 1], 1, `phase ${phase} at ${i}`);
   }
+});
+
+// ---- The scheduled player, against a context whose clock the test moves.
+
+class FakeContext {
+  constructor() {
+    this.currentTime = 0;
+    this.started = [];
+  }
+  createBuffer(channels, length, sampleRate) {
+    const data = [new Float32Array(length), new Float32Array(length)];
+    return { length, sampleRate, getChannelData: (i) => data[i] };
+  }
+  createBufferSource() {
+    const started = this.started;
+    const source = {
+      connect() {},
+      start(when) {
+        source.when = when;
+        started.push(source);
+      },
+      stop() {
+        source.stopped = true;
+      },
+    };
+    return source;
+  }
+}
+
+const T0 = 5_000_000;
+const HEADROOM = 200_000;
+// With this mapping the block at context time 0.05 s plays the sample stamped T0.
+const H = T0 + HEADROOM - 50_000;
+
+function rampedBuffer(chunks) {
+  const b = new JitterBuffer();
+  for (let i = 0; i < chunks; i++) b.push(T0 + i * 10_000, ramp(i * 480, 480));
+  return b;
+}
+
+const leftOf = (source) => Array.from(source.buffer.getChannelData(0), (v) => Math.round(v * 32768));
+const live = (ctx) => ctx.started.filter((s) => !s.stopped);
+
+test('scheduled blocks lie back to back on whole frames and play the sample stamped for their time', () => {
+  const ctx = new FakeContext();
+  const out = new ScheduledOutput(ctx, null, rampedBuffer(30), HEADROOM);
+  out.pump();
+  assert.equal(ctx.started.length, 0, 'nothing before the clock is known');
+  out.setClock(H);
+  assert.equal(ctx.started.length, 12);
+  ctx.started.forEach((s, i) => {
+    assert.equal(Math.round(s.when * SAMPLE_RATE), 2400 + i * BLOCK_FRAMES);
+    assert.equal(leftOf(s)[0], i * BLOCK_FRAMES);
+  });
+  assert.deepEqual(leftOf(ctx.started[1]).slice(0, 3), [1024, 1025, 1026]);
+  // Later pumps only add what has come within reach.
+  ctx.currentTime = 0.03;
+  out.pump();
+  assert.equal(ctx.started.length, 14);
+  ctx.started[0].onended();
+  assert.equal(out.heardFrames, BLOCK_FRAMES);
+});
+
+test('drift is taken by single dropped samples, never by a jump', () => {
+  const ctx = new FakeContext();
+  const out = new ScheduledOutput(ctx, null, rampedBuffer(200), HEADROOM);
+  // The host's clock gains 500 ppm on the sound card's.
+  for (let t = 0; t < 1.2; t += 0.04) {
+    ctx.currentTime = t;
+    out.setClock(H + t * 500);
+  }
+  const all = live(ctx).sort((a, b) => a.when - b.when).flatMap(leftOf);
+  const steps = new Map();
+  for (let i = 1; i < all.length; i++) {
+    const d = (all[i] - all[i - 1] + 65536) % 65536;
+    steps.set(d, (steps.get(d) || 0) + 1);
+  }
+  assert.deepEqual([...steps.keys()].sort(), [1, 2]);
+  // The last mapping is 580 us on: about 28 frames, each dropped once.
+  assert.ok(Math.abs(steps.get(2) - 28) <= 2, `${steps.get(2)} dropped`);
+});
+
+test('a jump of the clock lays the blocks not yet started again; a stalled page starts afresh', () => {
+  const ctx = new FakeContext();
+  const out = new ScheduledOutput(ctx, null, rampedBuffer(120), HEADROOM);
+  out.setClock(H);
+  ctx.currentTime = 0.1;
+  out.setClock(H + 20_000);
+  const stopped = ctx.started.filter((s) => s.stopped);
+  assert.ok(stopped.length > 0);
+  assert.ok(stopped.every((s) => s.when > 0.11));
+  const kept = live(ctx).filter((s) => s.when <= 0.11);
+  const relaid = live(ctx).filter((s) => s.when > 0.11);
+  // The new schedule continues the kept one seamlessly and is 20 ms (960 frames) further on.
+  const frameOf = (source) => Math.round(source.when * SAMPLE_RATE);
+  assert.equal(frameOf(relaid[0]), frameOf(kept.at(-1)) + BLOCK_FRAMES);
+  const frame = frameOf(relaid[0]) - 2400;
+  assert.equal(leftOf(relaid[0])[0], frame + 960);
+
+  ctx.currentTime = 1.0;
+  out.pump();
+  const first = live(ctx).find((s) => s.when > 1.0);
+  assert.equal(frameOf(first), Math.ceil(1.05 * SAMPLE_RATE));
+  assert.equal((leftOf(first)[0] + 65536) % 65536, Math.ceil(1.05 * SAMPLE_RATE) - 2400 + 960);
+
+  out.clear();
+  assert.ok(ctx.started.every((s) => s.stopped));
 });
