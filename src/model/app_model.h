@@ -99,6 +99,11 @@ class AppModel {
     const std::optional<std::string>& guestServerError() const { return guestServerError_; }
     guests::GuestParty* guestParty() { return guestParty_.get(); }
     guests::GuestServer* guestServer() { return guestServer_.get(); }
+    // The invitation opening: starts the server on first demand and takes the
+    // address afresh, since the computer may have moved to another network.
+    void openInvitation();
+    // Rows that are guests' phones.
+    int guestCount() const;
     // Something changed on its own (a guest came, went or changed status).
     std::function<void()> onStateChanged;
 
@@ -146,6 +151,12 @@ class AppModel {
     void setPlaybackMode(delay::PlaybackMode mode);
     void setSyncSlowSpeakers(bool on);
 
+    // ---- Visualiser (app_model_visualiser.cpp).
+    bool visualiserHidden() const { return visualiserHidden_; }
+    settings::VisualiserStyle visualiserStyle() const { return visualiserStyle_; }
+    void setVisualiserHidden(bool hidden);
+    void setVisualiserStyle(settings::VisualiserStyle style);
+
     // ---- Equalisers.
     equaliser::EQSettings eq(const equaliser::EQTarget& target) const;
     void setEQ(int slot, const equaliser::EQSettings& settings);
@@ -156,6 +167,9 @@ class AppModel {
     const equaliser::EQSettings& masterEQ() const { return masterEQ_; }
     bool isEQClipping(int slot) const;
     const std::optional<double>& masterEQClippedAt() const { return masterEQClippedAt_; }
+    bool isMasterEQClipping() const {
+        return masterEQClippedAt_ && main_.now() - *masterEQClippedAt_ < clipMarkSeconds;
+    }
 
     // ---- Pushing to the engine and the disk.
     void pushRow(int slot);
@@ -228,6 +242,9 @@ class AppModel {
     devices::DeviceMonitor monitor_;
     devices::LatencyWatcher latencyWatcher_;
     std::unique_ptr<settings::DebugLogWriter> debugLog_;
+    // Read here rather than at launch: settings_ is bound by now.
+    bool visualiserHidden_ = settings_.visualiserHidden();
+    settings::VisualiserStyle visualiserStyle_ = settings_.visualiserStyle();
 
     std::vector<RowState> rows_;
     bool isRunning_ = false;
