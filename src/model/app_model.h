@@ -151,6 +151,12 @@ class AppModel {
     void setPlaybackMode(delay::PlaybackMode mode);
     void setSyncSlowSpeakers(bool on);
 
+    // ---- Visualiser (app_model_visualiser.cpp).
+    bool visualiserHidden() const { return visualiserHidden_; }
+    settings::VisualiserStyle visualiserStyle() const { return visualiserStyle_; }
+    void setVisualiserHidden(bool hidden);
+    void setVisualiserStyle(settings::VisualiserStyle style);
+
     // ---- Equalisers.
     equaliser::EQSettings eq(const equaliser::EQTarget& target) const;
     void setEQ(int slot, const equaliser::EQSettings& settings);
@@ -236,6 +242,9 @@ class AppModel {
     devices::DeviceMonitor monitor_;
     devices::LatencyWatcher latencyWatcher_;
     std::unique_ptr<settings::DebugLogWriter> debugLog_;
+    // Read here rather than at launch: settings_ is bound by now.
+    bool visualiserHidden_ = settings_.visualiserHidden();
+    settings::VisualiserStyle visualiserStyle_ = settings_.visualiserStyle();
 
     std::vector<RowState> rows_;
     bool isRunning_ = false;
