@@ -1,0 +1,205 @@
+// The equaliser of one row (slot 0 and up) or of the master (slot -1): the
+// graph with its handles, the presets, the preamp, and the six bands.
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Vellatone.Sheets
+
+Popup {
+    id: sheet
+
+    property QtObject app
+    property int slot: -1
+
+    objectName: "eqSheet"
+    modal: true
+    focus: true
+    anchors.centerIn: Overlay.overlay
+    width: Math.min(860, (parent ? parent.width : 860) - 32)
+    // On a short window the graph gives up height first.
+    height: Math.min(implicitHeight, (parent ? parent.height : implicitHeight) - 32)
+    padding: 20
+    closePolicy: Popup.CloseOnEscape
+
+    onAboutToShow: eq.refresh()
+    onAboutToHide: eq.commit()
+
+    EqualiserSheetController {
+        id: eq
+        app: sheet.app
+        slot: sheet.slot
+        onValidChanged: if (!valid && sheet.opened) sheet.close()
+    }
+
+    background: Rectangle {
+        color: sheet.palette.base
+        border.color: sheet.palette.mid
+        radius: 10
+    }
+
+    Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
+
+    contentItem: ColumnLayout {
+        spacing: 14
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 12
+
+            Label {
+                text: eq.title
+                font.pixelSize: 18
+                font.bold: true
+                elide: Text.ElideRight
+                Layout.fillWidth: true
+                Accessible.role: Accessible.Heading
+            }
+
+            Label {
+                id: clipMark
+                objectName: "eqSheet.clip"
+                text: "Clipping"
+                color: "white"
+                font.bold: true
+                leftPadding: 10
+                rightPadding: 10
+                topPadding: 3
+                bottomPadding: 3
+                opacity: eq.clipping ? 1 : 0
+                background: Rectangle { color: "#d63a2f"; radius: height / 2 }
+                Accessible.name: eq.clipping ? "The boost is clipping" : ""
+                Behavior on opacity { NumberAnimation { duration: 120 } }
+            }
+
+            Switch {
+                objectName: "eqSheet.enabled"
+                text: "On"
+                focus: true
+                checked: eq.eqEnabled
+                onToggled: eq.setEqEnabled(checked)
+                Accessible.name: "Equaliser on"
+            }
+        }
+
+        EqGraph {
+            id: graph
+            objectName: "eqSheet.graph"
+            controller: eq
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            Layout.preferredHeight: 220
+            Layout.minimumHeight: 110
+            backgroundColor: sheet.palette.window
+            curveColor: sheet.palette.highlight
+            textColor: Qt.rgba(sheet.palette.text.r, sheet.palette.text.g, sheet.palette.text.b, 0.55)
+            gridColor: Qt.rgba(sheet.palette.text.r, sheet.palette.text.g, sheet.palette.text.b, 0.12)
+            spectrumColor: Qt.rgba(sheet.palette.text.r, sheet.palette.text.g, sheet.palette.text.b, 0.13)
+            handleColor: sheet.palette.window
+            Accessible.role: Accessible.Graphic
+            Accessible.name: "Response curve"
+
+            Rectangle {
+                anchors.fill: parent
+                color: "transparent"
+                border.color: sheet.palette.mid
+                radius: 4
+            }
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 10
+
+            Label { text: "Preset" }
+
+            ComboBox {
+                id: preset
+                objectName: "eqSheet.preset"
+                model: eq.presetNames
+                currentIndex: eq.matchedPreset
+                displayText: currentIndex < 0 ? "Custom" : currentText
+                Layout.preferredWidth: 170
+                onCurrentIndexChanged: if (currentIndex >= 0 && currentIndex !== eq.matchedPreset)
+                                           eq.applyPreset(currentIndex)
+                Accessible.name: "Preset"
+            }
+
+            Label {
+                text: preset.currentIndex >= 0 ? eq.presetDetails[preset.currentIndex] : ""
+                color: Qt.rgba(sheet.palette.windowText.r, sheet.palette.windowText.g,
+                               sheet.palette.windowText.b, 0.7)
+                elide: Text.ElideRight
+                Layout.fillWidth: true
+            }
+
+            Label { text: "Preamp" }
+
+            Slider {
+                id: preamp
+                objectName: "eqSheet.preamp"
+                from: -24
+                to: 24
+                stepSize: 0.5
+                value: eq.preampDb
+                Layout.preferredWidth: 150
+                onValueChanged: if (Math.abs(value - eq.preampDb) > 1e-6) eq.setPreampDb(value)
+                onPressedChanged: if (!pressed) eq.commit()
+                Accessible.name: "Preamp"
+            }
+
+            Label {
+                text: SheetFormat.db(eq.preampDb)
+                Layout.preferredWidth: 62
+                horizontalAlignment: Text.AlignRight
+            }
+        }
+
+        ColumnLayout {
+            Layout.fillWidth: true
+            spacing: 2
+
+            RowLayout {
+                Layout.fillWidth: true
+                spacing: 12
+                Item { Layout.preferredWidth: 16 }
+                Label { text: "Kind"; font.bold: true; Layout.preferredWidth: 130 }
+                Label { text: "Frequency"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+                Label { text: "Gain"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+                Label { text: "Q"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+            }
+
+            Repeater {
+                model: eq.bandCount
+                delegate: EqualiserBand {
+                    controller: eq
+                    band: index
+                    highlighted: graph.activeBand === index
+                }
+            }
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 10
+
+            Button {
+                objectName: "eqSheet.copyToAll"
+                text: "Copy to all outputs"
+                visible: !eq.isMaster
+                enabled: eq.canCopyToAll
+                onClicked: eq.copyToAll()
+                Accessible.name: text
+            }
+
+            Item { Layout.fillWidth: true }
+
+            Button {
+                objectName: "eqSheet.done"
+                text: "Done"
+                highlighted: true
+                onClicked: sheet.close()
+                Accessible.name: text
+            }
+        }
+    }
+}
