@@ -32,7 +32,11 @@ RowLayout {
         model: row.controller ? row.controller.kindTitles : []
         currentIndex: row.value ? row.value.kind : 0
         Layout.preferredWidth: 130
-        onCurrentIndexChanged: if (row.value && currentIndex !== row.value.kind)
+        // Only a choice made after the combo is built is an edit; while it
+        // is being built its index passes through values of its own.
+        property bool built: false
+        Component.onCompleted: built = true
+        onCurrentIndexChanged: if (built && row.value && currentIndex !== row.value.kind)
                                    row.controller.setBandKind(row.band, currentIndex)
         Accessible.name: row.name + " kind"
         Accessible.description: row.value ? row.value.detail : ""

@@ -119,7 +119,9 @@ Popup {
                 currentIndex: eq.matchedPreset
                 displayText: currentIndex < 0 ? "Custom" : currentText
                 Layout.preferredWidth: 170
-                onCurrentIndexChanged: if (currentIndex >= 0 && currentIndex !== eq.matchedPreset)
+                property bool built: false
+                Component.onCompleted: built = true
+                onCurrentIndexChanged: if (built && currentIndex >= 0 && currentIndex !== eq.matchedPreset)
                                            eq.applyPreset(currentIndex)
                 Accessible.name: "Preset"
             }
@@ -142,7 +144,9 @@ Popup {
                 stepSize: 0.5
                 value: eq.preampDb
                 Layout.preferredWidth: 150
-                onValueChanged: if (Math.abs(value - eq.preampDb) > 1e-6) eq.setPreampDb(value)
+                property bool built: false
+                Component.onCompleted: built = true
+                onValueChanged: if (built && Math.abs(value - eq.preampDb) > 1e-6) eq.setPreampDb(value)
                 onPressedChanged: if (!pressed) eq.commit()
                 Accessible.name: "Preamp"
             }
@@ -168,14 +172,14 @@ Popup {
                 Label { text: "Q"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
             }
 
-            Repeater {
-                model: eq.bandCount
-                delegate: EqualiserBand {
-                    controller: eq
-                    band: index
-                    highlighted: graph.activeBand === index
-                }
-            }
+            // Written out rather than repeated, so that each band's controls
+            // are plain children that an object search finds.
+            EqualiserBand { controller: eq; band: 0; highlighted: graph.activeBand === band }
+            EqualiserBand { controller: eq; band: 1; highlighted: graph.activeBand === band }
+            EqualiserBand { controller: eq; band: 2; highlighted: graph.activeBand === band }
+            EqualiserBand { controller: eq; band: 3; highlighted: graph.activeBand === band }
+            EqualiserBand { controller: eq; band: 4; highlighted: graph.activeBand === band }
+            EqualiserBand { controller: eq; band: 5; highlighted: graph.activeBand === band }
         }
 
         RowLayout {

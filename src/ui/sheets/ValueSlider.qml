@@ -28,7 +28,9 @@ RowLayout {
         value: box.modelValue
         Layout.fillWidth: true
         Layout.minimumWidth: 80
-        onValueChanged: if (Math.abs(value - box.modelValue) > 1e-6) box.userValue(value)
+        property bool built: false
+        Component.onCompleted: built = true
+        onValueChanged: if (built && Math.abs(value - box.modelValue) > 1e-6) box.userValue(value)
         onPressedChanged: if (!pressed) box.released()
         Keys.onReleased: box.released()
         Accessible.name: box.accessibleName

@@ -1,0 +1,123 @@
+// The sheets as QML on an offscreen window: opening one changes nothing,
+// the named controls reach the model, and the words are where the
+// automation hook looks for them.
+#include <QtQml/qqmlextensionplugin.h>
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+#include <QQuickItem>
+#include <QQuickStyle>
+#include <QQuickWindow>
+
+#include "equaliser/eq_preset.h"
+#include "sheet_fixture.h"
+
+Q_IMPORT_QML_PLUGIN(Vellatone_SheetsPlugin)
+
+namespace vt::ui::test {
+namespace {
+
+using equaliser::EQPreset;
+using equaliser::EQSettings;
+using equaliser::EQTarget;
+
+class SheetQmlTest : public SheetTest {
+  protected:
+    static void SetUpTestSuite() {
+        qputenv("QT_QUICK_BACKEND", "software");
+        SheetTest::SetUpTestSuite();
+        QQuickStyle::setStyle("Fusion");
+    }
+
+    void SetUp() override { controllerWithRows({"speakers", "living"}); }
+
+    // A window with one sheet in it, opened.
+    QObject* show(const QString& sheet) {
+        engine = std::make_unique<QQmlApplicationEngine>();
+        engine->addImportPath("qrc:/qt/qml");
+        engine->rootContext()->setContextProperty("testApp", app.get());
+        engine->loadData(("import QtQuick\nimport QtQuick.Controls\nimport Vellatone.Sheets\n"
+                          "ApplicationWindow { width: 1000; height: 720; visible: true\n"
+                          "  property var sheet: s\n  " +
+                          sheet + " }")
+                             .toUtf8());
+        if (engine->rootObjects().isEmpty()) return nullptr;
+        QObject* root = engine->rootObjects().first();
+        QObject* s = root->property("sheet").value<QObject*>();
+        QMetaObject::invokeMethod(s, "open");
+        pump();
+        return root;
+    }
+
+    void pump() {
+        for (int i = 0; i < 5; ++i) {
+            QCoreApplication::processEvents();
+            settle();
+        }
+    }
+
+    QObject* named(const char* name) {
+        QObject* found = engine->rootObjects().first()->findChild<QObject*>(name);
+        EXPECT_NE(found, nullptr) << name;
+        return found;
+    }
+
+    std::unique_ptr<QQmlApplicationEngine> engine;
+};
+
+TEST_F(SheetQmlTest, OpeningTheEqualiserChangesNothingAndShowsTheBands) {
+    EQSettings custom = EQPreset::find("small")->settings;
+    custom.bands[1].gainDb = -1.5;
+    model->setEQ(1, custom);
+    ASSERT_TRUE(show("EqualiserSheet { id: s; app: testApp; slot: 1 }"));
+
+    EXPECT_EQ(model->eq(EQTarget::row(1)), custom);
+    EXPECT_EQ(named("eqSheet.preset")->property("displayText").toString(), "Custom");
+    EXPECT_EQ(named("eqSheet.band.0.kind")->property("currentText").toString(), "High pass");
+    EXPECT_FALSE(named("eqSheet.band.0.gain")->property("enabled").toBool());
+    EXPECT_DOUBLE_EQ(named("eqSheet.band.1.gain")->property("value").toDouble(), -1.5);
+    EXPECT_TRUE(named("eqSheet.copyToAll")->property("visible").toBool());
+
+    // A control set as the automation hook sets it reaches the model.
+    named("eqSheet.band.3.gain")->setProperty("value", 4.0);
+    named("eqSheet.preset")->setProperty("currentIndex", 0);
+    pump();
+    EXPECT_EQ(model->eq(EQTarget::row(1)), EQPreset::all()[0].settings);
+    named("eqSheet.band.3.gain")->setProperty("value", 4.0);
+    QMetaObject::invokeMethod(named("eqSheet.done"), "clicked");
+    pump();
+    EXPECT_EQ(model->eq(EQTarget::row(1)).bands[3].gainDb, 4.0);
+}
+
+TEST_F(SheetQmlTest, TheMasterSheetHasNoCopy) {
+    ASSERT_TRUE(show("EqualiserSheet { id: s; app: testApp; slot: -1 }"));
+    EXPECT_FALSE(named("eqSheet.copyToAll")->property("visible").toBool());
+    EXPECT_EQ(model->masterEQ(), EQSettings::flat());
+}
+
+TEST_F(SheetQmlTest, InvitationWordsAndCopy) {
+    model::GuestSetup setup;
+    setup.root = dir;
+    setup.port = 0;
+    setup.options.bindAddress = "127.0.0.1";
+    model->enableGuests(setup);
+    ASSERT_TRUE(show("InvitationSheet { id: s; app: testApp }"));
+    if (!model->guestLink()) {
+        EXPECT_EQ(named("invite.message")->property("text").toString(),
+                  "This computer has no network address a phone can reach.");
+        return;
+    }
+    EXPECT_EQ(named("invite.count")->property("text").toString(), "0 of 12 phones joined");
+    EXPECT_EQ(named("invite.link")->property("text").toString().toStdString(),
+              model->guestLink()->joinURL());
+    QObject* copy = named("invite.copy");
+    EXPECT_EQ(copy->property("text").toString(), "Copy");
+    QMetaObject::invokeMethod(copy, "clicked");
+    pump();
+    EXPECT_EQ(copy->property("text").toString(), "Copied");
+    QObject* qr = named("invite.qr");
+    EXPECT_GE(qr->property("width").toDouble(), 200);
+    EXPECT_FALSE(named("invite.firewallHint")->property("visible").toBool());
+}
+
+}  // namespace
+}  // namespace vt::ui::test
