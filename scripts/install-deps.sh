@@ -4,6 +4,11 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 mapfile -t wanted < <(grep -v -E '^\s*(#|$)' "$here/debian-packages.txt")
+# The guest page's tests run under node and drive Chromium from npm packages.
+# Debian's nodejs and npm only where no node is found at all: a machine that
+# has node from elsewhere would see Debian's npm conflict with it.
+command -v node >/dev/null || wanted+=(nodejs)
+command -v npm >/dev/null || wanted+=(npm)
 missing=()
 for p in "${wanted[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -27,6 +27,7 @@ constexpr const char* kUsage =
     "  outputs             outputs that can be added: id, kind, name (tab-separated)\n"
     "  add ID              add an output by its id\n"
     "  remove SLOT         remove the output in a slot\n"
+    "  remove-guest ID     remove a guest's phone by its client id and bar it\n"
     "  delay SLOT MS       set a slot's delay, -5000 to 5000 ms\n"
     "  volume SLOT 0..1    set a slot's volume\n"
     "  mute SLOT on|off    mute or unmute a slot\n"
@@ -75,8 +76,9 @@ int run(const std::vector<std::string>& args) {
     if (args.empty()) throw UsageError{"No command given."};
     const std::string& cmd = args[0];
     static const std::map<std::string, size_t> arity = {
-        {"status", 1}, {"outputs", 1}, {"add", 2},   {"remove", 2}, {"delay", 3}, {"volume", 3},
-        {"mute", 3},   {"master", 2},  {"start", 1}, {"stop", 1},   {"send", 2}};
+        {"status", 1}, {"outputs", 1}, {"add", 2},  {"remove", 2},
+        {"delay", 3},  {"volume", 3},  {"mute", 3}, {"master", 2},
+        {"start", 1},  {"stop", 1},    {"send", 2}, {"remove-guest", 2}};
     auto it = arity.find(cmd);
     if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
     if (args.size() != it->second)
@@ -126,6 +128,18 @@ int run(const std::vector<std::string>& args) {
             c, PhoneMessage::RemoveOutput{slot, std::nullopt},
             [&](const MacState& now) { return now.rows.size() < before; },
             "Vellatone kept the output in slot " + args[1] + ": one output always stays.");
+    } else if (cmd == "remove-guest") {
+        const std::string id = args[1];
+        auto present = [&](const MacState& now) {
+            for (const auto& r : now.rows)
+                if (r.guestID == id) return true;
+            return false;
+        };
+        if (!present(s)) throw ControlError("No guest has the client id \"" + id + "\".");
+        command(
+            c, PhoneMessage::RemoveOutput{-1, id},
+            [&](const MacState& now) { return !present(now); },
+            "Vellatone kept the guest " + id + ".");
     } else if (cmd == "delay") {
         const int slot = slotArg(args, 1, s);
         const double ms = numberArg(args, 2, -5000, 5000, "delay in ms");

@@ -1,6 +1,7 @@
 // One guest page that joins and keeps playing, for the timing measurement.
 //   node play-guest.mjs PORT SECONDS   (with PULSE_SERVER)
-// PAGE_QUERY is added to the page's address (e.g. "?scriptprocessor").
+// PAGE_QUERY is added to the page's address ("?scheduled" for the player of
+// a page without an AudioWorklet).
 // Prints "playing" once the page plays, then its timing figures now and then.
 import { launchChromium } from './chromium.mjs';
 
@@ -21,7 +22,7 @@ while (Date.now() < end) {
   const s = await page.evaluate(() => window.guestState);
   console.error(
     `guest: ${s.phase} offset ${(s.hostOffsetUs / 1000).toFixed(3)} ms rtt ${(s.bestRttUs / 1000).toFixed(3)} ms ` +
-      `hostAtZero ${(s.hostAtZeroUs / 1000).toFixed(3)} ms outputLatency ${s.outputLatency} baseLatency ${s.baseLatency} worklet ${s.worklet}`,
+      `hostAtZero ${(s.hostAtZeroUs / 1000).toFixed(3)} ms outputLatency ${s.outputLatency} baseLatency ${s.baseLatency} path ${s.path}`,
   );
 }
 await browser.close();
