@@ -1,8 +1,217 @@
 #include "ui/bridge/app_controller.h"
 
+#include <QVariantMap>
+#include <algorithm>
+#include <cmath>
+
+#include "delay/delay_plan.h"
+#include "settings/preferences.h"
+
 namespace vt::ui {
 
+namespace {
+
+// A meter reads the last 60 dB; a peak is held and falls back smoothly.
+double meterReading(const engine::MultiOutputEngine::Peak& peak) {
+    const double p = std::max(peak.left, peak.right);
+    if (!(p > 0)) return 0;
+    return std::clamp((20.0 * std::log10(p) + 60.0) / 60.0, 0.0, 1.0);
+}
+
+constexpr double meterFall = 0.75;
+
+}  // namespace
+
 AppController::AppController(model::AppModel& model, QObject* parent)
-    : QObject(parent), model_(model) {}
+    : QObject(parent), model_(model) {
+    connect(this, &AppController::changed, this, &AppController::sync);
+    ticker_.setInterval(int(model::AppModel::telemetrySeconds * 1000));
+    connect(&ticker_, &QTimer::timeout, this, &AppController::tick);
+    ticker_.start();
+    sync();
+}
+
+void AppController::tick() {
+    if (!model_.isRunning()) {
+        if (levels_.empty()) return;
+        levels_.clear();
+        emit changed();
+        return;
+    }
+    const int n = int(model_.rows().size());
+    for (auto it = levels_.begin(); it != levels_.end();)
+        it = it->first >= n ? levels_.erase(it) : std::next(it);
+    for (int slot = 0; slot < n; ++slot) {
+        const double now = meterReading(model_.engine().takePeak(slot));
+        double& shown = levels_[slot];
+        shown = std::max(now, shown * meterFall);
+        if (shown < 0.01) shown = 0;
+    }
+    emit changed();
+}
+
+void AppController::sync() {
+    rows_.sync(model_, levels_);
+    notices_.sync(model_.notices());
+}
+
+QString AppController::playbackMode() const {
+    return QString::fromUtf8(delay::title(model_.playbackMode()).data(),
+                             qsizetype(delay::title(model_.playbackMode()).size()));
+}
+
+QString AppController::lastRemovedName() const {
+    const auto& gone = model_.lastRemoved();
+    return gone ? QString::fromStdString(gone->name) : QString();
+}
+
+bool AppController::canAddOutput() const {
+    return model_.regularRowCount() < model::AppModel::maxRegularOutputs;
+}
+
+QVariantList AppController::addableOutputs() const {
+    QVariantList list;
+    for (const devices::AudioDevice& device : model_.addableDevices()) {
+        QVariantMap entry;
+        entry["id"] = QString::fromStdString(device.uid);
+        entry["name"] = QString::fromStdString(device.name);
+        entry["detail"] = QString::fromStdString(device.meta());
+        list.push_back(entry);
+    }
+    return list;
+}
+
+void AppController::startStop() {
+    act([&] { model_.startStop(); });
+}
+
+void AppController::setMasterVolume(double volume) {
+    act([&] { model_.setMasterVolume(std::clamp(volume, 0.0, 1.0)); });
+}
+
+bool AppController::addOutput(const QString& id) {
+    bool added = false;
+    act([&] { added = model_.addOutput(id.toStdString()); });
+    return added;
+}
+
+void AppController::removeOutput(int slot) {
+    act([&] {
+        if (model_.canRemove(slot)) model_.removeOutput(slot);
+    });
+}
+
+void AppController::undoRemove() {
+    act([&] { model_.undoRemove(); });
+}
+
+void AppController::rename(int slot, const QString& name) {
+    act([&] {
+        const QString trimmed = name.trimmed();
+        model_.rename(slot, trimmed.isEmpty() ? std::nullopt
+                                              : std::optional<std::string>(trimmed.toStdString()));
+    });
+}
+
+void AppController::toggleDisabled(int slot) {
+    act([&] { model_.toggleDisabled(slot); });
+}
+
+void AppController::toggleMuted(int slot) {
+    act([&] { model_.toggleMuted(slot); });
+}
+
+void AppController::toggleSolo(int slot) {
+    act([&] { model_.toggleSolo(slot); });
+}
+
+void AppController::reconnect(int slot) {
+    act([&] {
+        if (model_.canReconnect(slot)) model_.reconnect(slot);
+    });
+}
+
+void AppController::setDelay(int slot, double ms) {
+    act([&] { model_.setDelay(slot, std::clamp(ms, -5000.0, 5000.0)); });
+}
+
+void AppController::setVolume(int slot, double volume) {
+    act([&] { model_.setVolume(slot, std::clamp(volume, 0.0, 1.0)); });
+}
+
+void AppController::moveRowDragging(int slot, int onto) {
+    act([&] { model_.moveRowDragging(slot, onto); });
+}
+
+void AppController::moveRowBy(int slot, int delta) {
+    act([&] {
+        const std::vector<model::ShownRow> shown = model_.displayRows();
+        for (int i = 0; i < int(shown.size()); ++i) {
+            if (shown[size_t(i)].slot != slot) continue;
+            const int to = i + delta;
+            if (to >= 0 && to < int(shown.size()) && !shown[size_t(to)].row.isGuest())
+                model_.moveRow(i, to);
+            return;
+        }
+    });
+}
+
+void AppController::setPlaybackMode(const QString& mode) {
+    act([&] { model_.setPlaybackMode(delay::playbackModeFromStored(mode.toStdString())); });
+}
+
+void AppController::setSyncSlowSpeakers(bool on) {
+    act([&] { model_.setSyncSlowSpeakers(on); });
+}
+
+void AppController::actOnNotice(const QString& id, bool primary) {
+    act([&] {
+        for (const model::Notice& n : model_.notices())
+            if (n.id == id.toStdString()) {
+                model_.act(n,
+                           primary ? model::NoticeButton::primary : model::NoticeButton::secondary);
+                return;
+            }
+    });
+}
+
+void AppController::dismissNotice(const QString& id) {
+    act([&] {
+        for (const model::Notice& n : model_.notices())
+            if (n.id == id.toStdString()) {
+                model_.dismissNotice(n);
+                return;
+            }
+    });
+}
+
+QString AppController::visualiserStyle() const {
+    const std::string_view raw = settings::rawValue(model_.visualiserStyle());
+    return QString::fromUtf8(raw.data(), qsizetype(raw.size()));
+}
+
+void AppController::setVisualiserStyle(const QString& style) {
+    act([&] { model_.setVisualiserStyle(settings::visualiserStyleFromRaw(style.toStdString())); });
+}
+
+void AppController::setVisualiserHidden(bool hidden) {
+    act([&] { model_.setVisualiserHidden(hidden); });
+}
+
+QString AppController::appearance() const {
+    return QStringLiteral("Auto");
+}
+bool AppController::showInMenuBar() const {
+    return true;
+}
+bool AppController::openAtLogin() const {
+    return false;
+}
+QString AppController::loginItemError() const {
+    return {};
+}
+void AppController::setAppearance(const QString&) {}
+void AppController::setShowInMenuBar(bool) {}
+void AppController::setOpenAtLogin(bool) {}
 
 }  // namespace vt::ui

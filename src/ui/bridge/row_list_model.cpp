@@ -1,0 +1,113 @@
+#include "ui/bridge/row_list_model.h"
+
+#include <algorithm>
+
+namespace vt::ui {
+
+int RowListModel::rowCount(const QModelIndex& parent) const {
+    return parent.isValid() ? 0 : int(entries_.size());
+}
+
+QVariant RowListModel::data(const QModelIndex& index, int role) const {
+    if (!index.isValid() || index.row() < 0 || index.row() >= int(entries_.size())) return {};
+    const Entry& e = entries_[size_t(index.row())];
+    switch (role) {
+        case SlotRole:
+            return e.slot;
+        case NameRole:
+            return e.name;
+        case OriginalNameRole:
+            return e.originalName;
+        case SubtitleRole:
+            return e.subtitle;
+        case VolumeRole:
+            return e.volume;
+        case MutedRole:
+            return e.muted;
+        case SoloedRole:
+            return e.soloed;
+        case DisabledRole:
+            return e.disabled;
+        case DelayRole:
+            return e.delayMs;
+        case LevelRole:
+            return e.level;
+        case ConnectedRole:
+            return e.connected;
+        case HueRole:
+            return e.hue;
+        case GuestRole:
+            return e.guest;
+        case CanReconnectRole:
+            return e.canReconnect;
+        case EqOnRole:
+            return e.eqOn;
+        default:
+            return {};
+    }
+}
+
+QHash<int, QByteArray> RowListModel::roleNames() const {
+    return {{SlotRole, "slot"},
+            {NameRole, "name"},
+            {OriginalNameRole, "originalName"},
+            {SubtitleRole, "subtitle"},
+            {VolumeRole, "volume"},
+            {MutedRole, "muted"},
+            {SoloedRole, "soloed"},
+            {DisabledRole, "disabled"},
+            {DelayRole, "delayMs"},
+            {LevelRole, "level"},
+            {ConnectedRole, "connected"},
+            {HueRole, "hue"},
+            {GuestRole, "guest"},
+            {CanReconnectRole, "canReconnect"},
+            {EqOnRole, "eqOn"}};
+}
+
+void RowListModel::sync(model::AppModel& model, const std::map<int, double>& levels) {
+    std::vector<Entry> next;
+    for (const model::ShownRow& shown : model.displayRows()) {
+        const model::RowState& row = shown.row;
+        Entry e;
+        e.id = row.id;
+        e.slot = shown.slot;
+        e.name = QString::fromStdString(row.shownName());
+        e.originalName = QString::fromStdString(row.originalName());
+        e.subtitle = QString::fromStdString(model.meta(row));
+        e.volume = row.volume;
+        e.delayMs = row.delayMs;
+        if (auto it = levels.find(shown.slot); it != levels.end()) e.level = it->second;
+        e.muted = row.muted;
+        e.soloed = model.isSoloed(shown.slot);
+        e.disabled = row.disabled;
+        e.connected = row.connected;
+        e.hue = row.hue;
+        e.guest = row.isGuest();
+        e.canReconnect = model.canReconnect(shown.slot);
+        e.eqOn = row.eq.enabled && !row.eq.isFlat();
+        next.push_back(std::move(e));
+    }
+    setEntries(std::move(next));
+}
+
+void RowListModel::setEntries(std::vector<Entry> next) {
+    const bool sameRows = next.size() == entries_.size() &&
+                          std::equal(next.begin(), next.end(), entries_.begin(),
+                                     [](const Entry& a, const Entry& b) { return a.id == b.id; });
+    if (!sameRows) {
+        const bool countMoved = next.size() != entries_.size();
+        beginResetModel();
+        entries_ = std::move(next);
+        endResetModel();
+        if (countMoved) emit countChanged();
+        return;
+    }
+    for (size_t i = 0; i < next.size(); ++i) {
+        if (next[i] == entries_[i]) continue;
+        entries_[i] = std::move(next[i]);
+        emit dataChanged(index(int(i)), index(int(i)));
+    }
+}
+
+}  // namespace vt::ui
