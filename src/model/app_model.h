@@ -151,6 +151,22 @@ class AppModel {
     void setPlaybackMode(delay::PlaybackMode mode);
     void setSyncSlowSpeakers(bool on);
 
+    // ---- Preferences (app_model_preferences.cpp), read at launch.
+    settings::Appearance appearance() const { return appearance_; }
+    void setAppearance(settings::Appearance appearance);
+    // Whether the tray icon shows, which also keeps the program running
+    // when its window closes.
+    bool showInMenuBar() const { return showInMenuBar_; }
+    void setShowInMenuBar(bool on);
+    // Writes or removes the autostart entry; when that fails the
+    // preference stays as it was and loginItemError says why.
+    bool openAtLogin() const { return openAtLogin_; }
+    const std::optional<std::string>& loginItemError() const { return loginItemError_; }
+    void setOpenAtLogin(bool on);
+    // Where the autostart entry goes and the program it opens; tests point
+    // them elsewhere.
+    void setAutostartPlace(std::filesystem::path dir, std::filesystem::path program);
+
     // ---- Visualiser (app_model_visualiser.cpp).
     bool visualiserHidden() const { return visualiserHidden_; }
     settings::VisualiserStyle visualiserStyle() const { return visualiserStyle_; }
@@ -243,6 +259,11 @@ class AppModel {
     devices::LatencyWatcher latencyWatcher_;
     std::unique_ptr<settings::DebugLogWriter> debugLog_;
     // Read here rather than at launch: settings_ is bound by now.
+    settings::Appearance appearance_ = settings_.appearance();
+    bool showInMenuBar_ = settings_.showInMenuBar();
+    bool openAtLogin_ = settings_.openAtLogin();
+    std::optional<std::string> loginItemError_;
+    std::optional<std::filesystem::path> autostartDir_, programPath_;
     bool visualiserHidden_ = settings_.visualiserHidden();
     settings::VisualiserStyle visualiserStyle_ = settings_.visualiserStyle();
 

@@ -199,19 +199,32 @@ void AppController::setVisualiserHidden(bool hidden) {
 }
 
 QString AppController::appearance() const {
-    return QStringLiteral("Auto");
+    const std::string_view raw = settings::rawValue(model_.appearance());
+    return QString::fromUtf8(raw.data(), qsizetype(raw.size()));
 }
+
 bool AppController::showInMenuBar() const {
-    return true;
+    return model_.showInMenuBar();
 }
+
 bool AppController::openAtLogin() const {
-    return false;
+    return model_.openAtLogin();
 }
+
 QString AppController::loginItemError() const {
-    return {};
+    return QString::fromStdString(model_.loginItemError().value_or(""));
 }
-void AppController::setAppearance(const QString&) {}
-void AppController::setShowInMenuBar(bool) {}
-void AppController::setOpenAtLogin(bool) {}
+
+void AppController::setAppearance(const QString& appearance) {
+    act([&] { model_.setAppearance(settings::appearanceFromRaw(appearance.toStdString())); });
+}
+
+void AppController::setShowInMenuBar(bool on) {
+    act([&] { model_.setShowInMenuBar(on); });
+}
+
+void AppController::setOpenAtLogin(bool on) {
+    act([&] { model_.setOpenAtLogin(on); });
+}
 
 }  // namespace vt::ui
