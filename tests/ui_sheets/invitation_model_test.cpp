@@ -29,7 +29,7 @@ TEST_F(InvitationModelTest, OpeningStartsTheServerOnceWithoutPlayingAndCountsGue
 
     enableGuests(m);
     m.openInvitation();
-    ASSERT_NE(m.guestServer(), nullptr);
+    ASSERT_NE(m.guestServer(), nullptr) << m.guestServerError().value_or("no error");
     EXPECT_FALSE(m.isRunning());
     EXPECT_FALSE(m.guestServerError());
     const uint16_t port = m.guestServer()->port();
