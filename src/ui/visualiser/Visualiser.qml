@@ -2,6 +2,7 @@
 // Colours follow the palette it inherits, so the window's Light and Dark
 // reach it without anything being passed in.
 import QtQuick
+import Vellatone.Visualiser
 
 VisualiserView {
     id: root

@@ -24,6 +24,7 @@ Q_IMPORT_QML_PLUGIN(VellatonePlugin)
 Q_IMPORT_QML_PLUGIN(Vellatone_SheetsPlugin)
 #endif
 #ifdef VELLATONE_HAVE_VISUALISER
+#include "ui/visualiser/frame_timer.h"
 Q_IMPORT_QML_PLUGIN(Vellatone_VisualiserPlugin)
 #endif
 
@@ -106,6 +107,9 @@ int runWindow(int argc, char** argv, bool login) {
         app::say("vellatone: the window could not be made.");
         return 1;
     }
+#ifdef VELLATONE_HAVE_VISUALISER
+    visualiser::attachFrameTimer(window);  // only with VELLATONE_FRAME_LOG set
+#endif
 
     auto showWindow = [window] {
         window->show();
