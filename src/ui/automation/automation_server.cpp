@@ -11,6 +11,7 @@
 #include <QQmlApplicationEngine>
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QTest>
 #include <QVariant>
 #include <functional>
 
@@ -142,7 +143,7 @@ QObject* AutomationServer::find(const std::string& name) const {
 nlohmann::json AutomationServer::describe(QObject* object) const {
     nlohmann::json out{{"ok", true}, {"found", true}};
     for (const char* property : {"text", "checked", "value", "from", "to", "enabled", "opened",
-                                 "currentText", "count", "title", "displayText"}) {
+                                 "currentText", "count", "title", "displayText", "level"}) {
         QVariant v = object->property(property);
         if (v.isValid()) out[property] = toJson(v);
     }
@@ -163,15 +164,10 @@ nlohmann::json AutomationServer::click(QObject* object) {
     if (!item || !w) return automationError("not an item on the screen");
     if (!item->isVisible() || !item->isEnabled()) return automationError("not visible or enabled");
     const QPointF at = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
-    const QPointF global = w->mapToGlobal(at.toPoint());
-    QMouseEvent move(QEvent::MouseMove, at, global, Qt::NoButton, Qt::NoButton, Qt::NoModifier);
-    QMouseEvent press(QEvent::MouseButtonPress, at, global, Qt::LeftButton, Qt::LeftButton,
-                      Qt::NoModifier);
-    QMouseEvent release(QEvent::MouseButtonRelease, at, global, Qt::LeftButton, Qt::NoButton,
-                        Qt::NoModifier);
-    QCoreApplication::sendEvent(w, &move);
-    QCoreApplication::sendEvent(w, &press);
-    QCoreApplication::sendEvent(w, &release);
+    // Through the window system's queue, as a real pointer arrives, so that
+    // press and release pair up the way the controls expect.
+    QTest::mouseMove(w, at.toPoint());
+    QTest::mouseClick(w, Qt::LeftButton, Qt::NoModifier, at.toPoint());
     return {{"ok", true}};
 }
 
@@ -198,29 +194,23 @@ nlohmann::json AutomationServer::key(const std::string& text) {
     if (sequence.isEmpty() || sequence[0].key() == Qt::Key_unknown)
         return automationError("unknown key " + text);
     const QKeyCombination combination = sequence[0];
-    QKeyEvent press(QEvent::KeyPress, combination.key(), combination.keyboardModifiers());
-    QKeyEvent release(QEvent::KeyRelease, combination.key(), combination.keyboardModifiers());
-    QCoreApplication::sendEvent(w, &press);
-    QCoreApplication::sendEvent(w, &release);
+    QTest::keyClick(w, combination.key(), combination.keyboardModifiers());
     return {{"ok", true}};
 }
 
 nlohmann::json AutomationServer::type(const std::string& text) {
     QQuickWindow* w = window();
     if (!w) return automationError("no window");
-    for (QChar c : QString::fromStdString(text)) {
-        const int keyCode = c.isLetterOrNumber() ? int(c.toUpper().unicode()) : Qt::Key_unknown;
-        QKeyEvent press(QEvent::KeyPress, keyCode, Qt::NoModifier, QString(c));
-        QKeyEvent release(QEvent::KeyRelease, keyCode, Qt::NoModifier, QString(c));
-        QCoreApplication::sendEvent(w, &press);
-        QCoreApplication::sendEvent(w, &release);
-    }
+    for (char c : text) QTest::keyClick(w, c);
     return {{"ok", true}};
 }
 
 nlohmann::json AutomationServer::grab(const std::string& path) {
     QQuickWindow* w = window();
     if (!w) return automationError("no window");
+    // The pointer goes to a corner first, so that no tooltip or hover
+    // highlight from the last click is in the picture.
+    QTest::mouseMove(w, QPoint(1, 1));
     const QImage image = w->grabWindow();
     if (image.isNull()) return automationError("the window could not be grabbed");
     if (!image.save(QString::fromStdString(path), "PNG"))

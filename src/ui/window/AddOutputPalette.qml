@@ -6,7 +6,7 @@ import QtQuick.Layouts
 import Vellatone
 
 Popup {
-    id: palette
+    id: chooser
     objectName: "addOutputPalette"
     modal: true
     focus: true
@@ -53,21 +53,22 @@ Popup {
             onTextChanged: list.currentIndex = 0
             Keys.onDownPressed: list.currentIndex = Math.min(list.currentIndex + 1, list.count - 1)
             Keys.onUpPressed: list.currentIndex = Math.max(list.currentIndex - 1, 0)
-            onAccepted: palette.addCurrent()
+            onAccepted: chooser.addCurrent()
         }
         ListView {
             id: list
             objectName: "addOutputList"
             Layout.fillWidth: true
-            Layout.preferredHeight: Math.min(contentHeight, 320)
+            Layout.preferredHeight: Math.min(count * 48, 6 * 48)
             clip: true
-            model: App.canAddOutput ? palette.shown : []
+            model: App.canAddOutput ? chooser.shown : []
             keyNavigationWraps: false
             delegate: ItemDelegate {
                 required property var modelData
                 required property int index
                 objectName: "addOutput." + modelData.id
                 width: ListView.view.width
+                height: 48
                 highlighted: ListView.isCurrentItem
                 Accessible.name: qsTr("Add %1").arg(modelData.name)
                 contentItem: ColumnLayout {
@@ -86,7 +87,7 @@ Popup {
                 }
                 onClicked: {
                     list.currentIndex = index
-                    palette.addCurrent()
+                    chooser.addCurrent()
                 }
             }
         }
@@ -98,7 +99,7 @@ Popup {
             wrapMode: Text.WordWrap
             color: Theme.textMuted
             text: !App.canAddOutput ? qsTr("Remove an output to add another.")
-                : palette.entries.length === 0 ? qsTr("Every output already has a row.")
+                : chooser.entries.length === 0 ? qsTr("Every output already has a row.")
                 : qsTr("Nothing matches.")
         }
     }

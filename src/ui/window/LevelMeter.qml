@@ -22,8 +22,9 @@ Item {
         radius: height / 2
         width: Math.max(0, Math.min(1, meter.level)) * parent.width
         color: !meter.active ? Theme.textMuted
-             : meter.level > 0.95 ? Theme.fault
-             : meter.level > 0.8 ? Theme.warn : Theme.good
+             : meter.level > 0.99 ? Theme.fault   // within half a decibel of full
+             : meter.level > 0.95 ? Theme.warn    // above -3 dB
+             : Theme.good
         Behavior on width { NumberAnimation { duration: 90 } }
     }
 }

@@ -47,9 +47,10 @@ Menu {
     MenuItem {
         objectName: "row." + menu.slot + ".menu.remove"
         text: qsTr("Remove")
+        // Told first: removing the row takes this menu's strip away.
         onTriggered: {
-            App.removeOutput(menu.slot)
             menu.removed()
+            App.removeOutput(menu.slot)
         }
     }
 }

@@ -1,0 +1,214 @@
+"""The real application's window under Xvfb, with a private PulseAudio and two
+speakers, driven through its automation hook the way a person would: add both
+outputs from the palette, start, read the rows and their subtitles, play a
+sound and watch the meters, move a row from the keyboard, remove a row and
+undo it, open the sheets, stop. Screenshots go to the folder given.
+
+usage: window_flow.py BIN_DIR REPO_DIR SCREENSHOT_DIR
+Needs DISPLAY (run it under xvfb-run)."""
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from automation import Window  # noqa: E402
+
+BIN, REPO, SHOTS = (os.path.abspath(a) for a in sys.argv[1:4])
+os.makedirs(SHOTS, exist_ok=True)
+work = tempfile.mkdtemp(prefix="vt-window.")
+app = None
+player = None
+
+
+def step(what):
+    print("==", what, flush=True)
+
+
+def fail(why):
+    print("FAIL:", why, file=sys.stderr)
+    log = os.path.join(work, "app.log")
+    if os.path.exists(log):
+        print("--- app.log", file=sys.stderr)
+        print(open(log).read(), file=sys.stderr)
+    raise SystemExit(1)
+
+
+def check(cond, why):
+    if not cond:
+        fail(why)
+
+
+def pulse(*args):
+    return subprocess.run(["pactl", *args], check=True, capture_output=True, text=True).stdout.strip()
+
+
+def cleanup():
+    if player and player.poll() is None:
+        player.kill()
+    if app and app.poll() is None:
+        app.send_signal(signal.SIGTERM)
+        try:
+            app.wait(15)
+        except subprocess.TimeoutExpired:
+            app.kill()
+    subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "stop", os.path.join(work, "pulse")],
+                   capture_output=True)
+    if not os.environ.get("KEEP_WORK"):
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def main():
+    global app, player
+    step("a private PulseAudio with two speakers")
+    for k in ("PULSE_SINK", "PULSE_SOURCE", "PULSE_SERVER"):
+        os.environ.pop(k, None)
+    out = subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "start", os.path.join(work, "pulse"),
+                          "speakers:48000:Speakers", "living:48000:Living", "kitchen:48000:Kitchen"],
+                         check=True, capture_output=True, text=True).stdout
+    for line in out.splitlines():
+        name, value = line.removeprefix("export ").split("=", 1)
+        os.environ[name] = value
+    pulse("set-default-sink", "speakers")
+
+    env = dict(os.environ)
+    env.update(VELLATONE_CONFIG_DIR=os.path.join(work, "config"),
+               VELLATONE_CONTROL_SOCKET=os.path.join(work, "control", "control.sock"),
+               VELLATONE_AUTOMATION_SOCKET=os.path.join(work, "automation.sock"),
+               VELLATONE_GUEST_BIND="127.0.0.1", VELLATONE_GUEST_PORT="0",
+               HOME=os.path.join(work, "home"), XDG_CONFIG_HOME=os.path.join(work, "xdg"))
+    os.makedirs(env["HOME"], exist_ok=True)
+    step("launch the window")
+    app = subprocess.Popen([os.path.join(BIN, "vellatone")], env=env,
+                           stdout=subprocess.DEVNULL, stderr=open(os.path.join(work, "app.log"), "w"))
+    try:
+        w = Window(env["VELLATONE_AUTOMATION_SOCKET"], timeout=30)
+    except OSError:
+        fail("the automation socket did not open")
+    w.wait_for("the window", lambda: w.visible("startSwitch"))
+    check(w.find("startSwitch").get("checked") is False, "the switch starts on")
+    check(w.visible("emptyRows"), "no word for an empty list")
+
+    step("bad automation lines get an error, not a crash")
+    check(w.raw(b"not json\n").get("ok") is False, "garbage was accepted")
+    check(w.send(cmd="fly").get("ok") is False, "an unknown command was accepted")
+    check(w.send(cmd="click").get("ok") is False, "a click without a name was accepted")
+    check(w.send(cmd="click", name="no.such.item").get("ok") is False, "a missing item was clicked")
+
+    step("add Living from the palette by typing and Enter")
+    w.click("addOutputButton")
+    w.wait_for("the palette", lambda: w.find("addOutputPalette").get("opened"))
+    w.wait_for("the filter's focus", lambda: w.find("addOutputFilter").get("focus"))
+    w.wait_for("both speakers in the palette",
+               lambda: w.visible("addOutput.kitchen") and w.visible("addOutput.living"))
+    w.send(cmd="type", text="liv")
+    w.wait_for("the filter", lambda: not w.visible("addOutput.kitchen"))
+    check(w.visible("addOutput.living"), "the filter hid Living")
+    w.send(cmd="key", text="Return")
+    w.wait_for("the first row", lambda: len(w.rows()["rows"]) == 1)
+    check(not w.find("addOutputPalette").get("opened"), "the palette stayed open")
+
+    step("add Kitchen with a click")
+    w.click("addOutputButton")
+    w.wait_for("the palette", lambda: w.visible("addOutput.kitchen"))
+    w.click("addOutput.kitchen")
+    w.wait_for("the second row", lambda: len(w.rows()["rows"]) == 2)
+
+    step("start with the switch")
+    w.click("startSwitch")
+    w.wait_for("running", lambda: w.rows()["running"])
+    w.wait_for("the switch", lambda: w.find("startSwitch").get("checked") is True)
+    check(pulse("get-default-sink") == "vellatone", "the capture sink is not the default")
+
+    step("the rows: names and subtitles, in the window and in the list")
+    rows = w.rows()["rows"]
+    check([r["name"] for r in rows] == ["Living", "Kitchen"], f"rows: {rows}")
+    for r in rows:
+        check(r["subtitle"] == "Virtual · 48 kHz", f"subtitle: {r}")
+        check(w.find(f"row.{r['slot']}.name").get("text") == r["name"], "the strip's name")
+        check(w.find(f"row.{r['slot']}.subtitle").get("text") == r["subtitle"], "the strip's subtitle")
+
+    step("a delay typed into a row shows in its subtitle")
+    w.send(cmd="set", name="row.1.delay", value=120)
+    w.wait_for("the delay", lambda: w.find("row.1.subtitle").get("text") == "Virtual · 48 kHz · 120 ms")
+
+    step("sound into the capture sink moves both meters")
+    raw = os.path.join(work, "tone.raw")
+    subprocess.run(["sox", "-n", "-r", "48000", "-c", "2", "-b", "32", "-e", "floating-point", "-t", "raw",
+                    raw, "synth", "40", "sine", "440", "sine", "660", "vol", "0.5"], check=True)
+    player = subprocess.Popen(["pacat", "--playback", "--device=vellatone", "--rate=48000", "--channels=2",
+                               "--format=float32le", "--latency-msec=100", raw])
+    w.wait_for("the meters", lambda: all(r["level"] > 0.5 for r in w.rows()["rows"]), timeout=20)
+    check(all(w.find(f"row.{r['slot']}.meter").get("level", 0) > 0.3 for r in w.rows()["rows"]),
+          "the strips' meters do not show it")
+    time.sleep(1.0)
+    shot = w.send(cmd="grab", path=os.path.join(SHOTS, "window-playing.png"))
+    check(shot.get("ok"), f"grab: {shot}")
+
+    step("Alt+Down moves the focused row, Alt+Up moves it back")
+    w.send(cmd="focus", name="row.0")
+    w.send(cmd="key", text="Alt+Down")
+    w.wait_for("the move", lambda: [r["name"] for r in w.rows()["rows"]] == ["Kitchen", "Living"])
+    w.send(cmd="focus", name="row.0")
+    w.send(cmd="key", text="Alt+Up")
+    w.wait_for("the move back", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living", "Kitchen"])
+
+    step("remove Kitchen from its menu and undo")
+    w.click("row.1.menuButton")
+    w.wait_for("the menu", lambda: w.visible("row.1.menu.remove"))
+    w.click("row.1.menu.remove")
+    w.wait_for("the removal", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living"])
+    w.wait_for("the undo offer", lambda: w.visible("undoRemove"))
+    w.click("undoRemove")
+    w.wait_for("the undo", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living", "Kitchen"])
+    check(not w.visible("undoBar"), "the undo offer stayed")
+
+    if w.find("inviteButton").get("enabled"):
+        step("the equaliser and invitation sheets")
+        w.click("row.0.eq")
+        time.sleep(1.5)
+        w.send(cmd="grab", path=os.path.join(SHOTS, "equaliser-sheet.png"))
+        w.send(cmd="key", text="Escape")
+        time.sleep(0.5)
+        w.click("inviteButton")
+        time.sleep(1.5)
+        w.send(cmd="grab", path=os.path.join(SHOTS, "invitation-sheet.png"))
+        w.send(cmd="key", text="Escape")
+        time.sleep(0.5)
+    else:
+        print("the sheets are not built: no sheet screenshots", flush=True)
+
+    step("stop gives the default sink back")
+    player.kill()
+    w.click("startSwitch")
+    w.wait_for("stopped", lambda: not w.rows()["running"])
+    check(pulse("get-default-sink") == "speakers", "the default sink was not given back")
+
+    step("an overlong automation line is refused and the window lives on")
+    reply = w.raw(b"x" * (70 * 1024) + b"\n")
+    check(reply is None or reply.get("ok") is False, "an overlong line was accepted")
+    w2 = Window(env["VELLATONE_AUTOMATION_SOCKET"])
+    check(w2.find("startSwitch").get("found"), "the hook stopped answering")
+
+    step("SIGTERM quits cleanly")
+    app.send_signal(signal.SIGTERM)
+    check(app.wait(20) == 0, "the application did not exit cleanly")
+    print("PASS", flush=True)
+
+
+try:
+    main()
+except AssertionError as e:
+    # A picture of what the window showed when it went wrong.
+    try:
+        Window(os.path.join(work, "automation.sock"), timeout=1).send(
+            cmd="grab", path=os.path.join(SHOTS, "failure.png"))
+    except Exception:
+        pass
+    fail(str(e))
+finally:
+    cleanup()
