@@ -182,6 +182,20 @@ def main():
     else:
         print("the sheets are not built: no sheet screenshots", flush=True)
 
+    step("the settings from the keyboard: Dark appearance, kept in the settings file")
+    w.click("settingsButton")
+    w.wait_for("the settings", lambda: w.visible("settings.appearance"))
+    w.send(cmd="focus", name="settings.appearance")
+    w.send(cmd="key", text="Down")
+    w.send(cmd="key", text="Down")
+    w.wait_for("Dark", lambda: w.find("settings.appearance").get("currentText") == "Dark")
+    w.send(cmd="key", text="Escape")
+    w.wait_for("the settings to close", lambda: not w.visible("settings.appearance"))
+    stored = json.load(open(os.path.join(env["VELLATONE_CONFIG_DIR"], "settings.json")))
+    check(stored.get("appearance") == "Dark", f"appearance stored as {stored.get('appearance')}")
+    time.sleep(0.5)
+    w.send(cmd="grab", path=os.path.join(SHOTS, "window-dark.png"))
+
     step("stop gives the default sink back")
     player.kill()
     w.click("startSwitch")
