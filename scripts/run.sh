@@ -3,9 +3,10 @@
 #
 # With no sound server reachable (pactl info fails), it starts a private
 # PulseAudio with a few virtual speakers for the run, and stops it again
-# afterwards. The window is not built yet, so the application always runs
-# headless; this script says how to drive it with build/bin/vellatonectl.
-# Ctrl-C stops it; it gives the default sink back before it exits.
+# afterwards. With a display (DISPLAY or WAYLAND_DISPLAY) it opens the window;
+# without one it runs headless, and says how to drive it with
+# build/bin/vellatonectl (which works with the window too). Ctrl-C stops it;
+# it gives the default sink back before it exits.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -47,10 +48,12 @@ else
     echo "        To reach it from another shell: export PULSE_SERVER=$PULSE_SERVER"
 fi
 
+mode=--headless
 if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
     echo "run.sh: there is no display, so Vellatone runs headless (no window)."
 else
-    echo "run.sh: the window is not built yet, so Vellatone runs headless (no window)."
+    mode=
+    echo "run.sh: opening the Vellatone window (and a tray icon where the desktop has a tray)."
 fi
 cat <<EOT
 run.sh: drive it from another shell with the control tool:
@@ -64,7 +67,7 @@ run.sh: drive it from another shell with the control tool:
   Press Ctrl-C here to quit; the default sink is given back first.
 EOT
 
-build/bin/vellatone --headless &
+build/bin/vellatone $mode &
 app=$!
 trap 'kill -TERM "$app" 2>/dev/null || true' INT TERM
 status=0
