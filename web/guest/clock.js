@@ -87,3 +87,39 @@ function median(values) {
   const m = sorted.length >> 1;
   return sorted.length % 2 ? sorted[m] : (sorted[m - 1] + sorted[m]) / 2;
 }
+
+// The mapping the player reads from, following the measured one smoothly.
+// The measured mapping wobbles by a few hundred microseconds from reading to
+// reading; a player that chased each wobble would take a burst of one-sample
+// steps every time, a brief pitch change that can be heard. Followed at no
+// more than 500 ppm, a wobble costs single samples at least 40 ms apart,
+// while the real drift of a sound card (tens of ppm) and the slow creep of an
+// output that keeps missing its deadlines on a busy computer are kept up with.
+// A difference beyond 2 ms is a real move of the output and is taken at once.
+export const SLEW_PPM = 500;
+export const MOVE_US = 2000;
+
+export class SlewedMapping {
+  constructor() {
+    this.valueUs = null;
+    this.atMs = null;
+  }
+
+  // The measured value at performance.now() `nowMs`; returns the one to use.
+  follow(measuredUs, nowMs) {
+    if (this.valueUs === null || Math.abs(measuredUs - this.valueUs) > MOVE_US) {
+      this.valueUs = measuredUs;
+    } else {
+      const allowed = Math.max(0, nowMs - this.atMs) * 1000 * SLEW_PPM * 1e-6;
+      const step = Math.max(-allowed, Math.min(allowed, measuredUs - this.valueUs));
+      this.valueUs += step;
+    }
+    this.atMs = nowMs;
+    return this.valueUs;
+  }
+
+  reset() {
+    this.valueUs = null;
+    this.atMs = null;
+  }
+}

@@ -5,7 +5,7 @@
 // same buffer and rules. "?scheduled" in the page's address takes the second
 // path where the first would do, to try it.
 import { JitterBuffer } from './jitter-buffer.js';
-import { OutputClock } from './clock.js';
+import { OutputClock, SlewedMapping } from './clock.js';
 import { ScheduledOutput } from './scheduled-output.js';
 
 const HEADROOM_US = 200000;
@@ -17,6 +17,7 @@ export class Player {
     this.scheduled = null; // scheduled path
     this.hostAtZeroUs = null;
     this.outputClock = null;
+    this.mapping = new SlewedMapping();
     this.timer = null;
     this.pumpTimer = null;
     this.hostOffsetUs = null;
@@ -75,7 +76,7 @@ export class Player {
     this.outputClock.sample();
     const perfMinusCtx = this.outputClock.perfMinusContextMs();
     if (perfMinusCtx === null || this.hostOffsetUs === null) return;
-    const hostAtZeroUs = perfMinusCtx * 1000 + this.hostOffsetUs;
+    const hostAtZeroUs = this.mapping.follow(perfMinusCtx * 1000 + this.hostOffsetUs, performance.now());
     if (this.hostAtZeroUs !== null && Math.abs(hostAtZeroUs - this.hostAtZeroUs) < 2) return;
     this.hostAtZeroUs = hostAtZeroUs;
     if (this.scheduled) this.scheduled.setClock(hostAtZeroUs);
@@ -95,6 +96,7 @@ export class Player {
     if (this.scheduled) this.scheduled.clear();
     else if (this.node) this.node.port.postMessage({ type: 'clear' });
     if (this.outputClock) this.outputClock.reset();
+    this.mapping.reset();
   }
 
   describe() {
@@ -102,6 +104,8 @@ export class Player {
       hostAtZeroUs: this.hostAtZeroUs,
       outputLatency: this.context ? this.context.outputLatency : null,
       baseLatency: this.context ? this.context.baseLatency : null,
+      // The last raw reading of when context time zero is heard, for diagnosis.
+      lastOutputReadingMs: this.outputClock ? this.outputClock.readings.at(-1) ?? null : null,
       path: this.scheduled ? 'scheduled' : this.node ? 'worklet' : null,
       // Frames of sound (not silence) handed to the output so far.
       heardFrames: this.scheduled ? this.scheduled.heardFrames : this.workletHeard,

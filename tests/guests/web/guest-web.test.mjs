@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import test from 'node:test';
 import { JitterBuffer, FRAME_US, SAMPLE_RATE } from '../../../web/guest/jitter-buffer.js';
 import { ScheduledOutput, BLOCK_FRAMES } from '../../../web/guest/scheduled-output.js';
-import { ClockSync, OutputClock } from '../../../web/guest/clock.js';
+import { ClockSync, OutputClock, SlewedMapping } from '../../../web/guest/clock.js';
 import { SpeakerState } from '../../../web/guest/speaker-state.js';
 
 // A chunk of `frames` whose left samples count up from `first`.
@@ -231,4 +231,19 @@ test('a jump of the clock lays the blocks not yet started again; a stalled page 
 
   out.clear();
   assert.ok(ctx.started.every((s) => s.stopped));
+});
+
+test('the mapping follows small wobbles at 500 ppm at most and real moves at once', () => {
+  const m = new SlewedMapping();
+  assert.equal(m.follow(1_000_000, 0), 1_000_000);
+  // 300 us off, 100 ms later: 50 us of it.
+  assert.equal(m.follow(1_000_300, 100), 1_000_050);
+  assert.equal(m.follow(1_000_300, 200), 1_000_100);
+  assert.equal(m.follow(1_000_120, 300), 1_000_120);
+  // Back the other way, as fast.
+  assert.equal(m.follow(999_000, 400), 1_000_070);
+  // A move of the output beyond 2 ms.
+  assert.equal(m.follow(1_015_000, 500), 1_015_000);
+  m.reset();
+  assert.equal(m.follow(5, 600), 5);
 });
