@@ -86,17 +86,17 @@ ApplicationWindow {
             }
             StartSwitch {}
             Item { Layout.fillWidth: true }
-            Button {
+            PillButton {
                 objectName: "addOutputButton"
                 text: qsTr("Add output")
-                highlighted: true
+                primary: true
                 enabled: App.canAddOutput
                 Accessible.name: qsTr("Add output")
                 ToolTip.visible: hovered
                 ToolTip.text: qsTr("Add output (Ctrl+N)")
                 onClicked: window.openPalette()
             }
-            Button {
+            PillButton {
                 objectName: "inviteButton"
                 text: qsTr("Invite guests")
                 enabled: App.hasSheets
@@ -185,7 +185,7 @@ ApplicationWindow {
 
         VisualiserPane {
             Layout.fillWidth: true
-            Layout.preferredHeight: 150
+            Layout.preferredHeight: Math.max(150, window.height * 0.28)
         }
     }
 

@@ -32,10 +32,11 @@ RowLayout {
         font.pixelSize: Theme.smallSize
         Layout.preferredWidth: 36
     }
-    Button {
+    ChipButton {
         objectName: "masterEq"
         text: qsTr("EQ")
-        flat: true
+        implicitWidth: 40
+        checkable: false
         enabled: App.hasSheets
         Accessible.name: qsTr("Master equaliser")
         ToolTip.visible: hovered

@@ -180,28 +180,21 @@ FocusScope {
                 Accessible.name: qsTr("Level of %1").arg(strip.name)
             }
 
-            Button {
+            ChipButton {
                 objectName: "row." + strip.slot + ".mute"
                 text: qsTr("M")
-                checkable: true
+                onColour: Theme.warn
                 checked: strip.muted
-                flat: !checked
-                implicitWidth: 34
-                font.bold: true
                 Accessible.name: strip.muted ? qsTr("Unmute %1").arg(strip.name)
                                              : qsTr("Mute %1").arg(strip.name)
                 ToolTip.visible: hovered
                 ToolTip.text: qsTr("Mute")
                 onToggled: { App.toggleMuted(strip.slot); checked = Qt.binding(() => strip.muted) }
             }
-            Button {
+            ChipButton {
                 objectName: "row." + strip.slot + ".solo"
                 text: qsTr("S")
-                checkable: true
                 checked: strip.soloed
-                flat: !checked
-                implicitWidth: 34
-                font.bold: true
                 Accessible.name: strip.soloed ? qsTr("Stop soloing %1").arg(strip.name)
                                               : qsTr("Solo %1").arg(strip.name)
                 ToolTip.visible: hovered
@@ -227,11 +220,12 @@ FocusScope {
                 delayMs: strip.delayMs
             }
 
-            Button {
+            ChipButton {
                 objectName: "row." + strip.slot + ".eq"
                 text: qsTr("EQ")
-                flat: !strip.eqOn
-                highlighted: strip.eqOn
+                implicitWidth: 40
+                checkable: false
+                checked: strip.eqOn
                 enabled: App.hasSheets
                 Accessible.name: qsTr("Equaliser of %1").arg(strip.name)
                 ToolTip.visible: hovered

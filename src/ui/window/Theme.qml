@@ -25,10 +25,10 @@ QtObject {
     readonly property color fault: dark ? "#f07167" : "#cf3b30"
     readonly property color meterTrack: dark ? "#30343b" : "#e7e9ed"
 
-    // The row's own colour: `hue` counts around the wheel in sixths and
-    // then in between.
+    // The row's own colour: each next `hue` a golden-ratio step round the
+    // wheel from blue, so that neighbours differ and none starts as red.
     function rowColour(hue) {
-        const h = ((hue * 0.1618) % 1 + 1) % 1
+        const h = ((0.6 + hue * 0.618) % 1 + 1) % 1
         return Qt.hsla(h, dark ? 0.55 : 0.6, dark ? 0.62 : 0.5, 1)
     }
 
