@@ -2,6 +2,8 @@
 
 #include <QQuickWindow>
 #include <QSGGeometryNode>
+#include <QSGRectangleNode>
+#include <QSGRendererInterface>
 #include <QSGVertexColorMaterial>
 #include <algorithm>
 #include <cstring>
@@ -115,6 +117,38 @@ void VisualiserView::rebuild() {
 }
 
 QSGNode* VisualiserView::updatePaintNode(QSGNode* old, UpdatePaintNodeData*) {
+    const bool software = window() != nullptr && window()->rendererInterface()->graphicsApi() ==
+                                                     QSGRendererInterface::Software;
+    return software ? updateRectangleNodes(old) : updateGeometryNode(old);
+}
+
+QSGNode* VisualiserView::updateRectangleNodes(QSGNode* old) {
+    QSGNode* root = old != nullptr ? old : new QSGNode;
+    if (old == nullptr) verticesChanged_ = true;
+    if (!verticesChanged_) return root;
+    const int quads = static_cast<int>(vertices_.size() / 6);
+    while (root->childCount() < quads) root->appendChildNode(window()->createRectangleNode());
+    while (root->childCount() > quads) {
+        QSGNode* last = root->lastChild();
+        root->removeChildNode(last);
+        delete last;
+    }
+    QSGNode* child = root->firstChild();
+    for (int q = 0; q < quads; ++q, child = child->nextSibling()) {
+        const Vertex& topLeft = vertices_[static_cast<std::size_t>(q) * 6];
+        const Vertex& bottomRight = vertices_[static_cast<std::size_t>(q) * 6 + 5];
+        auto* rect = static_cast<QSGRectangleNode*>(child);
+        rect->setRect(QRectF(QPointF(topLeft.x, topLeft.y), QPointF(bottomRight.x, bottomRight.y)));
+        // The vertices hold premultiplied colour; the node wants it plain.
+        const int a = topLeft.a;
+        auto plain = [a](uint8_t c) { return a == 0 ? 0 : std::min(255, c * 255 / a); };
+        rect->setColor(QColor(plain(topLeft.r), plain(topLeft.g), plain(topLeft.b), a));
+    }
+    verticesChanged_ = false;
+    return root;
+}
+
+QSGNode* VisualiserView::updateGeometryNode(QSGNode* old) {
     auto* node = static_cast<QSGGeometryNode*>(old);
     if (node == nullptr) {
         node = new QSGGeometryNode;

@@ -5,6 +5,11 @@
 // playing stops it lets the bars fall, then stops asking for frames.
 // Main thread only, apart from updatePaintNode, which Qt runs while the main
 // thread waits.
+//
+// With OpenGL (or any hardware interface) a frame is one node of coloured
+// triangles; with the software renderer, which draws no custom geometry, it
+// is a rectangle node per quad, and only the visualiser's own area is
+// repainted.
 #pragma once
 
 #include <QtQml/qqmlregistration.h>
@@ -66,6 +71,10 @@ class VisualiserView : public QQuickItem {
     void frame();
     void rebuild();
     bool scope() const { return style_ == QStringLiteral("Scope"); }
+    // The software renderer draws no custom geometry, but it repaints only
+    // what changed, so there each quad becomes a rectangle node.
+    QSGNode* updateGeometryNode(QSGNode* old);
+    QSGNode* updateRectangleNodes(QSGNode* old);
 
     QPointer<AppController> app_;
     QMetaObject::Connection appChanged_;
