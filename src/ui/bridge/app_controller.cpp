@@ -33,9 +33,10 @@ AppController::AppController(model::AppModel& model, QObject* parent)
 
 void AppController::tick() {
     if (!model_.isRunning()) {
-        if (levels_.empty()) return;
         levels_.clear();
-        emit changed();
+        // Stopped, the model still hears of devices coming and going; half
+        // a second is soon enough for the lists to follow.
+        if (++idleTicks_ % 5 == 0) emit changed();
         return;
     }
     const int n = int(model_.rows().size());

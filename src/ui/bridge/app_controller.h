@@ -123,6 +123,7 @@ class AppController : public QObject {
     NoticeListModel notices_;
     std::map<int, double> levels_;
     QTimer ticker_;
+    int idleTicks_ = 0;
     bool hasSheets_ = false;
     bool hasVisualiser_ = false;
 };
