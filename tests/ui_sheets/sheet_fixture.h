@@ -19,7 +19,9 @@ class SheetTest : public model::test::ModelTest {
         static int argc = 1;
         static char name[] = "ui_sheet_tests";
         static char* argv[] = {name, nullptr};
-        static QGuiApplication app(argc, argv);
+        // Never destroyed: Qt's own globals are gone by the time a static
+        // would be, and its tear-down would then crash the exit.
+        new QGuiApplication(argc, argv);
     }
 
     // The interface's handle on a model with rows for these sinks; model

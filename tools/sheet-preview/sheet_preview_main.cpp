@@ -1,8 +1,9 @@
-// vellatone-sheet-preview eq|master|invite [--dark] [--shot FILE]
+// vellatone-sheet-preview eq|master|invite [--dark] [--small] [--shot FILE]
 //
-// Shows one sheet over an empty window, on a model with two outputs on the
-// scripted sound server; with --shot it saves a picture after a moment and
-// quits, which works on the offscreen platform too.
+// Shows one sheet over an empty window (the main window's usual or its
+// smallest size), on a model with two outputs on the scripted sound server;
+// with --shot it saves a picture after a moment and quits, which works on the
+// offscreen platform too.
 #include <stdlib.h>
 
 #include <QtQml/qqmlextensionplugin.h>
@@ -35,8 +36,8 @@ import Vellatone.Sheets
 
 ApplicationWindow {
     id: win
-    width: 1080
-    height: 720
+    width: previewSmall ? 860 : 1080
+    height: previewSmall ? 520 : 720
     visible: true
     title: "Sheet preview"
     readonly property bool dark: previewDark
@@ -119,6 +120,7 @@ int main(int argc, char** argv) {
         engine.rootContext()->setContextProperty("previewApp", &controller);
         engine.rootContext()->setContextProperty("previewWhich", which);
         engine.rootContext()->setContextProperty("previewDark", dark);
+        engine.rootContext()->setContextProperty("previewSmall", args.contains("--small"));
         engine.loadData(windowQml);
         if (engine.rootObjects().isEmpty()) return 1;
 

@@ -75,6 +75,7 @@ Popup {
                 objectName: "eqSheet.enabled"
                 text: "On"
                 focus: true
+                Layout.minimumWidth: implicitWidth
                 checked: eq.eqEnabled
                 onToggled: eq.setEqEnabled(checked)
                 Accessible.name: "Equaliser on"

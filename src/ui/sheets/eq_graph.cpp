@@ -4,6 +4,7 @@
 #include <QPainterPath>
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #ifdef VELLATONE_HAVE_EQ_ANALYSER
 #include "spectrum/eq_analyser.h"
@@ -182,20 +183,42 @@ void EqGraph::drawGrid(QPainter* p, const EqGraphScale& s) const {
                     QString::number(int(dbValue)).prepend(dbValue > 0 ? "+" : ""));
 }
 
+#ifdef VELLATONE_HAVE_EQ_ANALYSER
+namespace {
+
+// Where each band of the analyser really lies. The low bands are pushed up
+// to one transform bin each, so they sit above their nominal log spacing;
+// drawing them at the bins they read keeps a tone under its own frequency.
+const std::vector<double>& bandEdgesHz() {
+    static const std::vector<double> edges = [] {
+        const spectrum::SpectrumAnalyser analyser(spectrum::EQAnalyser::bandCount);
+        const double binHz =
+            EqualiserSheetController::sampleRate / spectrum::SpectrumAnalyser::size;
+        std::vector<double> hz;
+        for (int edge : analyser.edges()) hz.push_back(std::max(edge - 0.5, 0.0) * binHz);
+        return hz;
+    }();
+    return edges;
+}
+
+}  // namespace
+#endif
+
 void EqGraph::drawSpectrum(QPainter* p, const EqGraphScale& s) const {
 #ifdef VELLATONE_HAVE_EQ_ANALYSER
     const std::span<const float> levels = controller_->spectrum();
-    if (levels.empty()) return;
+    const std::vector<double>& edges = bandEdgesHz();
+    if (levels.empty() || edges.size() < levels.size() + 1) return;
     // Levels are 0 to 1 over the analyser's own 66 dB, drawn as a soft area
     // from the floor: a picture of where the music sits, not a second scale.
     QPainterPath area;
-    area.moveTo(s.x(spectrum::EQAnalyser::bandLowHz(0)), s.height);
-    for (int i = 0; i < int(levels.size()); ++i) {
+    area.moveTo(s.x(edges[0]), s.height);
+    for (size_t i = 0; i < levels.size(); ++i) {
         const double top = s.height * (1.0 - std::clamp(double(levels[i]), 0.0, 1.0));
-        area.lineTo(s.x(spectrum::EQAnalyser::bandLowHz(i)), top);
-        area.lineTo(s.x(spectrum::EQAnalyser::bandHighHz(i)), top);
+        area.lineTo(s.x(edges[i]), top);
+        area.lineTo(s.x(edges[i + 1]), top);
     }
-    area.lineTo(s.x(spectrum::EQAnalyser::bandHighHz(int(levels.size()) - 1)), s.height);
+    area.lineTo(s.x(edges[levels.size()]), s.height);
     area.closeSubpath();
     p->fillPath(area, spectrumColor_);
 #else

@@ -45,7 +45,9 @@ EqualiserSheetController::EqualiserSheetController(QObject* parent) : QObject(pa
 }
 
 EqualiserSheetController::~EqualiserSheetController() {
-    // Edits made just before the sheet went away are still the user's.
+    // Edits made just before the sheet went away are still the user's; the
+    // news of them must not come back to this half-gone object.
+    disconnect(changedConnection_);
     commit();
 }
 
