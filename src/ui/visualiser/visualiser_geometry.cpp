@@ -70,14 +70,14 @@ std::size_t scopeTrigger(std::span<const float> samples) {
 }
 
 void buildScope(std::vector<Vertex>& out, std::span<const float> samples, float width, float height,
-                float thickness, Rgba colour) {
+                float thickness, Rgba colour, float columnPixels) {
     out.clear();
     const std::size_t shown = samples.size() / 2;
     if (shown == 0 || width < 1.0f) return;
     const std::span<const float> trace = samples.subspan(scopeTrigger(samples), shown);
     // Two pixels a column is finer than the eye follows a moving trace.
-    const std::size_t columns =
-        std::clamp<std::size_t>(static_cast<std::size_t>(width / 2.0f), 1, shown);
+    const std::size_t columns = std::clamp<std::size_t>(
+        static_cast<std::size_t>(width / std::max(columnPixels, 1.0f)), 1, shown);
     const float columnWidth = width / static_cast<float>(columns);
     const float middle = height * 0.5f;
     const float scale = height * 0.45f;

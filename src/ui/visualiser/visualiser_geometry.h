@@ -40,9 +40,10 @@ void buildSpectrum(std::vector<Vertex>& out, std::span<const float> levels,
 // still on the screen.
 std::size_t scopeTrigger(std::span<const float> samples);
 
-// Half the block from the trigger, drawn as the band each column of pixels
-// sweeps (joined to the column before it), at least `thickness` tall.
+// Half the block from the trigger, drawn as the band each column of
+// `columnPixels` sweeps (joined to the column before it), at least
+// `thickness` tall.
 void buildScope(std::vector<Vertex>& out, std::span<const float> samples, float width, float height,
-                float thickness, Rgba colour);
+                float thickness, Rgba colour, float columnPixels = 2.0f);
 
 }  // namespace vt::ui::visualiser

@@ -60,6 +60,11 @@ void VisualiserView::setStyle(const QString& style) {
     refresh();
 }
 
+bool VisualiserView::software() const {
+    return window() != nullptr &&
+           window()->rendererInterface()->graphicsApi() == QSGRendererInterface::Software;
+}
+
 bool VisualiserView::playing() const {
     return app_ && app_->model().isRunning();
 }
@@ -106,7 +111,9 @@ void VisualiserView::rebuild() {
     const auto h = static_cast<float>(height());
     if (scope()) {
         const float thickness = std::max(1.5f, h * 0.006f);
-        buildScope(vertices_, state_.samples, w, h, thickness, premultiplied(traceColor_));
+        // Each column is a node of its own under the software renderer.
+        const float column = software() ? 4.0f : 2.0f;
+        buildScope(vertices_, state_.samples, w, h, thickness, premultiplied(traceColor_), column);
     } else {
         const spectrum::SpectrumAnalyser& analyser = state_.analysers.front();
         buildSpectrum(
@@ -117,9 +124,7 @@ void VisualiserView::rebuild() {
 }
 
 QSGNode* VisualiserView::updatePaintNode(QSGNode* old, UpdatePaintNodeData*) {
-    const bool software = window() != nullptr && window()->rendererInterface()->graphicsApi() ==
-                                                     QSGRendererInterface::Software;
-    return software ? updateRectangleNodes(old) : updateGeometryNode(old);
+    return software() ? updateRectangleNodes(old) : updateGeometryNode(old);
 }
 
 QSGNode* VisualiserView::updateRectangleNodes(QSGNode* old) {

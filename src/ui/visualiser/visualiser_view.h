@@ -65,6 +65,7 @@ class VisualiserView : public QQuickItem {
 
   private:
     bool playing() const;
+    bool software() const;
     // Starts the frames when there is something to show, stops them when
     // there is not.
     void refresh();
