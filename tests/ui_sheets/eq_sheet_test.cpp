@@ -1,11 +1,13 @@
 // The equaliser sheet's controller: each control lands in the model's
 // operations (and so in the engine and the settings file), drags are handed
 // on as one change, and the sheet follows changes made elsewhere.
+#include <QMouseEvent>
 #include <QSignalSpy>
 #include <cmath>
 
 #include "equaliser/eq_preset.h"
 #include "sheet_fixture.h"
+#include "ui/sheets/eq_graph.h"
 #include "ui/sheets/eq_sheet_controller.h"
 
 namespace vt::ui::test {
@@ -188,6 +190,81 @@ TEST_F(EqSheetTest, TheFlushTimerHandsADragOnWithoutACommit) {
     while (sheet.hasPendingEdits() && waited.elapsed() < 2000)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
     EXPECT_EQ(rowEQ(0).bands[4].gainDb, 2.5);
+}
+
+}  // namespace
+}  // namespace vt::ui::test
+
+namespace vt::ui::test {
+namespace {
+
+class EqGraphTest : public EqSheetTest {
+  protected:
+    void send(QEvent::Type type, QPointF at) {
+        QMouseEvent event(type, at, at, at, Qt::LeftButton,
+                          type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton,
+                          Qt::NoModifier);
+        QCoreApplication::sendEvent(&graph, &event);
+    }
+
+    EqGraph graph;
+};
+
+TEST_F(EqGraphTest, DraggingAHandleMovesItsBandAndReleasingHandsItOn) {
+    sheet.setSlot(0);
+    graph.setSize(QSizeF(600, 240));
+    graph.setController(&sheet);
+    const EqGraphScale scale{600, 240};
+
+    // Band 3 (index 2) of the flat bands: a peak at 650 Hz, 0 dB.
+    const QPointF handle = graph.handlePosition(2);
+    EXPECT_NEAR(handle.x(), scale.x(650), 1e-9);
+    EXPECT_NEAR(handle.y(), 120, 1e-9);
+    EXPECT_EQ(graph.bandAt(handle + QPointF(5, -5)), 2);
+    EXPECT_EQ(graph.bandAt(QPointF(scale.x(650), 10)), std::nullopt);
+
+    send(QEvent::MouseButtonPress, handle + QPointF(3, 2));
+    EXPECT_EQ(graph.activeBand(), 2);
+    send(QEvent::MouseMove, QPointF(scale.x(2000), scale.y(6.2)));
+    EXPECT_NEAR(sheet.shown().bands[2].frequency, 2000, 1);
+    EXPECT_EQ(sheet.shown().bands[2].gainDb, 6.0);  // to the half decibel
+    send(QEvent::MouseButtonRelease, QPointF(scale.x(2000), scale.y(6.2)));
+    EXPECT_EQ(graph.activeBand(), -1);
+    EXPECT_FALSE(sheet.hasPendingEdits());
+    EXPECT_NEAR(rowEQ(0).bands[2].frequency, 2000, 1);
+    EXPECT_EQ(rowEQ(0).bands[2].gainDb, 6.0);
+    EXPECT_TRUE(rowEQ(0).enabled);
+
+    // A kind without gain moves only sideways; its handle stays on 0 dB.
+    sheet.setBandKind(0, int(equaliser::index(EQKind::highPass)));
+    const QPointF corner = graph.handlePosition(0);
+    EXPECT_NEAR(corner.y(), 120, 1e-9);
+    send(QEvent::MouseButtonPress, corner);
+    send(QEvent::MouseMove, QPointF(scale.x(150), 10));
+    send(QEvent::MouseButtonRelease, QPointF(scale.x(150), 10));
+    EXPECT_NEAR(rowEQ(0).bands[0].frequency, 150, 0.5);
+    EXPECT_EQ(rowEQ(0).bands[0].gainDb, 0.0);
+}
+
+TEST_F(EqGraphTest, AwayFromEveryHandleNothingMovesAndOffBandsHaveNone) {
+    sheet.setSlot(0);
+    sheet.setBandKind(3, int(equaliser::index(EQKind::off)));
+    graph.setSize(QSizeF(600, 240));
+    graph.setController(&sheet);
+    EXPECT_EQ(graph.bandAt(graph.handlePosition(3)), std::nullopt);
+    const EQSettings before = rowEQ(0);
+    send(QEvent::MouseButtonPress, QPointF(5, 5));
+    send(QEvent::MouseMove, QPointF(300, 200));
+    send(QEvent::MouseButtonRelease, QPointF(300, 200));
+    EXPECT_EQ(graph.activeBand(), -1);
+    EXPECT_EQ(rowEQ(0), before);
+
+    // The axes map both ways.
+    const EqGraphScale scale{600, 240};
+    EXPECT_NEAR(scale.hz(scale.x(1234)), 1234, 1e-6);
+    EXPECT_NEAR(scale.db(scale.y(-7.5)), -7.5, 1e-9);
+    EXPECT_EQ(scale.x(5), 0);
+    EXPECT_EQ(scale.y(60), 0);
 }
 
 }  // namespace
