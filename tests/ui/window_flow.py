@@ -208,6 +208,23 @@ def main():
     w2 = Window(env["VELLATONE_AUTOMATION_SOCKET"])
     check(w2.find("startSwitch").get("found"), "the hook stopped answering")
 
+    step("after a crash while playing, the next launch says the sound is back, as a card")
+    w.click("startSwitch")
+    w.wait_for("running again", lambda: w.rows()["running"])
+    app.kill()
+    app.wait()
+    app = subprocess.Popen([os.path.join(BIN, "vellatone")], env=env, stdout=subprocess.DEVNULL,
+                           stderr=open(os.path.join(work, "app.log"), "a"))
+    w = Window(env["VELLATONE_AUTOMATION_SOCKET"], timeout=30)
+    w.wait_for("the crash card", lambda: w.visible("notice.crash"))
+    check(pulse("get-default-sink") == "speakers", "the output was not given back at launch")
+    check(w.find("notice.crash.primary").get("text") == "Turn on Vellatone", "the card's button")
+    time.sleep(0.5)
+    w.send(cmd="grab", path=os.path.join(SHOTS, "notice.png"))
+    w.click("notice.crash.primary")
+    w.wait_for("the card's button to start", lambda: w.rows()["running"])
+    w.wait_for("the card to go", lambda: not w.visible("notice.crash"))
+
     step("SIGTERM quits cleanly")
     app.send_signal(signal.SIGTERM)
     check(app.wait(20) == 0, "the application did not exit cleanly")

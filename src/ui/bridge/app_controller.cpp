@@ -1,10 +1,13 @@
 #include "ui/bridge/app_controller.h"
 
+#include <QClipboard>
+#include <QGuiApplication>
 #include <QVariantMap>
 #include <algorithm>
 #include <cmath>
 
 #include "delay/delay_plan.h"
+#include "model/notice_words.h"
 #include "settings/preferences.h"
 
 namespace vt::ui {
@@ -166,6 +169,11 @@ void AppController::setSyncSlowSpeakers(bool on) {
 }
 
 void AppController::actOnNotice(const QString& id, bool primary) {
+    // The command that brings a sound server up goes where the person can
+    // paste it; the model then looks again for a server.
+    if (primary && id == QLatin1String("driver"))
+        if (QClipboard* clipboard = QGuiApplication::clipboard())
+            clipboard->setText(QString::fromUtf8(model::kStartServerCommand));
     act([&] {
         for (const model::Notice& n : model_.notices())
             if (n.id == id.toStdString()) {

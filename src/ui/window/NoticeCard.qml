@@ -64,18 +64,17 @@ Rectangle {
                 wrapMode: Text.WordWrap
             }
         }
-        Button {
+        PillButton {
             objectName: "notice." + card.noticeId + ".secondary"
             visible: card.secondary.length > 0
             text: card.secondary
-            flat: true
             onClicked: App.actOnNotice(card.noticeId, false)
         }
-        Button {
+        PillButton {
             objectName: "notice." + card.noticeId + ".primary"
             visible: card.primary.length > 0
             text: card.primary
-            highlighted: true
+            primary: true
             onClicked: App.actOnNotice(card.noticeId, true)
         }
         ToolButton {
