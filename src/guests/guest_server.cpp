@@ -76,8 +76,7 @@ GuestServer::GuestServer(std::filesystem::path root, uint16_t port, double patie
 GuestServer::~GuestServer() {
     stop();
     if (acceptThread_.joinable()) acceptThread_.join();
-    std::unique_lock guard(lock_);
-    clientsDone_.wait(guard, [&] { return accepted_ == 0; });
+    clients_.waitIdle();
 }
 
 void GuestServer::start() {
@@ -141,8 +140,7 @@ uint16_t GuestServer::port() const {
 }
 
 size_t GuestServer::clientThreads() const {
-    std::lock_guard guard(lock_);
-    return accepted_;
+    return clients_.count();
 }
 
 GuestRoster::Status GuestServer::status(const std::string& clientID) const {
@@ -151,39 +149,24 @@ GuestRoster::Status GuestServer::status(const std::string& clientID) const {
 }
 
 void GuestServer::acceptLoop(int listener) {
-    while (true) {
-        {
-            std::lock_guard guard(lock_);
-            if (!running_) break;
-        }
-        pollfd pfd{listener, POLLIN, 0};
-        if (poll(&pfd, 1, 250) <= 0) continue;
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
+    const auto running = [this] {
+        std::lock_guard guard(lock_);
+        return running_;
+    };
+    net::acceptUntil(listener, running, [this](int fd) {
         {
             std::lock_guard guard(lock_);
             if (!running_) {
                 ::close(fd);
-                break;
+                return;
             }
-            // A flood of sockets must not become a flood of threads.
-            if (accepted_ >= options_.maxClientThreads) {
-                ::close(fd);
-                continue;
-            }
-            ++accepted_;
             rawSockets_.insert(fd);
         }
-        const int yes = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-        std::thread([this, fd] {
-            pthread_setname_np(pthread_self(), "GuestClient");
-            serveClient(fd);
-            std::lock_guard guard(lock_);
-            if (--accepted_ == 0) clientsDone_.notify_all();
-        }).detach();
-    }
-    ::close(listener);
+        if (clients_.spawn("GuestClient", [this, fd] { serveClient(fd); })) return;
+        std::lock_guard guard(lock_);
+        rawSockets_.erase(fd);
+        ::close(fd);
+    });
 }
 
 void GuestServer::serveClient(int fd) {

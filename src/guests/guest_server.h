@@ -19,6 +19,7 @@
 
 #include "dispatch/main_queue.h"
 #include "guests/guest_roster.h"
+#include "net/client_threads.h"
 #include "net/http_request.h"
 #include "net/sendspin_connection.h"
 #include "net/sendspin_transport.h"
@@ -115,11 +116,11 @@ class GuestServer : public net::SendspinTransport {
     std::map<int64_t, std::unique_ptr<dispatch::TimerHandle>> helloTimers_;
     std::unique_ptr<dispatch::TimerHandle> expiry_;
     std::unique_ptr<dispatch::TimerHandle> expiryStart_;
-    size_t accepted_ = 0;
     std::set<int> rawSockets_;  // not yet a WebSocket, so stop() can cut them short
-    std::condition_variable clientsDone_;
     uint16_t port_ = 0;
     std::thread acceptThread_;
+    // Last, so that it is still there while client threads finish.
+    net::ClientThreads clients_{options_.maxClientThreads};
 };
 
 }  // namespace vt::guests

@@ -1,5 +1,7 @@
 #include "net/sendspin_websocket_server.h"
 
+#include "net/client_threads.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -43,8 +45,7 @@ SendspinWebSocketServer::SendspinWebSocketServer(Options options) : options_(std
 SendspinWebSocketServer::~SendspinWebSocketServer() {
     stop();
     if (acceptThread_.joinable()) acceptThread_.join();
-    std::unique_lock guard(lock_);
-    clientsDone_.wait(guard, [&] { return clientThreads_ == 0; });
+    clients_.waitIdle();
 }
 
 void SendspinWebSocketServer::start() {
@@ -77,34 +78,21 @@ void SendspinWebSocketServer::start() {
 }
 
 void SendspinWebSocketServer::acceptLoop(int listener) {
-    while (true) {
-        {
-            std::lock_guard guard(lock_);
-            if (!running_) break;
-        }
-        pollfd pfd{listener, POLLIN, 0};
-        if (poll(&pfd, 1, 250) <= 0) continue;
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
-        const int yes = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    const auto running = [this] {
+        std::lock_guard guard(lock_);
+        return running_;
+    };
+    acceptUntil(listener, running, [this](int fd) {
         {
             std::lock_guard guard(lock_);
             if (!running_) {
                 ::close(fd);
-                break;
+                return;
             }
-            ++clientThreads_;
             pendingHeads_.insert(fd);
         }
-        std::thread([this, fd] {
-            pthread_setname_np(pthread_self(), "SendspinClient");
-            serveClient(fd);
-            std::lock_guard guard(lock_);
-            if (--clientThreads_ == 0) clientsDone_.notify_all();
-        }).detach();
-    }
-    ::close(listener);
+        clients_.spawn("SendspinClient", [this, fd] { serveClient(fd); });
+    });
 }
 
 void SendspinWebSocketServer::serveClient(int fd) {

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <thread>
 
+#include "net/client_threads.h"
 #include "net/sendspin_connection.h"
 #include "net/sendspin_transport.h"
 
@@ -69,8 +70,7 @@ class SendspinWebSocketServer : public SendspinTransport {
     std::thread acceptThread_;
     // Sockets still reading their request, so stop() can cut them short.
     std::set<int> pendingHeads_;
-    int clientThreads_ = 0;
-    std::condition_variable clientsDone_;
+    ClientThreads clients_;
 };
 
 }  // namespace vt::net
