@@ -36,6 +36,12 @@ TEST(AutomationCommands, GoodLinesCarryTheirFields) {
     ASSERT_TRUE(grab.command);
     EXPECT_EQ(grab.command->path, "/tmp/a.png");
 
+    ParsedCommand drag =
+        parseAutomationLine(R"({"cmd":"drag","name":"row.1.handle","to":"row.0"})");
+    ASSERT_TRUE(drag.command);
+    EXPECT_EQ(drag.command->to, "row.0");
+    EXPECT_FALSE(parseAutomationLine(R"({"cmd":"drag","name":"row.1.handle"})").command);
+
     EXPECT_TRUE(parseAutomationLine(R"({"cmd":"rows"})").command);
     EXPECT_TRUE(parseAutomationLine(R"({"cmd":"set","name":"s","value":true})").command);
 }

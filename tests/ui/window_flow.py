@@ -157,6 +157,12 @@ def main():
     w.send(cmd="key", text="Alt+Up")
     w.wait_for("the move back", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living", "Kitchen"])
 
+    step("dragging Kitchen's handle onto Living puts it first")
+    w.send(cmd="drag", name="row.1.handle", to="row.0")
+    w.wait_for("the drag", lambda: [r["name"] for r in w.rows()["rows"]] == ["Kitchen", "Living"])
+    w.send(cmd="drag", name="row.0.handle", to="row.1")
+    w.wait_for("the drag back", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living", "Kitchen"])
+
     step("remove Kitchen from its menu and undo")
     w.click("row.1.menuButton")
     w.wait_for("the menu", lambda: w.visible("row.1.menu.remove"))

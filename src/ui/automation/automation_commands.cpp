@@ -6,11 +6,11 @@ namespace vt::ui {
 
 namespace {
 
-constexpr std::array<std::string_view, 9> kCommands = {"find",  "click", "set",  "type", "key",
-                                                       "focus", "rows",  "grab", "names"};
+constexpr std::array<std::string_view, 10> kCommands = {"find",  "click", "set",  "type",  "key",
+                                                        "focus", "rows",  "grab", "names", "drag"};
 
 bool needsName(std::string_view cmd) {
-    return cmd == "find" || cmd == "click" || cmd == "set" || cmd == "focus";
+    return cmd == "find" || cmd == "click" || cmd == "set" || cmd == "focus" || cmd == "drag";
 }
 
 std::optional<std::string> stringField(const nlohmann::json& j, const char* key) {
@@ -43,6 +43,8 @@ ParsedCommand parseAutomationLine(std::string_view line) {
         return {std::nullopt, c.cmd + " needs a \"text\""};
     c.path = stringField(j, "path").value_or("");
     if (c.cmd == "grab" && c.path.empty()) return {std::nullopt, "grab needs a \"path\""};
+    c.to = stringField(j, "to").value_or("");
+    if (c.cmd == "drag" && c.to.empty()) return {std::nullopt, "drag needs a \"to\""};
     if (auto it = j.find("value"); it != j.end()) c.value = *it;
     if (c.cmd == "set" && !(c.value.is_number() || c.value.is_boolean() || c.value.is_string()))
         return {std::nullopt, "set needs a number, boolean or string \"value\""};

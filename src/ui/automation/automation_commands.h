@@ -11,8 +11,9 @@
 namespace vt::ui {
 
 struct AutomationCommand {
-    std::string cmd;   // find, click, set, type, key, focus, rows, grab, names
+    std::string cmd;   // find, click, set, type, key, focus, rows, grab, names, drag
     std::string name;  // an objectName
+    std::string to;    // for drag: the objectName of the item to drop on
     nlohmann::json value;
     std::string text;  // for type and key
     std::string path;  // for grab

@@ -171,6 +171,24 @@ nlohmann::json AutomationServer::click(QObject* object) {
     return {{"ok", true}};
 }
 
+nlohmann::json AutomationServer::drag(QObject* fromObject, QObject* toObject) {
+    auto* from = qobject_cast<QQuickItem*>(fromObject);
+    auto* to = qobject_cast<QQuickItem*>(toObject);
+    QQuickWindow* w = from ? from->window() : nullptr;
+    if (!from || !to || !w || !from->isVisible() || !to->isVisible())
+        return automationError("both ends must be items on the screen");
+    const QPoint start = from->mapToScene(QPointF(from->width() / 2, from->height() / 2)).toPoint();
+    const QPoint end = to->mapToScene(QPointF(to->width() / 2, to->height() / 2)).toPoint();
+    // Pressed, then moved in steps past the drag threshold, then released:
+    // what a hand on a mouse does.
+    QTest::mouseMove(w, start);
+    QTest::mousePress(w, Qt::LeftButton, Qt::NoModifier, start);
+    constexpr int steps = 12;
+    for (int i = 1; i <= steps; ++i) QTest::mouseMove(w, start + (end - start) * i / steps, 10);
+    QTest::mouseRelease(w, Qt::LeftButton, Qt::NoModifier, end);
+    return {{"ok", true}};
+}
+
 nlohmann::json AutomationServer::set(QObject* object, const nlohmann::json& value) {
     const char* property = value.is_boolean() ? "checked" : value.is_string() ? "text" : "value";
     if (!object->property(property).isValid())
@@ -245,6 +263,11 @@ nlohmann::json AutomationServer::run(const AutomationCommand& c) {
     }
     if (c.cmd == "find") return describe(object);
     if (c.cmd == "click") return click(object);
+    if (c.cmd == "drag") {
+        QObject* target = find(c.to);
+        if (!target) return automationError("no item named " + c.to);
+        return drag(object, target);
+    }
     if (c.cmd == "set") return set(object, c.value);
     if (c.cmd == "focus") {
         if (auto* item = qobject_cast<QQuickItem*>(object)) {

@@ -42,6 +42,7 @@ class AutomationServer : public QObject {
     QObject* find(const std::string& name) const;
     nlohmann::json describe(QObject* object) const;
     nlohmann::json click(QObject* object);
+    nlohmann::json drag(QObject* from, QObject* to);
     nlohmann::json set(QObject* object, const nlohmann::json& value);
     nlohmann::json key(const std::string& key);
     nlohmann::json type(const std::string& text);
