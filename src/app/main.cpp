@@ -15,9 +15,11 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: vellatone [--headless]\n"
+    "usage: vellatone [--headless | --login]\n"
     "  With no argument, opens the window (and a tray icon where the desktop has a\n"
     "  tray). --headless runs Vellatone without a window until SIGINT or SIGTERM.\n"
+    "  --login is what the autostart entry passes: with the tray icon on, Vellatone\n"
+    "  then starts in the tray with its window closed.\n"
     "  Either way it can be controlled with vellatonectl over the socket\n"
     "  $XDG_RUNTIME_DIR/vellatone/control.sock (VELLATONE_CONTROL_SOCKET overrides the\n"
     "  path). Guests' phones join on port 7766. For tests: VELLATONE_GUEST_BIND names\n"
