@@ -13,25 +13,12 @@ RowLayout {
         color: Theme.textMuted
         font.pixelSize: Theme.smallSize
     }
-    Row {
-        spacing: 0
-        Accessible.role: Accessible.Grouping
-        Accessible.name: qsTr("Playback mode")
-        Repeater {
-            model: ["Together", "Instant"]
-            Button {
-                required property string modelData
-                required property int index
-                objectName: "mode." + modelData
-                text: modelData
-                checkable: true
-                checked: App.playbackMode === modelData
-                autoExclusive: true
-                highlighted: checked
-                Accessible.name: qsTr("Playback mode %1").arg(modelData)
-                onClicked: App.setPlaybackMode(modelData)
-            }
-        }
+    Segmented {
+        options: ["Together", "Instant"]
+        current: App.playbackMode
+        namePrefix: "mode."
+        accessibleName: qsTr("Playback mode")
+        onPicked: (value) => App.setPlaybackMode(value)
     }
     CheckBox {
         objectName: "syncSlowSpeakers"

@@ -40,25 +40,12 @@ Rectangle {
                 font.pixelSize: Theme.smallSize
                 Layout.fillWidth: true
             }
-            Row {
-                Accessible.role: Accessible.Grouping
-                Accessible.name: qsTr("Visualiser style")
-                Repeater {
-                    model: ["Spectrum", "Scope"]
-                    Button {
-                        required property string modelData
-                        objectName: "visualiserStyle." + modelData
-                        text: modelData
-                        flat: pane.style !== modelData
-                        highlighted: pane.style === modelData
-                        checkable: true
-                        checked: pane.style === modelData
-                        autoExclusive: true
-                        font.pixelSize: Theme.smallSize
-                        Accessible.name: qsTr("Visualiser style %1").arg(modelData)
-                        onClicked: App.setVisualiserStyle(modelData)
-                    }
-                }
+            Segmented {
+                options: ["Spectrum", "Scope"]
+                current: pane.style
+                namePrefix: "visualiserStyle."
+                accessibleName: qsTr("Visualiser style")
+                onPicked: (value) => App.setVisualiserStyle(value)
             }
         }
         Item {
