@@ -72,13 +72,25 @@ Popup {
             }
 
             Switch {
+                id: onSwitch
                 objectName: "eqSheet.enabled"
-                text: "On"
                 focus: true
-                Layout.minimumWidth: implicitWidth
                 checked: eq.eqEnabled
                 onToggled: eq.setEqEnabled(checked)
                 Accessible.name: "Equaliser on"
+            }
+
+            // Beside the switch rather than in it, where a tight row would
+            // elide it.
+            Label {
+                text: "On"
+                MouseArea {
+                    anchors.fill: parent
+                    onClicked: {
+                        onSwitch.toggle()
+                        onSwitch.toggled()
+                    }
+                }
             }
         }
 
