@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <variant>
 
+#include "net/client_threads.h"
 #include "net/http_request.h"
 #include "net/http_response.h"
 #include "sendspin/protocol.h"
@@ -40,18 +41,14 @@ uint16_t LoadServer::start() {
     running_ = true;
     acceptThread_ = std::thread([this] {
         int64_t nextId = 0;
-        while (running_) {
-            pollfd pfd{listener_, POLLIN, 0};
-            if (poll(&pfd, 1, 100) <= 0) continue;
-            const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) continue;
-            const int yes = 1;
-            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-            clients_.emplace_back([this, fd, id = ++nextId] {
-                pthread_setname_np(pthread_self(), "GuestClient");
-                serve(fd, id);
+        net::acceptUntil(
+            listener_, [this] { return running_.load(); },
+            [this, &nextId](int fd) {
+                clients_.emplace_back([this, fd, id = ++nextId] {
+                    pthread_setname_np(pthread_self(), "GuestClient");
+                    serve(fd, id);
+                });
             });
-        }
     });
     return ntohs(address.sin_port);
 }
@@ -64,7 +61,6 @@ void LoadServer::stop() {
         for (auto& [id, connection] : connections_) connection->close(1000);
     }
     for (auto& thread : clients_) thread.join();
-    ::close(listener_);
 }
 
 void LoadServer::serve(int fd, int64_t id) {
