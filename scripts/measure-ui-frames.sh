@@ -93,6 +93,8 @@ export DISPLAY=:$(head -n1 "$work/display")
 
 export VELLATONE_CONFIG_DIR=$work/config VELLATONE_CONTROL_SOCKET=$work/control/control.sock
 export VELLATONE_FRAME_LOG=$work/frames.log HOME=$work/home
+# Playing starts the guest server: keep it on loopback, on any free port.
+export VELLATONE_GUEST_BIND=127.0.0.1 VELLATONE_GUEST_PORT=0
 export QT_QPA_PLATFORM=xcb QSG_INFO=1
 case ${BACKEND:-opengl} in
     opengl) unset QT_QUICK_BACKEND ;;
