@@ -82,7 +82,9 @@ try {
   // Bob's page takes the path of a phone on the plain http link.
   const bob = await openGuest(bobContext, port, 'Bob', '?scheduled');
   assert.equal(await ann.textContent('#host'), os.hostname());
+  // One after the other, so that the rows' order is known.
   await ann.click('#join');
+  await app.until((a) => a.row('Guest · Ann'), "Ann's row");
   await bob.click('#join');
   const annId = await clientId(ann);
   const bobId = await clientId(bob);
