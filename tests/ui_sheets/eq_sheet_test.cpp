@@ -175,6 +175,31 @@ TEST_F(EqSheetTest, ARowThatGoesLeavesTheSheetInvalidAndInert) {
     EXPECT_EQ(rowEQ(0), EQSettings::flat());
 }
 
+TEST_F(EqSheetTest, TheSheetStaysWithItsRowWhenRowsRenumber) {
+    sheet.setSlot(1);
+    const model::RowId living = model->rows()[1].id;
+    sheet.setBandGainDb(1, 5.0);
+    // The row above goes while an edit is still on its way: "kitchen" now
+    // has slot 1, and the edit must not land there.
+    model->removeOutput(0);
+    settle();
+    sheet.commit();
+    emit app->changed();
+    ASSERT_TRUE(sheet.valid());
+    EXPECT_EQ(sheet.slot(), 0);
+    EXPECT_EQ(model->rows()[0].id, living);
+    EXPECT_EQ(rowEQ(0).bands[1].gainDb, 5.0);
+    EXPECT_EQ(rowEQ(1), EQSettings::flat());
+    // Once its row is gone the sheet stays inert, although slot 0 still exists.
+    model->removeOutput(0);
+    settle();
+    emit app->changed();
+    EXPECT_FALSE(sheet.valid());
+    sheet.setBandGainDb(0, 3);
+    sheet.commit();
+    EXPECT_EQ(rowEQ(0), EQSettings::flat());
+}
+
 TEST_F(EqSheetTest, AnUnchangedRefreshIsQuiet) {
     sheet.setSlot(0);
     QSignalSpy shown(&sheet, &EqualiserSheetController::settingsChanged);

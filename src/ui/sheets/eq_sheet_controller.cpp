@@ -73,8 +73,30 @@ void EqualiserSheetController::setSlot(int slot) {
     if (slot == slot_) return;
     commit();
     slot_ = slot;
+    rowId_ = 0;
+    rowGone_ = false;
     emit slotChanged();
     refresh();
+}
+
+void EqualiserSheetController::followRow() {
+    const model::AppModel* m = model();
+    if (!m || isMaster() || rowGone_) return;
+    const auto& rows = m->rows();
+    if (rowId_ == 0) {
+        if (slot_ < int(rows.size())) rowId_ = rows[size_t(slot_)].id;
+        return;
+    }
+    if (slot_ < int(rows.size()) && rows[size_t(slot_)].id == rowId_) return;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (rows[i].id == rowId_) {
+            slot_ = int(i);
+            emit slotChanged();
+            return;
+        }
+    }
+    rowGone_ = true;
+    emit slotChanged();
 }
 
 model::AppModel* EqualiserSheetController::model() const {
@@ -87,7 +109,7 @@ EQTarget EqualiserSheetController::target() const {
 
 bool EqualiserSheetController::valid() const {
     const model::AppModel* m = model();
-    return m && (isMaster() || slot_ < int(m->rows().size()));
+    return m && (isMaster() || (!rowGone_ && slot_ < int(m->rows().size())));
 }
 
 QString EqualiserSheetController::title() const {
@@ -237,6 +259,7 @@ void EqualiserSheetController::copyToAll() {
 void EqualiserSheetController::commit() {
     flush_.stop();
     if (!pending_) return;
+    followRow();
     pending_ = false;
     if (!valid()) return;
     pushToModel();
@@ -269,6 +292,7 @@ void EqualiserSheetController::announce() {
 }
 
 void EqualiserSheetController::refresh() {
+    followRow();
     const bool wasClipping = clipping_;
     if (!valid()) {
         clipping_ = false;

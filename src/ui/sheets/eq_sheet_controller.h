@@ -16,6 +16,7 @@
 
 #include "equaliser/eq_settings.h"
 #include "equaliser/eq_target.h"
+#include "model/row_state.h"
 
 namespace vt::model {
 class AppModel;
@@ -115,9 +116,14 @@ class EqualiserSheetController : public QObject {
     void edited();
     void pushToModel();
     void announce();
+    void followRow();
 
     QPointer<AppController> app_;
     int slot_ = -1;
+    // The row the sheet was opened for: slots renumber when a row above goes
+    // or rows are moved, and the sheet stays with its row. 0 until known.
+    model::RowId rowId_ = 0;
+    bool rowGone_ = false;
     equaliser::EQSettings shown_ = equaliser::EQSettings::flat();
     bool pending_ = false;
     bool clipping_ = false;
