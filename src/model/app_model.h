@@ -229,6 +229,7 @@ class AppModel {
 
     // Rows.
     int insertRegularRow(RowState row);
+    void stampNewRow(RowState& row) const;
     void afterAdding(int slot);
     bool mutedToStore(const RowState& row) const;
     void storeOutputCount();

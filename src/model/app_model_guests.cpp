@@ -84,15 +84,7 @@ std::optional<int> AppModel::addGuestRow(const std::string& clientID, const std:
     // The page makes up for its own output's latency.
     row.measuredLatencyMs = 0;
     row.latencySource = settings::LatencySource::reported;
-    std::set<int> hues;
-    int lastOrder = -1;
-    for (const RowState& r : rows_) {
-        hues.insert(r.hue);
-        lastOrder = std::max(lastOrder, r.order);
-    }
-    row.hue = nextHue(hues);
-    row.order = lastOrder + 1;
-    row.bornAt = main_.now();
+    stampNewRow(row);
     rows_.push_back(std::move(row));
 
     const int slot = int(rows_.size()) - 1;

@@ -43,15 +43,7 @@ bool AppModel::addOutput(const std::string& uid) {
         if (auto memory = settings_.rememberedOutput(*key)) applyRemembered(row, *memory);
         row.customName = settings_.customName(*key);
     }
-    std::set<int> hues;
-    int lastOrder = -1;
-    for (const RowState& r : rows_) {
-        hues.insert(r.hue);
-        lastOrder = std::max(lastOrder, r.order);
-    }
-    row.hue = nextHue(hues);
-    row.order = lastOrder + 1;
-    row.bornAt = main_.now();
+    stampNewRow(row);
 
     const bool wasMuted = row.muted;
     const int slot = insertRegularRow(std::move(row));
@@ -89,6 +81,19 @@ void AppModel::storeOutputCount() {
 }
 
 // ---------------------------------------------------------------- removing
+
+void AppModel::stampNewRow(RowState& row) const {
+    // A colour no row has yet, and the last place in the list.
+    std::set<int> hues;
+    int lastOrder = -1;
+    for (const RowState& r : rows_) {
+        hues.insert(r.hue);
+        lastOrder = std::max(lastOrder, r.order);
+    }
+    row.hue = nextHue(hues);
+    row.order = lastOrder + 1;
+    row.bornAt = main_.now();
+}
 
 bool AppModel::canRemove(int slot) const {
     if (validSlot(slot) < 0) return false;
