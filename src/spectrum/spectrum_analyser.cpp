@@ -52,24 +52,30 @@ int checkedBands(int bands) {
 
 }  // namespace
 
-SpectrumAnalyser::SpectrumAnalyser(int bands)
-    : bands_(checkedBands(bands)),
-      fft_(size),
-      window_(size),
-      power_(bins),
-      edges_(bands + 1),
-      levels_(bands),
-      peaks_(bands),
-      peakFall_(bands) {
-    for (int n = 0; n < size; ++n) window_[n] = hannNormalised(n);
+std::vector<int> SpectrumAnalyser::bandEdges(int bands) {
+    bands = checkedBands(bands);
+    std::vector<int> edges(size_t(bands) + 1);
     // Low bands are narrower than a bin; each still gets a bin of its own.
     for (int i = 0; i <= bands; ++i) {
         const float x = std::pow(spanRatio, static_cast<float>(i) / static_cast<float>(bands)) *
                         lowestHz / binHz;
         int edge = std::min(static_cast<int>(x), bins - 1);
-        edge = std::max(edge, i == 0 ? 0 : edges_[i - 1] + 1);
-        edges_[i] = edge;
+        edge = std::max(edge, i == 0 ? 0 : edges[size_t(i) - 1] + 1);
+        edges[size_t(i)] = edge;
     }
+    return edges;
+}
+
+SpectrumAnalyser::SpectrumAnalyser(int bands)
+    : bands_(checkedBands(bands)),
+      fft_(size),
+      window_(size),
+      power_(bins),
+      edges_(bandEdges(bands_)),
+      levels_(bands),
+      peaks_(bands),
+      peakFall_(bands) {
+    for (int n = 0; n < size; ++n) window_[n] = hannNormalised(n);
 }
 
 void SpectrumAnalyser::analyse(std::span<const float> samples, double dt) {

@@ -41,6 +41,8 @@ class SpectrumAnalyser {
     float kick() const { return kick_; }
     // First transform bin of each band, and the end of the last.
     std::span<const int> edges() const { return edges_; }
+    // The same for any band count, without making an analyser.
+    static std::vector<int> bandEdges(int bands);
     // Squared magnitude of each bin of the last analysis.
     std::span<const float> power() const { return power_; }
 

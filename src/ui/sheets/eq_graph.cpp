@@ -191,11 +191,11 @@ namespace {
 // drawing them at the bins they read keeps a tone under its own frequency.
 const std::vector<double>& bandEdgesHz() {
     static const std::vector<double> edges = [] {
-        const spectrum::SpectrumAnalyser analyser(spectrum::EQAnalyser::bandCount);
         const double binHz =
             EqualiserSheetController::sampleRate / spectrum::SpectrumAnalyser::size;
         std::vector<double> hz;
-        for (int edge : analyser.edges()) hz.push_back(std::max(edge - 0.5, 0.0) * binHz);
+        for (int edge : spectrum::SpectrumAnalyser::bandEdges(spectrum::EQAnalyser::bandCount))
+            hz.push_back(std::max(edge - 0.5, 0.0) * binHz);
         return hz;
     }();
     return edges;
