@@ -1,10 +1,14 @@
-// A private PulseAudio for one test binary: started in a fresh directory
-// under /tmp with the null sinks asked for, its socket put into this
-// process's environment (so every client, libpulse or pactl, finds it), and
-// stopped and removed again on destruction.
+// A private sound server for one test binary, speaking the PulseAudio
+// protocol: PulseAudio, or PipeWire with WirePlumber and pipewire-pulse when
+// VELLATONE_TEST_SERVER=pipewire. Started in a fresh directory under /tmp
+// with the null sinks asked for, its socket put into this process's
+// environment (so every client, libpulse or pactl, finds it), and stopped and
+// removed again on destruction.
 //
 //   support::PrivatePulse pulse({"living:48000:Living", "kitchen:44100:Kitchen"});
 //   ASSERT_TRUE(pulse.running()) << pulse.error();
+//   pulse.kill();                       // the server dies as in a crash
+//   ASSERT_TRUE(pulse.start({"living:48000:Living"})) << pulse.error();
 #pragma once
 
 #include <stdio.h>
@@ -26,14 +30,23 @@ class PrivatePulse {
             return;
         }
         dir_ = tmpl;
+        start(sinks);
+    }
+
+    // Starts the server (again, after kill(): what it stored on disk is kept)
+    // with these sinks; true once it answers.
+    bool start(const std::vector<std::string>& sinks) {
+        running_ = false;
+        server_.clear();
+        error_.clear();
         std::string cmd = quote(VELLATONE_PRIVATE_PULSE_SCRIPT) + " start " + quote(dir_);
         for (const auto& s : sinks) cmd += " " + quote(s);
         cmd += " 2>&1";
         std::string out;
         int status = capture(cmd, out);
         if (status != 0) {
-            error_ = "private PulseAudio did not start: " + out;
-            return;
+            error_ = "private sound server did not start: " + out;
+            return false;
         }
         // Lines of "export NAME=value".
         size_t pos = 0;
@@ -52,6 +65,17 @@ class PrivatePulse {
         }
         running_ = !server_.empty();
         if (!running_) error_ = "no PULSE_SERVER in: " + out;
+        std::string which;
+        capture(quote(VELLATONE_PRIVATE_PULSE_SCRIPT) + " which " + quote(dir_), which);
+        pipewire_ = which.rfind("pipewire", 0) == 0;
+        return running_;
+    }
+
+    // Kills every process of the server at once, as a crash would.
+    void kill() {
+        std::string out;
+        capture(quote(VELLATONE_PRIVATE_PULSE_SCRIPT) + " kill " + quote(dir_) + " 2>&1", out);
+        running_ = false;
     }
 
     ~PrivatePulse() {
@@ -69,6 +93,9 @@ class PrivatePulse {
     const std::string& error() const { return error_; }
     const std::string& dir() const { return dir_; }
     const std::string& server() const { return server_; }
+    // PipeWire through pipewire-pulse rather than PulseAudio itself.
+    bool pipewire() const { return pipewire_; }
+    const char* serverName() const { return pipewire_ ? "PipeWire" : "PulseAudio"; }
 
     // Runs a shell command (pactl, paplay...) against this server; its
     // exit status, with standard output and error in `out`.
@@ -100,6 +127,7 @@ class PrivatePulse {
     std::string server_;
     std::string error_;
     bool running_ = false;
+    bool pipewire_ = false;
 };
 
 }  // namespace support
