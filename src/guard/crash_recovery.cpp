@@ -14,8 +14,12 @@ namespace {
 void dropLeftoverCaptureSink(platform::AudioBackend& backend) {
     std::optional<platform::SinkInfo> capture = findCaptureSink(backend.sinks());
     if (!capture || capture->name != devices::captureDeviceUID) return;
+    // Only a sink we made ourselves: by our mark, or (made by a version that
+    // did not mark it) a null sink on PulseAudio. On PipeWire every sink's
+    // driver reads "PipeWire", so the driver alone tells nothing.
+    const bool marked = capture->properties.contains(platform::kOwnSinkProperty);
     if (capture->ownerModule == UINT32_MAX ||
-        capture->driver.find("null-sink") == std::string::npos)
+        (!marked && capture->driver.find("null-sink") == std::string::npos))
         return;
     if (backend.defaultSinkName() == capture->name) return;
     for (const platform::SinkInputInfo& in : backend.sinkInputs())

@@ -165,5 +165,9 @@ class AudioBackend {
 // The property that marks our own streams, so that taking the default sink
 // never moves them.
 inline constexpr const char* kOwnStreamProperty = "vellatone.stream";
+// The property that marks the sinks we make (the capture sink), so that a
+// later run finds a leftover by what we gave it, whatever driver name the
+// server reports.
+inline constexpr const char* kOwnSinkProperty = "vellatone.sink";
 
 }  // namespace vt::platform

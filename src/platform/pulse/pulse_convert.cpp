@@ -75,7 +75,8 @@ std::string nullSinkArguments(const std::string& name, const std::string& descri
     args += " rate=" + std::to_string(rate);
     args += " channels=" + std::to_string(channels);
     if (float32) args += " format=float32le";
-    args += " sink_properties=\"device.description='" + keep(description, descriptionChar) + "'\"";
+    args += " sink_properties=\"device.description='" + keep(description, descriptionChar) + "' " +
+            kOwnSinkProperty + "=1\"";
     return args;
 }
 
