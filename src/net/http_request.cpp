@@ -44,6 +44,11 @@ void parseQuery(std::string_view text, std::map<std::string, std::string>& query
     }
 }
 
+bool isSingleValued(std::string_view key) {
+    return key == "host" || key == "origin" || key == "upgrade" || key == "sec-websocket-key" ||
+           key == "sec-websocket-version" || key == "content-length";
+}
+
 }  // namespace
 
 bool HTTPRequest::isWebSocketUpgrade() const {
@@ -79,8 +84,14 @@ std::optional<HTTPRequest> HTTPRequest::parse(std::string_view text) {
     for (size_t i = 1; i < lines.size(); ++i) {
         const size_t colon = lines[i].find(':');
         if (colon == std::string_view::npos) continue;
-        request.headers[toLowerAscii(lines[i].substr(0, colon))] =
-            std::string(trimBlanks(lines[i].substr(colon + 1)));
+        std::string key = toLowerAscii(lines[i].substr(0, colon));
+        std::string value(trimBlanks(lines[i].substr(colon + 1)));
+        const auto [at, added] = request.headers.try_emplace(key, value);
+        if (added) continue;
+        // Two answers to a question asked once: which one a check read and
+        // which one a later step obeys must never differ (RFC 9110, 9112).
+        if (isSingleValued(key)) return std::nullopt;
+        at->second = std::move(value);
     }
     return request;
 }

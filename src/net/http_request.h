@@ -21,6 +21,8 @@ struct HTTPRequest {
     // Only "upgrade" and the key are looked at: clients disagree on "connection".
     bool isWebSocketUpgrade() const;
 
+    // Nothing for a head that is not UTF-8, has no target, or names a header
+    // that may appear once (Host, Origin, the upgrade's) more than once.
     static std::optional<HTTPRequest> parse(std::string_view text);
 };
 

@@ -57,11 +57,14 @@ SendspinConnection::~SendspinConnection() {
 void SendspinConnection::run(std::string_view leftover) {
     const size_t maxPayload =
         limits_.maxMessage ? std::min(*limits_.maxMessage, kMaxFramePayload) : kMaxFramePayload;
-    WebSocketFrame::Parser parser(maxPayload);
+    WebSocketFrame::Parser parser(maxPayload, WebSocketFrame::From::client);
 
     const auto feed = [&](std::string_view bytes, int64_t receivedUs) {
         auto frames = parser.append(bytes);
-        if (!frames) return false;
+        if (!frames) {
+            queueClose(*parser.closeCode());
+            return false;
+        }
         for (auto& frame : *frames) {
             if (!handleFrame(frame.opcode, frame.fin, std::move(frame.payload), receivedUs)) {
                 return false;
@@ -143,20 +146,32 @@ bool SendspinConnection::handleFrame(uint8_t opcode, bool fin, std::string paylo
         default:
             break;
     }
-    if (opcode != static_cast<uint8_t>(Opcode::continuation)) {
+    // A continuation needs a message to continue, and a new message may not
+    // start inside an unfinished one.
+    const bool continuation = opcode == static_cast<uint8_t>(Opcode::continuation);
+    if (continuation != inMessage_) {
+        queueClose(WebSocketFrame::kCloseProtocolError);
+        return false;
+    }
+    if (!continuation) {
         message_.clear();
         messageOpcode_ = opcode;
     }
     if (limits_.maxMessage && message_.size() + payload.size() > *limits_.maxMessage) {
-        std::string reply = closeFrame(closeCode(1009));
-        enqueueControl([reply = std::move(reply)] { return reply; });
+        queueClose(WebSocketFrame::kCloseTooBig);
         return false;
     }
     message_ += payload;
+    inMessage_ = !fin;
     if (fin && messageOpcode_ == static_cast<uint8_t>(Opcode::text) && onText_) {
         onText_(repairUtf8(message_), receivedUs);
     }
     return true;
+}
+
+void SendspinConnection::queueClose(uint16_t code) {
+    std::string frame = closeFrame(closeCode(code));
+    enqueueControl([frame = std::move(frame)] { return frame; });
 }
 
 void SendspinConnection::sendText(std::string_view text) {

@@ -62,6 +62,8 @@ class SendspinConnection {
     bool handleFrame(uint8_t opcode, bool fin, std::string payload, int64_t receivedUs);
 
     void wakeLocked();
+    // The close frame that answers a client breaking the protocol.
+    void queueClose(uint16_t code);
 
     const int64_t id_;
     int fd_;
@@ -82,6 +84,7 @@ class SendspinConnection {
     // Reassembly, touched only by the connection's own thread.
     std::string message_;
     uint8_t messageOpcode_ = 0;
+    bool inMessage_ = false;  // fragments of a message have come, its last not yet
 };
 
 }  // namespace vt::net

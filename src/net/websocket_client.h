@@ -34,7 +34,7 @@ class WebSocketClient {
   private:
     int fd_ = -1;
     int receiveBuffer_ = 0;
-    WebSocketFrame::Parser parser_{1 << 24};
+    WebSocketFrame::Parser parser_{1 << 24, WebSocketFrame::From::server};
     std::vector<WebSocketFrame::Frame> ready_;
     size_t nextReady_ = 0;
 };

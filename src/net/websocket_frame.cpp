@@ -55,7 +55,19 @@ std::string encode(uint8_t opcode, std::string_view payload, bool fin,
     return out;
 }
 
+bool isValidCloseCode(uint16_t code) {
+    if (code >= 3000 && code <= 4999) return true;
+    return code >= 1000 && code <= 1014 && code != 1004 && code != 1005 && code != 1006;
+}
+
+std::optional<std::vector<Frame>> Parser::fail(uint16_t code) {
+    closeCode_ = code;
+    buffer_.clear();
+    return std::nullopt;
+}
+
 std::optional<std::vector<Frame>> Parser::append(std::string_view data) {
+    if (closeCode_) return std::nullopt;
     buffer_.append(data);
     std::vector<Frame> frames;
     size_t at = 0;
@@ -63,8 +75,17 @@ std::optional<std::vector<Frame>> Parser::append(std::string_view data) {
     while (buffer_.size() - at >= 2) {
         const uint8_t b0 = byte(at);
         const uint8_t b1 = byte(at + 1);
+        const bool fin = (b0 & 0x80) != 0;
+        const uint8_t opcode = b0 & 0x0F;
+        const bool control = (opcode & 0x08) != 0;
+        const bool known = opcode <= 2 || (opcode >= 8 && opcode <= 10);
+        const bool masked = (b1 & 0x80) != 0;
+        if ((b0 & 0x70) != 0 || !known || masked != (from_ == From::client) || (control && !fin)) {
+            return fail(kCloseProtocolError);
+        }
         size_t header = 2;
         uint64_t length = b1 & 0x7F;
+        if (control && length > kMaxControlPayload) return fail(kCloseProtocolError);
         if (length == 126 || length == 127) {
             const size_t extra = length == 126 ? 2 : 8;
             if (buffer_.size() - at < header + extra) break;
@@ -72,21 +93,28 @@ std::optional<std::vector<Frame>> Parser::append(std::string_view data) {
             for (size_t k = 0; k < extra; ++k) length = (length << 8) | byte(at + header + k);
             header += extra;
         }
-        if (length > maxPayload_) return std::nullopt;
-        const bool masked = (b1 & 0x80) != 0;
+        if (length > maxPayload_) return fail(kCloseTooBig);
         const size_t maskAt = at + header;
         if (masked) header += 4;
         if (buffer_.size() - at < header + length) break;
 
         Frame frame;
-        frame.fin = (b0 & 0x80) != 0;
-        frame.opcode = b0 & 0x0F;
+        frame.fin = fin;
+        frame.opcode = opcode;
         frame.payload = buffer_.substr(at + header, static_cast<size_t>(length));
         if (masked) {
             for (size_t i = 0; i < frame.payload.size(); ++i) {
                 frame.payload[i] = static_cast<char>(static_cast<uint8_t>(frame.payload[i]) ^
                                                      byte(maskAt + i % 4));
             }
+        }
+        if (opcode == static_cast<uint8_t>(Opcode::close) && !frame.payload.empty()) {
+            // A close payload is empty or starts with a two-byte code.
+            if (frame.payload.size() < 2) return fail(kCloseProtocolError);
+            const uint16_t code =
+                static_cast<uint16_t>((static_cast<uint8_t>(frame.payload[0]) << 8) |
+                                      static_cast<uint8_t>(frame.payload[1]));
+            if (!isValidCloseCode(code)) return fail(kCloseProtocolError);
         }
         frames.push_back(std::move(frame));
         at += header + static_cast<size_t>(length);

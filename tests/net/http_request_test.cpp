@@ -16,7 +16,7 @@ TEST(HTTPRequestParse, ReadsMethodPathDecodedQueryAndHeaders) {
     const auto request = HTTPRequest::parse(
         "GET  /guest/ab%20c?name=J%C3%BCrgen&flag&=skipped&x=1&x=2&bad=%zz HTTP/1.1\r\n"
         "Host:  example \r\nUPGRADE: WebSocket\r\nno colon here\r\nSec-WebSocket-Key: k==\r\n"
-        "X-Empty:\r\nhost: later");
+        "X-Empty:\r\nx-empty: later");
     ASSERT_TRUE(request);
     EXPECT_EQ(request->method, "GET");
     EXPECT_EQ(request->path, "/guest/ab%20c");  // the path itself is not decoded
@@ -25,9 +25,18 @@ TEST(HTTPRequestParse, ReadsMethodPathDecodedQueryAndHeaders) {
     EXPECT_EQ(request->query.at("x"), "2");
     EXPECT_EQ(request->query.at("bad"), "%zz");
     EXPECT_FALSE(request->query.contains(""));
-    EXPECT_EQ(request->headers.at("host"), "later");
-    EXPECT_EQ(request->headers.at("x-empty"), "");
+    EXPECT_EQ(request->headers.at("host"), "example");
+    EXPECT_EQ(request->headers.at("x-empty"), "later");
     EXPECT_TRUE(request->isWebSocketUpgrade());
+}
+
+TEST(HTTPRequestParse, RefusesAHeaderThatMayComeOnceComingTwice) {
+    for (const char* name : {"Host", "Origin", "Upgrade", "Sec-WebSocket-Key"}) {
+        const std::string twice =
+            std::string("GET / HTTP/1.1\r\n") + name + ": 10.0.0.2\r\n" + name + ": 10.0.0.3";
+        EXPECT_FALSE(HTTPRequest::parse(twice)) << name;
+    }
+    EXPECT_TRUE(HTTPRequest::parse("GET / HTTP/1.1\r\nAccept: a\r\nAccept: b"));
 }
 
 TEST(HTTPRequestParse, RefusesShortRequestLinesAndBadUtf8) {

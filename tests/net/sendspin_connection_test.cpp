@@ -80,7 +80,7 @@ class Harness {
     std::shared_ptr<SendspinConnection> connection_;
     std::thread thread_;
     std::atomic<bool> finished_{false};
-    WebSocketFrame::Parser parser_{1 << 24};
+    WebSocketFrame::Parser parser_{1 << 24, WebSocketFrame::From::server};
     std::vector<Frame> pending_;
     std::mutex lock_;
     std::vector<std::pair<std::string, int64_t>> texts_;
@@ -139,12 +139,33 @@ TEST(SendspinConnection, ClosesWith1009WhenAMessageOutgrowsItsLimit) {
     EXPECT_FALSE(h.next());
 }
 
-TEST(SendspinConnection, EndsWithoutACloseFrameWhenAFrameHeaderBreaksTheLimit) {
+TEST(SendspinConnection, ClosesWith1009WhenAFrameHeaderBreaksTheLimit) {
     Harness h({.maxMessage = 10});
     h.send(Opcode::text, std::string(11, 'x'));
+    auto close = h.next();
+    ASSERT_TRUE(close);
+    EXPECT_EQ(close->opcode, static_cast<uint8_t>(Opcode::close));
+    EXPECT_EQ(close->payload, std::string("\x03\xF1", 2));
     EXPECT_FALSE(h.next());
     h.waitFinished();
     EXPECT_TRUE(h.finished_);
+}
+
+TEST(SendspinConnection, MessagesOutOfTurnCloseWith1002) {
+    for (const bool continuationFirst : {true, false}) {
+        Harness h;
+        if (continuationFirst) {
+            h.send(Opcode::continuation, "nothing to continue");
+        } else {
+            h.send(Opcode::text, "one ", false);
+            h.send(Opcode::text, "a new message inside the first");
+        }
+        auto close = h.next();
+        ASSERT_TRUE(close);
+        EXPECT_EQ(close->payload, std::string("\x03\xEA", 2)) << continuationFirst;
+        EXPECT_FALSE(h.next());
+        EXPECT_TRUE(h.texts().empty());
+    }
 }
 
 TEST(SendspinConnection, DropsAudioBeyondTheQueueBoundAndCountsEachFrame) {
@@ -193,7 +214,7 @@ TEST(SendspinConnection, CloseMidFrameEndsWithoutACloseFrame) {
     ASSERT_EQ(h.connection_->droppedFrames(), 0);
     h.connection_->close(1000);
     std::string all = h.pair_.drainTheirs();
-    WebSocketFrame::Parser parser(1 << 24);
+    WebSocketFrame::Parser parser(1 << 24, WebSocketFrame::From::server);
     auto frames = parser.append(all);
     ASSERT_TRUE(frames);
     EXPECT_TRUE(frames->empty());  // the big frame never completed and no close followed
