@@ -67,17 +67,30 @@ GuestRoster::Admission GuestRoster::admit(const std::string& clientID, int64_t c
         g->droppedAt.reset();
         return result;
     }
-    if (guests_.size() >= cap) return Full{};
+    // Told at once when there is plainly no place; the hello checks again.
+    if (seated() >= cap) return Full{};
     guests_.push_back(Guest{clientID, std::nullopt, connection, std::nullopt});
     return New{};
 }
 
-bool GuestRoster::named(const std::string& clientID, std::string name) {
+GuestRoster::Naming GuestRoster::named(const std::string& clientID, std::string name) {
     Guest* g = find(clientID);
-    if (!g) return false;
-    const bool first = !g->name.has_value();
+    if (!g) return Naming::unknown;
+    if (g->name) {
+        g->name = std::move(name);
+        return Naming::again;
+    }
+    if (seated() >= cap) {
+        std::erase_if(guests_, [&](const Guest& x) { return x.clientID == clientID; });
+        return Naming::full;
+    }
     g->name = std::move(name);
-    return first;
+    return Naming::first;
+}
+
+size_t GuestRoster::seated() const {
+    return size_t(std::count_if(guests_.begin(), guests_.end(),
+                                [](const Guest& g) { return g.name.has_value(); }));
 }
 
 GuestRoster::Drop GuestRoster::dropped(int64_t connection, double at) {
@@ -135,8 +148,8 @@ std::vector<GuestRoster::Member> GuestRoster::party(const std::string& forClient
 
 GuestRoster::Status GuestRoster::status(const std::string& clientID) const {
     if (removed_.contains(clientID)) return Status::removed;
-    if (guest(clientID)) return Status::member;
-    return guests_.size() < cap ? Status::open : Status::full;
+    if (const Guest* g = guest(clientID); g && g->name) return Status::member;
+    return seated() < cap ? Status::open : Status::full;
 }
 
 }  // namespace vt::guests

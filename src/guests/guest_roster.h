@@ -1,6 +1,7 @@
-// Who is a guest. A phone is known by the client id it made up itself; a
-// member keeps its place while its socket is away, for a while, and the host
-// can bar an id until the server ends. Plain value: its owner serialises it.
+// Who is a guest. A phone is known by the client id it made up itself; it
+// takes a place once it has said hello, a member keeps its place while its
+// socket is away, for a while, and the host can bar an id until the server
+// ends. Plain value: its owner serialises it.
 #pragma once
 
 #include <cstdint>
@@ -60,9 +61,15 @@ class GuestRoster {
     static const char* rawValue(Status status);
 
     const Guest* guest(const std::string& clientID) const;
+    // A new phone is let in to talk, not seated: only its hello takes one of
+    // the twelve places, so sockets that never say hello cannot fill the party.
     Admission admit(const std::string& clientID, int64_t connection);
-    // True when the guest had no name before.
-    bool named(const std::string& clientID, std::string name);
+    enum class Naming { first, again, full, unknown };
+    // `first` when the guest had no name before and now has a place; `full`
+    // when it had none and every place is taken (it is forgotten then).
+    Naming named(const std::string& clientID, std::string name);
+    // Members with a place: named, dropped ones included until they expire.
+    size_t seated() const;
     Drop dropped(int64_t connection, double at);
     std::vector<std::string> expired(double at, double patience);
     // Bars the id; the connection it had, if any.

@@ -31,6 +31,10 @@ constexpr size_t kMaxMessage = 65'536;
 constexpr size_t kMaxControlQueue = 256;
 constexpr uint16_t kCloseGoingAway = 1001;
 constexpr uint16_t kClosePolicy = 1008;
+// Room for every connection a flood can have in flight: a short queue drops a
+// phone's handshake behind a hoarder's, and the phone waits out a resend
+// (seconds) although the accept loop turns the hoarder away in microseconds.
+constexpr int kListenBacklog = SOMAXCONN;
 
 std::optional<std::string_view> header(const net::HTTPRequest& request, const char* name) {
     auto it = request.headers.find(name);
@@ -89,7 +93,7 @@ void GuestServer::start() {
     address.sin_port = htons(requestedPort_);
     if (inet_pton(AF_INET, options_.bindAddress.c_str(), &address.sin_addr) != 1 ||
         bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 16) != 0) {
+        listen(listener, kListenBacklog) != 0) {
         const std::string error = std::to_string(errno);
         ::close(listener);
         throw net::ServerError("bind/listen: " + error);
@@ -154,19 +158,45 @@ void GuestServer::acceptLoop(int listener) {
         return running_;
     };
     net::acceptUntil(listener, running, [this](int fd) {
+        const std::optional<uint32_t> peer = peerAddress(fd);
         {
             std::lock_guard guard(lock_);
-            if (!running_) {
+            // One address may hold only its share of the threads, so that a
+            // client hoarding sockets is refused and phones still get in.
+            if (!running_ || !peer || perAddress_[*peer] >= options_.maxClientThreadsPerAddress) {
                 ::close(fd);
                 return;
             }
+            ++perAddress_[*peer];
             rawSockets_.insert(fd);
         }
-        if (clients_.spawn("GuestClient", [this, fd] { serveClient(fd); })) return;
+        if (clients_.spawn("GuestClient", [this, fd, peer = *peer] {
+                serveClient(fd);
+                releaseAddress(peer);
+            })) {
+            return;
+        }
+        releaseAddress(*peer);
         std::lock_guard guard(lock_);
         rawSockets_.erase(fd);
         ::close(fd);
     });
+}
+
+std::optional<uint32_t> GuestServer::peerAddress(int fd) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+        peer.sin_family != AF_INET) {
+        return std::nullopt;
+    }
+    return ntohl(peer.sin_addr.s_addr);
+}
+
+void GuestServer::releaseAddress(uint32_t peer) {
+    std::lock_guard guard(lock_);
+    auto it = perAddress_.find(peer);
+    if (it != perAddress_.end() && --it->second == 0) perAddress_.erase(it);
 }
 
 void GuestServer::serveClient(int fd) {
@@ -363,8 +393,17 @@ void GuestServer::clientText(const std::string& clientID, int64_t connection,
     if (!guest || guest->connection != connection) return;
     if (const auto* hello = std::get_if<sendspin::SendspinProtocol::ClientHello>(&*message)) {
         std::string name = guestDisplayName(hello->name);
-        if (roster_.named(clientID, name)) {
-            emitLocked(Event{Event::Kind::joined, clientID, std::move(name), connection, {}});
+        switch (roster_.named(clientID, name)) {
+            case GuestRoster::Naming::first:
+                emitLocked(Event{Event::Kind::joined, clientID, std::move(name), connection, {}});
+                break;
+            case GuestRoster::Naming::full:
+                // The places went to others who said hello first.
+                if (auto c = this->connection(connection)) c->close(closeFull);
+                return;
+            case GuestRoster::Naming::again:
+            case GuestRoster::Naming::unknown:
+                break;
         }
         // The sender needs to see the hello too.
         emitLocked(Event{Event::Kind::text, clientID, {}, connection, std::string(text)});

@@ -34,6 +34,9 @@ struct GuestServerOptions {
     double helloPatience = 10.0;
     double idlePatience = 5.0;
     size_t maxClientThreads = 64;
+    // A phone's browser opens up to six connections for the page, one for its
+    // session, and one more while a session replaces its last.
+    size_t maxClientThreadsPerAddress = 12;
     // Only for use of the server from this machine itself.
     bool allowsLoopbackHost = false;
     // Shown on the page before a phone joins; empty means the host name.
@@ -86,6 +89,8 @@ class GuestServer : public net::SendspinTransport {
 
   private:
     void acceptLoop(int listener);
+    static std::optional<uint32_t> peerAddress(int fd);
+    void releaseAddress(uint32_t peer);
     void serveClient(int fd);
     void serveGuest(int fd, const std::string& clientID, const std::string& leftover,
                     const std::string& key);
@@ -116,7 +121,8 @@ class GuestServer : public net::SendspinTransport {
     std::map<int64_t, std::unique_ptr<dispatch::TimerHandle>> helloTimers_;
     std::unique_ptr<dispatch::TimerHandle> expiry_;
     std::unique_ptr<dispatch::TimerHandle> expiryStart_;
-    std::set<int> rawSockets_;  // not yet a WebSocket, so stop() can cut them short
+    std::set<int> rawSockets_;               // not yet a WebSocket, so stop() can cut them short
+    std::map<uint32_t, size_t> perAddress_;  // client threads by peer IPv4 address
     uint16_t port_ = 0;
     std::thread acceptThread_;
     // Last, so that it is still there while client threads finish.

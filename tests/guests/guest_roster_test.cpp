@@ -54,7 +54,7 @@ TEST(GuestRoster, ANamelessGuestIsForgottenWhenItsSocketEnds) {
     roster.admit(id(1), 1);
     EXPECT_EQ(roster.dropped(1, 5.0), R::Drop(R::Forgotten{id(1)}));
     EXPECT_FALSE(roster.guest(id(1)));
-    EXPECT_TRUE(roster.named(id(2), "x") == false);
+    EXPECT_EQ(roster.named(id(2), "x"), R::Naming::unknown);
 }
 
 TEST(GuestRoster, RemovalBarsButLeavingDoesNot) {
@@ -74,9 +74,27 @@ TEST(GuestRoster, RemovalBarsButLeavingDoesNot) {
 TEST(GuestRoster, NamedReportsOnlyTheFirstName) {
     R roster;
     roster.admit(id(1), 1);
-    EXPECT_TRUE(roster.named(id(1), "Ann"));
-    EXPECT_FALSE(roster.named(id(1), "Anna"));
+    EXPECT_EQ(roster.named(id(1), "Ann"), R::Naming::first);
+    EXPECT_EQ(roster.named(id(1), "Anna"), R::Naming::again);
     EXPECT_EQ(roster.guest(id(1))->name, "Anna");
+}
+
+// Twelve sockets that kept their clocks in step but never said hello once
+// made the party full while the host showed nobody.
+TEST(GuestRoster, OnlyAHelloTakesAPlace) {
+    R roster = fullOf(10);
+    for (int i = 20; i < 40; ++i) EXPECT_EQ(roster.admit(id(i), 100 + i), R::Admission(R::New{}));
+    EXPECT_EQ(roster.seated(), 10u);
+    EXPECT_EQ(roster.status(id(20)), R::Status::open);  // talking, but not a member
+    EXPECT_EQ(roster.status(id(99)), R::Status::open);
+    EXPECT_EQ(roster.named(id(20), "Kim"), R::Naming::first);
+    EXPECT_EQ(roster.named(id(21), "Lee"), R::Naming::first);
+    EXPECT_EQ(roster.status(id(99)), R::Status::full);
+    // The places went to those who said hello first; a later hello is told so.
+    EXPECT_EQ(roster.named(id(22), "Max"), R::Naming::full);
+    EXPECT_FALSE(roster.guest(id(22)));
+    EXPECT_EQ(roster.admit(id(99), 200), R::Admission(R::Full{}));
+    EXPECT_TRUE(roster.party(id(23), 0, 15).size() == 12);
 }
 
 TEST(GuestRoster, PartyShowsNamedMembersWithinPatienceAndMarksTheAsker) {

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -31,8 +32,19 @@ using Kind = GuestServer::Event::Kind;
 using Opcode = net::WebSocketFrame::Opcode;
 namespace Protocol = sendspin::SendspinProtocol;
 
-int connectTo(uint16_t port) {
+// From `source`, one of loopback's many addresses, so that a test can play
+// several machines.
+int connectTo(uint16_t port, const char* source = nullptr) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (source) {
+        sockaddr_in from{};
+        from.sin_family = AF_INET;
+        inet_pton(AF_INET, source, &from.sin_addr);
+        if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) {
+            ::close(fd);
+            return -1;
+        }
+    }
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(port);
@@ -45,8 +57,8 @@ int connectTo(uint16_t port) {
 }
 
 // Sends a request head and returns the whole response.
-std::string exchange(uint16_t port, const std::string& head) {
-    const int fd = connectTo(port);
+std::string exchange(uint16_t port, const std::string& head, const char* source = nullptr) {
+    const int fd = connectTo(port, source);
     if (fd < 0) return {};
     send(fd, head.data(), head.size(), MSG_NOSIGNAL);
     timeval t{3, 0};
@@ -85,7 +97,9 @@ class GuestServerTest : public ::testing::Test {
         std::filesystem::remove_all(root_);
     }
 
-    void startServer(GuestServer::Options options = {}) {
+    // Every phone here comes from 127.0.0.1 unless a test says otherwise, so
+    // one address may hold what the whole server may.
+    void startServer(GuestServer::Options options = {.maxClientThreadsPerAddress = 64}) {
         options.bindAddress = "127.0.0.1";
         options.allowsLoopbackHost = true;
         options.computerName = "Studio";
@@ -302,10 +316,9 @@ TEST_F(GuestServerTest, NoHelloInTenSecondsEndsTheSessionAndForgetsTheGuest) {
     ASSERT_TRUE(c);
     // The socket's thread admits the phone first and sets its hello timer a
     // moment later: time may only move once both have happened.
-    ASSERT_TRUE(until([&] {
-        return server_->status("phone-cccc-1") == GuestRoster::Status::member &&
-               queue_.pendingTimers() > timersBefore;
-    }));
+    ASSERT_TRUE(until([&] { return queue_.pendingTimers() > timersBefore; }));
+    // Before its hello a phone has no place.
+    EXPECT_EQ(server_->status("phone-cccc-1"), GuestRoster::Status::open);
     queue_.advance(9.9);
     EXPECT_FALSE(ended(*c));
     queue_.advance(0.2);
@@ -357,6 +370,103 @@ TEST_F(GuestServerTest, StopEndsEverySessionAndWaitsForItsThreads) {
     EXPECT_EQ(closeSeen(*c), "1001");
     ASSERT_TRUE(until([&] { return server_->clientThreads() == 0; }));
     ::close(idle);
+}
+
+// What a neighbour on the network could do before: each test below is the
+// probe that showed it.
+
+TEST_F(GuestServerTest, TwoHostHeadersAreABadRequest) {
+    startServer();
+    const std::string port = std::to_string(server_->port());
+    const std::string reply =
+        exchange(server_->port(), "GET /join HTTP/1.1\r\nHost: 127.0.0.1:" + port +
+                                      "\r\nHost: attacker.example\r\n\r\n");
+    EXPECT_EQ(reply.substr(0, 12), "HTTP/1.1 400");
+}
+
+TEST_F(GuestServerTest, ASessionBreakingTheFramingRulesIsClosedWith1002Or1009) {
+    startServer();
+    const auto closing = [&](const std::string& bytes) {
+        auto c = join("phone-eeee-1", "Eve");
+        if (!c) return std::string("no session");
+        c->sendRaw(bytes);
+        return closeSeen(*c);
+    };
+    const std::array<uint8_t, 4> mask{9, 8, 7, 6};
+    EXPECT_EQ(closing(net::WebSocketFrame::encode(Opcode::text, "{}")), "1002");  // unmasked
+    std::string reserved = net::WebSocketFrame::encode(Opcode::text, "{}", true, mask);
+    reserved[0] = static_cast<char>(0x80 | 0x40 | 0x30 | 0x03);  // RSV bits, opcode 3
+    EXPECT_EQ(closing(reserved), "1002");
+    EXPECT_EQ(closing(net::WebSocketFrame::encode(Opcode::ping, std::string(126, 'p'), true, mask)),
+              "1002");
+    EXPECT_EQ(closing(net::WebSocketFrame::encode(Opcode::close, "x", true, mask)), "1002");
+    EXPECT_EQ(
+        closing(net::WebSocketFrame::encode(Opcode::binary, std::string(1 << 20, 'b'), true, mask)),
+        "1009");
+}
+
+TEST_F(GuestServerTest, OneAddressHoardingSocketsLeavesThePageToEveryoneElse) {
+    startServer(GuestServer::Options{.maxClientThreadsPerAddress = 12});
+    // 127.0.0.2 holds 150 idle sockets and opens new ones as the server closes them.
+    std::vector<int> hoard;
+    for (int i = 0; i < 150; ++i) {
+        const int fd = connectTo(server_->port(), "127.0.0.2");
+        ASSERT_GE(fd, 0);
+        hoard.push_back(fd);
+    }
+    ASSERT_TRUE(until([&] { return server_->clientThreads() >= 12; }));
+    int answered = 0;
+    for (int i = 0; i < 40; ++i) {
+        for (int& fd : hoard) {
+            char byte;
+            if (recv(fd, &byte, 1, MSG_DONTWAIT) == 0) {
+                ::close(fd);
+                fd = connectTo(server_->port(), "127.0.0.2");
+            }
+        }
+        const std::string port = std::to_string(server_->port());
+        const std::string reply =
+            exchange(server_->port(), "GET /join HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\n\r\n",
+                     "127.0.0.3");
+        answered += body(reply) == "<p>hello</p>";
+    }
+    EXPECT_EQ(answered, 40);
+    // The hoarder's twelve, and at most the last page load finishing.
+    EXPECT_LE(server_->clientThreads(), 13u);
+    for (int fd : hoard) ::close(fd);
+}
+
+TEST_F(GuestServerTest, SocketsThatNeverSayHelloTakeNoPlaceInTheParty) {
+    startServer(GuestServer::Options{.idlePatience = 100.0, .maxClientThreadsPerAddress = 64});
+    // Twelve sockets keep their clocks in step but never say who they are.
+    std::vector<std::unique_ptr<net::WebSocketClient>> silent;
+    for (int i = 0; i < 12; ++i) {
+        silent.push_back(open("lurker-" + std::to_string(1000 + i)));
+        ASSERT_TRUE(silent.back());
+        silent.back()->sendText(Protocol::clientTime(1));
+        auto answer = silent.back()->receive(2000);
+        ASSERT_TRUE(answer);
+    }
+    EXPECT_EQ(state("/guest/phone-ffff-1/status"), "open");
+    auto phone = join("phone-ffff-1", "Fay");
+    ASSERT_TRUE(phone);
+    ASSERT_TRUE(until([&] { return count(Kind::joined, "phone-ffff-1") == 1; }));
+    EXPECT_EQ(state("/guest/phone-ffff-1/status"), "member");
+}
+
+TEST_F(GuestServerTest, AHelloAfterTheLastPlaceWentIsToldFull) {
+    startServer();
+    std::vector<std::unique_ptr<net::WebSocketClient>> phones;
+    for (int i = 0; i < 11; ++i) phones.push_back(join("phone-" + std::to_string(1000 + i), "P"));
+    ASSERT_TRUE(until([&] { return count(Kind::joined) == 11; }));
+    auto early = open("phone-late-1");
+    auto later = open("phone-late-2");
+    ASSERT_TRUE(early && later);
+    early->sendText(Protocol::clientHello("phone-late-1", "First"));
+    ASSERT_TRUE(until([&] { return count(Kind::joined) == 12; }));
+    later->sendText(Protocol::clientHello("phone-late-2", "Second"));
+    EXPECT_EQ(closeSeen(*later), "4002");
+    EXPECT_EQ(count(Kind::joined, "phone-late-2"), 0u);
 }
 
 }  // namespace
