@@ -17,6 +17,7 @@
 
 #include "remote/line_codec.h"
 #include "remote/message_codec.h"
+#include "settings/private_folder.h"
 
 namespace vt::app {
 
@@ -113,13 +114,11 @@ ControlServer::~ControlServer() {
 void ControlServer::start() {
     const std::filesystem::path dir = path_.parent_path();
     std::error_code ec;
-    const bool existed = std::filesystem::exists(dir, ec);
-    if (!existed && !std::filesystem::create_directories(dir, ec))
-        throw std::runtime_error("Cannot make the folder " + dir.string() +
-                                 " for the control socket: " + ec.message() + ".");
-    // The folder is ours when we made it or it is the usual one: only its
-    // owner may reach the socket.
-    if (!existed || dir.filename() == "vellatone") ::chmod(dir.c_str(), 0700);
+    if (auto why = settings::makePrivateFolder(dir))
+        throw std::runtime_error("The control socket cannot be made: " + *why);
+    // Only the folder's owner may reach the socket; the usual one is tightened
+    // even when an older version made it looser.
+    if (dir.filename() == "vellatone") ::chmod(dir.c_str(), 0700);
 
     if (std::filesystem::exists(path_, ec) || std::filesystem::is_symlink(path_, ec)) {
         if (answers(path_))

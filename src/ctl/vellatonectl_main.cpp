@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -100,7 +101,9 @@ int run(const std::vector<std::string>& args) {
         if (!raw) throw UsageError{"That is not a message Vellatone understands."};
     }
 
-    ControlClient c(vt::app::controlSocketPath());
+    const std::filesystem::path socket = vt::app::controlSocketPath();
+    if (auto why = vt::app::controlFolderProblem(socket)) throw std::runtime_error(*why);
+    ControlClient c(socket);
     const MacState& s = c.state();
 
     if (cmd == "status") {

@@ -10,6 +10,7 @@
 
 #include "dispatch/work_queues.h"
 #include "settings/config_paths.h"
+#include "settings/private_folder.h"
 
 namespace vt::settings {
 
@@ -48,12 +49,16 @@ void DebugLogWriter::append(std::string line) {
     queue_->async([state = state_, path = file_, line = std::move(line)] {
         if (state->givenUp) return;
         if (state->fd < 0) {
-            std::error_code ec;
-            if (path.has_parent_path() && !fs::is_directory(path.parent_path(), ec)) {
-                fs::create_directories(path.parent_path(), ec);
-                if (!ec) ::chmod(path.parent_path().c_str(), 0700);
+            if (path.has_parent_path()) {
+                if (auto why = makePrivateFolder(path.parent_path())) {
+                    std::fprintf(stderr, "[debuglog] %s Drift logging stops.\n", why->c_str());
+                    state->giveUp();
+                    return;
+                }
             }
-            state->fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+            // A link left in our place would send the log to a file of someone else's choosing.
+            state->fd =
+                ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644);
             if (state->fd < 0) {
                 std::fprintf(stderr, "[debuglog] cannot open %s; drift logging stops\n",
                              path.c_str());

@@ -4,18 +4,21 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "../model/model_fixture.h"
+#include "app/control_path.h"
 #include "app/control_server.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "ctl/arguments.h"
 #include "remote/line_codec.h"
 #include "remote/message_codec.h"
+#include "settings/bounded_text.h"
 
 namespace vt::app {
 namespace {
@@ -220,6 +223,93 @@ TEST_F(Bridge, ASocketClientGetsTheStateAtConnectAndAfterEachChange) {
     // A line that is not a message ends the link.
     c.write("{\"setVolume\":{}, \"x\":1}\n");
     EXPECT_EQ(c.line(main), "");
+}
+
+// A rename of 60,000 characters was stored and sent in every state message.
+TEST_F(Bridge, AnEndlessRenameIsCutToANameAStripCanShow) {
+    withRows({"living"});
+    bridge().handle(PhoneMessage::Rename{0, std::string(60'000, 'r')});
+    EXPECT_EQ(bridge().snapshot().rows.at(0).name,
+              std::string(vt::settings::kMaxNameCharacters, 'r'));
+    EXPECT_EQ(settings->customName("uid:living"),
+              std::string(vt::settings::kMaxNameCharacters, 'r'));
+}
+
+// Sets an environment variable for one test, or clears it.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* v = std::getenv(name)) old_ = v;
+        if (value)
+            setenv(name, value, 1);
+        else
+            unsetenv(name);
+    }
+    ~ScopedEnv() {
+        if (old_)
+            setenv(name_, old_->c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+  private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+// With no XDG_RUNTIME_DIR the socket's folder sits in the shared temporary
+// folder, where another user could make it first and take the socket's place.
+TEST_F(Bridge, TheFallbackFolderIsUsedOnlyWhenItIsPlainlyOurs) {
+    namespace fs = std::filesystem;
+    const fs::path shared = dir / "tmp";
+    fs::create_directories(shared);
+    ::chmod(shared.c_str(), 01777);  // as /tmp is
+    ScopedEnv tmp("TMPDIR", shared.c_str());
+    ScopedEnv runtime("XDG_RUNTIME_DIR", nullptr);
+    ScopedEnv socket("VELLATONE_CONTROL_SOCKET", nullptr);
+    const fs::path path = controlSocketPath();
+    const fs::path folder = shared / ("vellatone-" + std::to_string(::getuid()));
+    ASSERT_EQ(path, folder / "control.sock");
+
+    const auto refusal = [&]() -> std::string {
+        ControlServer server(
+            main, path, [&] { return bridge().snapshot(); },
+            [&](const PhoneMessage& msg) { return bridge().handle(msg); });
+        try {
+            server.start();
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "";
+    };
+
+    if (::geteuid() == 0) {
+        // Another user's folder, open to all, as the probe made it.
+        fs::create_directory(folder);
+        ASSERT_EQ(::chown(folder.c_str(), 65534, 65534), 0);
+        ::chmod(folder.c_str(), 0777);
+        EXPECT_NE(refusal().find("belongs to another user"), std::string::npos);
+        EXPECT_FALSE(fs::exists(path));
+        EXPECT_TRUE(controlFolderProblem(path));
+        fs::remove_all(folder);
+    }
+    // Ours, but open to others.
+    fs::create_directory(folder);
+    ::chmod(folder.c_str(), 0755);
+    EXPECT_NE(refusal().find("may be reached by other users"), std::string::npos);
+    fs::remove_all(folder);
+    // A link to a folder of ours.
+    fs::create_directory(dir / "elsewhere");
+    ::chmod((dir / "elsewhere").c_str(), 0700);
+    fs::create_directory_symlink(dir / "elsewhere", folder);
+    EXPECT_NE(refusal().find("symbolic link"), std::string::npos);
+    EXPECT_FALSE(fs::exists(dir / "elsewhere" / "control.sock"));
+    fs::remove(folder);
+
+    // Not there yet: made ours alone, and the socket works.
+    EXPECT_EQ(refusal(), "");
+    EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all);
+    EXPECT_FALSE(controlFolderProblem(path));
 }
 
 }  // namespace
