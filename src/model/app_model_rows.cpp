@@ -7,6 +7,7 @@
 #include "delay/delay_plan.h"
 #include "model/app_model.h"
 #include "model/row_records.h"
+#include "settings/bounded_text.h"
 #include "stage/room_layout.h"
 
 namespace vt::model {
@@ -228,10 +229,11 @@ void AppModel::moveRowDragging(int slot, int onto) {
 void AppModel::rename(int slot, const std::optional<std::string>& name) {
     if (validSlot(slot) < 0) return;
     RowState& row = rows_[slot];
-    if (!name || name->empty() || *name == row.originalName())
+    const std::string bounded = settings::boundedText(name.value_or(std::string()));
+    if (bounded.empty() || bounded == row.originalName())
         row.customName.reset();
     else
-        row.customName = *name;
+        row.customName = bounded;
     if (auto key = row.memoryKey()) settings_.setCustomName(row.customName, *key);
 }
 

@@ -57,7 +57,8 @@ RowState rowFromStored(const settings::OutputSettings& s, RowId id, int position
     row.collapsed = s.collapsed;
     row.disabled = s.disabled;
     row.order = s.order.value_or(position);
-    row.hue = s.hue.value_or(position % kHues);
+    // A hue outside the palette is damage: the row takes the one it would have had.
+    row.hue = s.hue && *s.hue >= 0 && *s.hue < kHues ? *s.hue : position % kHues;
     row.measuredLatencyMs = s.measuredLatencyMs;
     row.latencySource = s.latencySource;
     row.eq = s.eq;

@@ -4,11 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <sstream>
+
+#include "settings/private_folder.h"
 
 namespace vt::settings {
 
@@ -36,15 +39,11 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 
 bool makeFolder(const fs::path& dir, std::string* error) {
-    std::error_code ec;
-    if (fs::is_directory(dir, ec)) return true;
-    fs::create_directories(dir, ec);
-    if (ec) {
-        if (error) *error = "cannot create " + dir.string() + ": " + ec.message();
+    // Settings and logs are nobody else's business.
+    if (auto why = makePrivateFolder(dir)) {
+        if (error) *error = *why;
         return false;
     }
-    // Settings and logs are nobody else's business.
-    ::chmod(dir.c_str(), 0700);
     return true;
 }
 
@@ -95,6 +94,50 @@ bool writeFileAtomically(const fs::path& file, std::string_view bytes, std::stri
     return true;
 }
 
+size_t jsonNestingDepth(std::string_view text, size_t limit) {
+    size_t depth = 0, deepest = 0;
+    bool inString = false, escaped = false;
+    for (const char c : text) {
+        if (inString) {
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                inString = false;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+            if (deepest > limit) return deepest;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+JsonObjectParse parseJsonObject(std::string_view text) {
+    JsonObjectParse result;
+    if (text.size() > kMaxJsonFileBytes) {
+        result.whyNot = "is larger than " + std::to_string(kMaxJsonFileBytes) + " bytes";
+        return result;
+    }
+    if (jsonNestingDepth(text) > kMaxJsonDepth) {
+        result.whyNot = "is nested more than " + std::to_string(kMaxJsonDepth) + " levels deep";
+        return result;
+    }
+    nlohmann::json parsed = nlohmann::json::parse(text, nullptr, false);
+    if (parsed.is_discarded() || !parsed.is_object()) {
+        result.whyNot = "does not hold a JSON object";
+        return result;
+    }
+    result.object = std::move(parsed);
+    return result;
+}
+
 JsonObjectLoad loadJsonObject(const fs::path& file) {
     JsonObjectLoad result;
     std::error_code ec;
@@ -105,15 +148,17 @@ JsonObjectLoad loadJsonObject(const fs::path& file) {
         result.error = errnoText("cannot read", file);
         return result;
     }
-    std::stringstream text;
-    text << in.rdbuf();
-    nlohmann::json parsed = nlohmann::json::parse(text.str(), nullptr, false);
-    if (!parsed.is_discarded() && parsed.is_object()) {
-        result.object = std::move(parsed);
+    // One byte past the bound is enough to know the file is beyond it.
+    std::string text(kMaxJsonFileBytes + 1, '\0');
+    in.read(text.data(), std::streamsize(text.size()));
+    text.resize(size_t(in.gcount()));
+    JsonObjectParse parsed = parseJsonObject(text);
+    if (parsed.object) {
+        result.object = std::move(*parsed.object);
         return result;
     }
 
-    result.error = file.string() + " does not hold a JSON object";
+    result.error = file.string() + " " + parsed.whyNot;
     const std::string base = file.string() + ".broken-" + utcStamp();
     fs::path aside = base;
     for (int n = 1; fs::exists(aside, ec) && n < 1000; ++n) aside = base + "-" + std::to_string(n);

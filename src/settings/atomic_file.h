@@ -3,6 +3,7 @@
 // damaged by hand or by a disk.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -25,6 +26,24 @@ struct JsonObjectLoad {
     // Why the file could not be used; empty when it was fine or absent.
     std::string error;
 };
+
+// Bounds on a file that was only ever written by us: a settings file holds a
+// few kilobytes nested a few levels deep. Beyond these it is damage (or
+// mischief), and reading or writing it back could exhaust memory or the stack.
+inline constexpr size_t kMaxJsonFileBytes = 4 * 1024 * 1024;
+inline constexpr size_t kMaxJsonDepth = 64;
+
+// The deepest nesting of arrays and objects in `text`, counted without
+// parsing (brackets inside strings do not count); stops counting once past
+// `limit`.
+size_t jsonNestingDepth(std::string_view text, size_t limit = kMaxJsonDepth);
+
+struct JsonObjectParse {
+    std::optional<nlohmann::json> object;
+    std::string whyNot;  // when there is no object
+};
+// `text` as one JSON object within the bounds above, or why not.
+JsonObjectParse parseJsonObject(std::string_view text);
 
 // Reads a file that should hold one JSON object. A missing file gives an empty
 // object. A file that does not parse, or holds something other than an

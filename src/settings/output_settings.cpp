@@ -6,6 +6,7 @@
 
 #include "delay/delay_plan.h"
 #include "equaliser/json_read.h"
+#include "settings/bounded_text.h"
 
 namespace vt::settings {
 
@@ -34,6 +35,10 @@ void readBool(const json& j, const char* key, bool& out) {
 
 void readString(const json& j, const char* key, std::optional<std::string>& out) {
     if (auto v = jr::readString(j, key)) out = std::move(*v);
+}
+
+void readName(const json& j, const char* key, std::optional<std::string>& out) {
+    if (auto v = jr::readString(j, key)) out = boundedText(*v);
 }
 
 void readInt(const json& j, const char* key, std::optional<int>& out) {
@@ -98,11 +103,11 @@ void from_json(const json& j, OutputSettings& s) {
     s = OutputSettings{};
     if (!j.is_object()) return;
     readString(j, "deviceUID", s.deviceUID);
-    readString(j, "deviceName", s.deviceName);
+    readName(j, "deviceName", s.deviceName);
     readString(j, "airplayID", s.airplayID);
-    readString(j, "airplayName", s.airplayName);
+    readName(j, "airplayName", s.airplayName);
     readString(j, "castID", s.castID);
-    readString(j, "castName", s.castName);
+    readName(j, "castName", s.castName);
     readClamped(j, "delayMs", s.delayMs, delay::DelayPlan::range.lower,
                 delay::DelayPlan::range.upper);
     readClamped(j, "volume", s.volume, 0.0, 1.0);

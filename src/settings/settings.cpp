@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "settings/atomic_file.h"
+#include "settings/bounded_text.h"
 #include "settings/config_paths.h"
 
 namespace vt::settings {
@@ -161,7 +162,7 @@ std::optional<std::string> Settings::customName(const std::string& key) const {
     if (!names.is_object()) return std::nullopt;
     auto it = names.find(key);
     if (it == names.end() || !it->is_string()) return std::nullopt;
-    std::string name = it->get<std::string>();
+    std::string name = boundedText(it->get<std::string>());
     if (name.empty()) return std::nullopt;
     return name;
 }
@@ -173,9 +174,10 @@ void Settings::setCustomName(const std::optional<std::string>& name, const std::
     if (!name || name->empty()) {
         if (names.erase(key) == 0) return;
     } else {
+        const std::string bounded = boundedText(*name);
         auto it = names.find(key);
-        if (it != names.end() && *it == *name) return;
-        names[key] = *name;
+        if (it != names.end() && *it == bounded) return;
+        names[key] = bounded;
     }
     writeLocked();
 }

@@ -1,6 +1,9 @@
 #include "stage/room_types.h"
 
+#include <algorithm>
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <numbers>
 
 namespace vt::stage {
 namespace {
@@ -13,8 +16,23 @@ const json* field(const json& j, const char* key) {
     return it == j.end() ? nullptr : &*it;
 }
 
-void readNumber(const json& j, const char* key, double& out) {
-    if (const json* f = field(j, key); f && f->is_number()) out = f->get<double>();
+std::optional<double> finiteNumber(const json& j, const char* key) {
+    const json* f = field(j, key);
+    if (!f || !f->is_number()) return std::nullopt;
+    const double v = f->get<double>();
+    if (!std::isfinite(v)) return std::nullopt;
+    return v;
+}
+
+void readClamped(const json& j, const char* key, double& out, double lo, double hi) {
+    if (auto v = finiteNumber(j, key)) out = std::clamp(*v, lo, hi);
+}
+
+// A point of the floor plan: on the largest plan, above the floor.
+void readPlanPoint(const json& j, double& x, double& y, double& z) {
+    readClamped(j, "x", x, 0.0, RoomBounds::maxSideM);
+    readClamped(j, "y", y, 0.0, RoomBounds::maxSideM);
+    readClamped(j, "z", z, RoomBounds::minPointZM, RoomBounds::maxHeightM);
 }
 
 void readBool(const json& j, const char* key, bool& out) {
@@ -35,9 +53,7 @@ void to_json(json& j, const Point3& p) {
 
 void from_json(const json& j, Point3& p) {
     p = Point3{};
-    readNumber(j, "x", p.x);
-    readNumber(j, "y", p.y);
-    readNumber(j, "z", p.z);
+    readPlanPoint(j, p.x, p.y, p.z);
 }
 
 void to_json(json& j, const Seat& s) {
@@ -46,10 +62,8 @@ void to_json(json& j, const Seat& s) {
 
 void from_json(const json& j, Seat& s) {
     s = Seat{};
-    readNumber(j, "x", s.x);
-    readNumber(j, "y", s.y);
-    readNumber(j, "z", s.z);
-    readNumber(j, "face", s.face);
+    readPlanPoint(j, s.x, s.y, s.z);
+    if (auto face = finiteNumber(j, "face")) s.face = std::remainder(*face, 2 * std::numbers::pi);
 }
 
 void to_json(json& j, const RowPlace& p) {
@@ -64,9 +78,8 @@ void from_json(const json& j, RowPlace& p) {
     p.at = readPoint(j, "at");
     readBool(j, "stereo", p.stereo);
     if (const json* f = field(j, "zone"); f && f->is_string()) p.zone = f->get<std::string>();
-    if (const json* f = field(j, "measuredDistance"); f && f->is_number()) {
-        p.measuredDistance = f->get<double>();
-    }
+    if (auto d = finiteNumber(j, "measuredDistance"); d && *d > 0)
+        p.measuredDistance = std::min(*d, RoomBounds::maxDistanceM);
 }
 
 void to_json(json& j, const RoomState& r) {
@@ -80,11 +93,12 @@ void from_json(const json& j, RoomState& r) {
     r = RoomState{};
     readBool(j, "enabled", r.enabled);
     if (const json* f = field(j, "seat"); f && f->is_object()) r.seat = f->get<Seat>();
-    readNumber(j, "stageWidthDeg", r.stageWidthDeg);
-    readNumber(j, "focus", r.focus);
-    readNumber(j, "width", r.width);
-    readNumber(j, "depth", r.depth);
-    readNumber(j, "height", r.height);
+    readClamped(j, "stageWidthDeg", r.stageWidthDeg, RoomBounds::minStageWidthDeg,
+                RoomBounds::maxStageWidthDeg);
+    readClamped(j, "focus", r.focus, 0.0, 1.0);
+    readClamped(j, "width", r.width, RoomBounds::minSideM, RoomBounds::maxSideM);
+    readClamped(j, "depth", r.depth, RoomBounds::minSideM, RoomBounds::maxSideM);
+    readClamped(j, "height", r.height, RoomBounds::minHeightM, RoomBounds::maxHeightM);
     r.flying = readPoint(j, "flying");
 }
 

@@ -59,8 +59,23 @@ struct RoomState {
     bool operator==(const RoomState&) const = default;
 };
 
+// The room's bounds, as the setters of the room allow them.
+struct RoomBounds {
+    static constexpr double minSideM = 1.0;  // width and depth
+    static constexpr double maxSideM = 50.0;
+    static constexpr double minHeightM = 1.5;
+    static constexpr double maxHeightM = 20.0;
+    static constexpr double minPointZM = 0.05;  // nothing stands in the floor
+    static constexpr double minStageWidthDeg = 15.0;
+    static constexpr double maxStageWidthDeg = 60.0;
+    // No measured distance inside the largest room is longer than this.
+    static constexpr double maxDistanceM = 100.0;
+};
+
 // Reading never fails: missing or mistyped fields keep their defaults, and a
-// broken optional reads as absent.
+// broken optional reads as absent. Every number is clamped into the room's
+// bounds as it is read, and one that is not finite keeps its default: a
+// point read as 1e308 would put a speaker where no sound reaches the seat.
 void to_json(nlohmann::json& j, const Point3& p);
 void from_json(const nlohmann::json& j, Point3& p);
 void to_json(nlohmann::json& j, const Seat& s);

@@ -45,6 +45,34 @@ TEST(SettingsFile, AFileThatDoesNotParseIsKeptAsideAndDefaultsApply) {
     }
 }
 
+// Valid JSON nested 100,000 deep once loaded, then brought the program down
+// on its first save (the writer recursed through every level), on every launch.
+TEST(SettingsFile, AFileNestedTooDeepOrTooLargeIsKeptAsideAndSavingWorks) {
+    const std::string deep =
+        "{\"appMixer\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}";
+    const std::string huge = "{\"lastOutputUID\":\"" + std::string(kMaxJsonFileBytes, 'x') + "\"}";
+    for (const std::string& damaged : {deep, huge}) {
+        TempDir dir;
+        writeFile(dir / "settings.json", damaged);
+        Settings s(dir / "settings.json");
+        ASSERT_TRUE(s.setAsideAs());
+        EXPECT_EQ(fs::file_size(*s.setAsideAs()), damaged.size());
+        EXPECT_TRUE(s.appMixer().is_null());
+        s.setHasSent(true);
+        Settings again(dir / "settings.json");
+        EXPECT_FALSE(again.setAsideAs());
+        EXPECT_TRUE(again.hasSent());
+    }
+    // Within the bounds a file still loads, strings with brackets included.
+    TempDir dir;
+    writeFile(dir / "settings.json", "{\"a\":" + std::string(kMaxJsonDepth - 1, '[') +
+                                         std::string(kMaxJsonDepth - 1, ']') +
+                                         ",\"b\":\"[[[[{{{{\\\"\"}");
+    Settings s(dir / "settings.json");
+    EXPECT_FALSE(s.setAsideAs());
+    EXPECT_EQ(s.value("b"), "[[[[{{{{\"");
+}
+
 TEST(SettingsFile, TwoDamagedFilesInOneSecondBothSurvive) {
     TempDir dir;
     writeFile(dir / "settings.json", "first{");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "settings/bounded_text.h"
 #include "temp_dir.h"
 
 namespace vt::settings {
@@ -198,6 +199,26 @@ TEST(Settings, CustomNamesAndMeasureHints) {
     s.dismissMeasureHint("uid:a");
     EXPECT_EQ(json::parse(testing::readFile(s.file()))["measureHintDismissed"],
               json::array({"uid:a"}));
+}
+
+// A rename of 60,000 characters was stored as it came, and sent in every
+// state message after.
+TEST(Settings, NamesAreKeptToALengthAStripCanShow) {
+    TempDir dir;
+    const std::string endless(60'000, 'n');
+    const std::string accented = std::string(kMaxNameCharacters - 1, 'a') + "\xC3\xA9\xC3\xA9";
+    writeFile(dir / "settings.json",
+              json{{"outputNames", {{"uid:a", endless}}},
+                   {"output0", {{"deviceUID", "a"}, {"deviceName", endless}}}}
+                  .dump());
+    Settings s(dir / "settings.json");
+    EXPECT_EQ(s.customName("uid:a"), std::string(kMaxNameCharacters, 'n'));
+    EXPECT_EQ(s.loadOutput(0).deviceName, std::string(kMaxNameCharacters, 'n'));
+    s.setCustomName(accented, "uid:b");
+    // Cut by characters, never inside one.
+    EXPECT_EQ(s.customName("uid:b"), std::string(kMaxNameCharacters - 1, 'a') + "\xC3\xA9");
+    EXPECT_EQ(json::parse(testing::readFile(s.file()))["outputNames"]["uid:b"],
+              *s.customName("uid:b"));
 }
 
 }  // namespace

@@ -3,7 +3,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "stage/room_layout.h"
 #include "stage/room_types.h"
+
+#include <cmath>
 
 namespace vt::stage {
 namespace {
@@ -41,6 +44,41 @@ TEST(RoomTypesTest, RowPlaceKeepsOptionalsOptional) {
     EXPECT_EQ(json::parse(R"({"at":"here","zone":7,"measuredDistance":"far"})").get<RowPlace>(),
               RowPlace{});
     EXPECT_EQ(json::parse(R"({"at":{"y":2}})").get<RowPlace>().at, (Point3{0, 2, 0}));
+}
+
+// A damaged or hostile settings file once put a row at 1e308: its mix was
+// silence while its status said it played.
+TEST(RoomTypesTest, ReadingClampsEveryNumberIntoTheRoomsBounds) {
+    const auto room = json::parse(R"({"enabled":true,"seat":{"x":1e300,"y":-1e300,"z":-5,
+                                      "face":1e300},"stageWidthDeg":1e300,"focus":-3,
+                                      "width":1e300,"depth":0,"height":1e300,
+                                      "flying":{"x":1e308,"y":1e308,"z":1e308}})")
+                          .get<RoomState>();
+    EXPECT_EQ(room.seat.x, RoomBounds::maxSideM);
+    EXPECT_EQ(room.seat.y, 0.0);
+    EXPECT_EQ(room.seat.z, RoomBounds::minPointZM);
+    EXPECT_GE(room.seat.face, -M_PI);
+    EXPECT_LE(room.seat.face, M_PI);
+    EXPECT_EQ(room.stageWidthDeg, RoomBounds::maxStageWidthDeg);
+    EXPECT_EQ(room.focus, 0.0);
+    EXPECT_EQ(room.width, RoomBounds::maxSideM);
+    EXPECT_EQ(room.depth, RoomBounds::minSideM);
+    EXPECT_EQ(room.height, RoomBounds::maxHeightM);
+    EXPECT_EQ(room.flying,
+              (Point3{RoomBounds::maxSideM, RoomBounds::maxSideM, RoomBounds::maxHeightM}));
+
+    const auto place =
+        json::parse(R"({"at":{"x":1e308,"y":1e308,"z":1e308},"measuredDistance":1e300})")
+            .get<RowPlace>();
+    EXPECT_EQ(place.at,
+              (Point3{RoomBounds::maxSideM, RoomBounds::maxSideM, RoomBounds::maxHeightM}));
+    EXPECT_EQ(place.measuredDistance, RoomBounds::maxDistanceM);
+    EXPECT_FALSE(json::parse(R"({"measuredDistance":-2})").get<RowPlace>().measuredDistance);
+
+    // What the row plays from there is sound, not silence.
+    const std::vector<std::optional<RowPlace>> rows{place};
+    const Mix2 mix = RoomLayout::mixes(rows, {true}, room, 1).at(0);
+    EXPECT_GT(std::abs(mix.ll) + std::abs(mix.rl) + std::abs(mix.lr) + std::abs(mix.rr), 0.1);
 }
 
 }  // namespace
