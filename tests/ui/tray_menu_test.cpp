@@ -49,5 +49,11 @@ TEST(TrayMenu, ToolTipCountsTheOutputs) {
     EXPECT_EQ(trayToolTip(true, 2), "Vellatone: playing to 2 outputs");
 }
 
+TEST(TrayMenu, AGuestsNameIsShownLetterForLetter) {
+    // A menu reads "&" as a shortcut mark and a tab as the start of a shortcut.
+    const auto menu = trayMenu(true, {{"Tom & Jerry\t<b>x</b>", true, false, false, true}});
+    EXPECT_EQ(menu[2].text, "Tom && Jerry <b>x</b> \u2014 Playing");
+}
+
 }  // namespace
 }  // namespace vt::ui

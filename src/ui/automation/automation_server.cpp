@@ -142,8 +142,9 @@ QObject* AutomationServer::find(const std::string& name) const {
 
 nlohmann::json AutomationServer::describe(QObject* object) const {
     nlohmann::json out{{"ok", true}, {"found", true}};
-    for (const char* property : {"text", "checked", "value", "from", "to", "enabled", "opened",
-                                 "currentText", "count", "title", "displayText", "level"}) {
+    for (const char* property :
+         {"text", "checked", "value", "from", "to", "enabled", "opened", "currentText", "count",
+          "title", "displayText", "level", "textFormat"}) {
         QVariant v = object->property(property);
         if (v.isValid()) out[property] = toJson(v);
     }

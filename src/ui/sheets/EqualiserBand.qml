@@ -19,6 +19,7 @@ RowLayout {
 
     Label {
         id: number
+        textFormat: Text.PlainText
         text: row.band + 1
         font.bold: row.highlighted
         color: row.highlighted ? palette.highlight : palette.windowText

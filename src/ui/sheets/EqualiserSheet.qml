@@ -47,6 +47,7 @@ Popup {
             spacing: 12
 
             Label {
+                textFormat: Text.PlainText
                 text: eq.title
                 font.pixelSize: 18
                 font.bold: true
@@ -57,6 +58,7 @@ Popup {
 
             Label {
                 id: clipMark
+                textFormat: Text.PlainText
                 objectName: "eqSheet.clip"
                 text: "Clipping"
                 color: "white"
@@ -83,6 +85,7 @@ Popup {
             // Beside the switch rather than in it, where a tight row would
             // elide it.
             Label {
+                textFormat: Text.PlainText
                 text: "On"
                 MouseArea {
                     anchors.fill: parent
@@ -123,7 +126,7 @@ Popup {
             Layout.fillWidth: true
             spacing: 10
 
-            Label { text: "Preset" }
+            Label { textFormat: Text.PlainText; text: "Preset" }
 
             ComboBox {
                 id: preset
@@ -140,6 +143,7 @@ Popup {
             }
 
             Label {
+                textFormat: Text.PlainText
                 text: preset.currentIndex >= 0 ? eq.presetDetails[preset.currentIndex] : ""
                 color: Qt.rgba(sheet.palette.windowText.r, sheet.palette.windowText.g,
                                sheet.palette.windowText.b, 0.7)
@@ -147,7 +151,7 @@ Popup {
                 Layout.fillWidth: true
             }
 
-            Label { text: "Preamp" }
+            Label { textFormat: Text.PlainText; text: "Preamp" }
 
             Slider {
                 id: preamp
@@ -165,6 +169,7 @@ Popup {
             }
 
             Label {
+                textFormat: Text.PlainText
                 text: SheetFormat.db(eq.preampDb)
                 Layout.preferredWidth: 62
                 horizontalAlignment: Text.AlignRight
@@ -179,10 +184,10 @@ Popup {
                 Layout.fillWidth: true
                 spacing: 12
                 Item { Layout.preferredWidth: 16 }
-                Label { text: "Kind"; font.bold: true; Layout.preferredWidth: 130 }
-                Label { text: "Frequency"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
-                Label { text: "Gain"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
-                Label { text: "Q"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+                Label { textFormat: Text.PlainText; text: "Kind"; font.bold: true; Layout.preferredWidth: 130 }
+                Label { textFormat: Text.PlainText; text: "Frequency"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+                Label { textFormat: Text.PlainText; text: "Gain"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
+                Label { textFormat: Text.PlainText; text: "Q"; font.bold: true; Layout.fillWidth: true; Layout.preferredWidth: 100 }
             }
 
             // Written out rather than repeated, so that each band's controls

@@ -37,6 +37,7 @@ Popup {
         spacing: 14
 
         Label {
+            textFormat: Text.PlainText
             text: "Invite guests"
             font.pixelSize: 18
             font.bold: true
@@ -56,6 +57,7 @@ Popup {
         }
 
         Label {
+            textFormat: Text.PlainText
             text: "Guests point their camera here, or open"
             visible: invite.hasLink
             wrapMode: Text.WordWrap
@@ -89,6 +91,7 @@ Popup {
         }
 
         Label {
+            textFormat: Text.PlainText
             objectName: "invite.count"
             text: invite.countText
             visible: invite.hasLink
@@ -98,6 +101,7 @@ Popup {
         }
 
         Label {
+            textFormat: Text.PlainText
             objectName: "invite.firewallHint"
             text: invite.firewallHint
             visible: invite.showFirewallHint
@@ -109,6 +113,7 @@ Popup {
         }
 
         Label {
+            textFormat: Text.PlainText
             objectName: "invite.message"
             text: invite.message
             visible: !invite.hasLink

@@ -37,6 +37,7 @@ RowLayout {
     }
 
     Label {
+        textFormat: Text.PlainText
         text: box.label
         horizontalAlignment: Text.AlignRight
         Layout.preferredWidth: 62

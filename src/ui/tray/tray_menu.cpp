@@ -9,6 +9,20 @@ std::string trayRowState(const TrayRow& row, bool running) {
     return row.connected ? "Playing" : "Connecting";
 }
 
+std::string trayMenuText(std::string_view name) {
+    std::string out;
+    out.reserve(name.size());
+    for (const char c : name) {
+        if (c == '&')
+            out += "&&";
+        else if (c == '\t' || c == '\n' || c == '\r')
+            out += ' ';
+        else
+            out += c;
+    }
+    return out;
+}
+
 std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows) {
     using Kind = TrayEntry::Kind;
     std::vector<TrayEntry> menu;
@@ -19,8 +33,9 @@ std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows) 
     for (const TrayRow& row : rows)
         // Outputs are lines to read, not commands: they stay greyed so that a
         // click does nothing unexpected.
-        menu.push_back(
-            {Kind::output, row.name + " \u2014 " + trayRowState(row, running), false, false});
+        menu.push_back({Kind::output,
+                        trayMenuText(row.name) + " \u2014 " + trayRowState(row, running), false,
+                        false});
     menu.push_back({Kind::separator, "", false, true});
     menu.push_back({Kind::showWindow, "Show window", false, true});
     menu.push_back({Kind::quit, "Quit", false, true});

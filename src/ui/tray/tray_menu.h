@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vt::ui {
@@ -25,6 +26,9 @@ struct TrayEntry {
     bool operator==(const TrayEntry&) const = default;
 };
 
+// A name as a menu shows it letter for letter: a menu takes "&" for the mark
+// of a keyboard shortcut and a tab for the start of the shortcut's text.
+std::string trayMenuText(std::string_view name);
 // A row's state in a word or two.
 std::string trayRowState(const TrayRow& row, bool running);
 std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows);

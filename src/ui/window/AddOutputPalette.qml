@@ -74,12 +74,14 @@ Popup {
                 contentItem: ColumnLayout {
                     spacing: 0
                     Label {
+                        textFormat: Text.PlainText
                         text: modelData.name
                         color: Theme.text
                         font.pixelSize: Theme.bodySize
                         font.weight: Font.DemiBold
                     }
                     Label {
+                        textFormat: Text.PlainText
                         text: modelData.detail
                         color: Theme.textMuted
                         font.pixelSize: Theme.smallSize
@@ -92,6 +94,7 @@ Popup {
             }
         }
         Label {
+            textFormat: Text.PlainText
             objectName: "addOutputEmpty"
             visible: list.count === 0
             Layout.fillWidth: true

@@ -14,6 +14,7 @@ Button {
     font.weight: Font.Bold
 
     contentItem: Text {
+        textFormat: Text.PlainText
         text: control.text
         font: control.font
         color: control.checked ? Theme.accentText : Theme.textMuted

@@ -78,6 +78,7 @@ ApplicationWindow {
             anchors.rightMargin: Theme.pad
             spacing: Theme.pad
             Label {
+                textFormat: Text.PlainText
                 text: "Vellatone"
                 font.pixelSize: 18
                 font.weight: Font.Bold
@@ -173,6 +174,7 @@ ApplicationWindow {
             }
 
             Label {
+                textFormat: Text.PlainText
                 objectName: "emptyRows"
                 anchors.centerIn: parent
                 visible: rowList.count === 0

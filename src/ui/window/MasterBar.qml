@@ -10,6 +10,7 @@ RowLayout {
     spacing: Theme.gap
 
     Label {
+        textFormat: Text.PlainText
         text: qsTr("Master")
         font.pixelSize: Theme.bodySize
         font.weight: Font.DemiBold
@@ -27,6 +28,7 @@ RowLayout {
         onMoved: App.setMasterVolume(value)
     }
     Label {
+        textFormat: Text.PlainText
         text: Math.round(App.masterVolume * 100) + "%"
         color: Theme.textMuted
         font.pixelSize: Theme.smallSize

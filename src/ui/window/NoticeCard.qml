@@ -41,6 +41,7 @@ Rectangle {
             Layout.fillWidth: true
             spacing: 2
             Label {
+                textFormat: Text.PlainText
                 Layout.fillWidth: true
                 text: card.title
                 font.pixelSize: Theme.bodySize
@@ -49,6 +50,7 @@ Rectangle {
                 wrapMode: Text.WordWrap
             }
             Label {
+                textFormat: Text.PlainText
                 Layout.fillWidth: true
                 text: card.line
                 font.pixelSize: Theme.bodySize
@@ -56,6 +58,7 @@ Rectangle {
                 wrapMode: Text.WordWrap
             }
             Label {
+                textFormat: Text.PlainText
                 Layout.fillWidth: true
                 visible: card.why.length > 0
                 text: card.why

@@ -129,6 +129,7 @@ FocusScope {
                     implicitHeight: Math.max(nameLabel.implicitHeight, nameField.implicitHeight * 0)
                     Label {
                         id: nameLabel
+                        textFormat: Text.PlainText
                         objectName: "row." + strip.slot + ".name"
                         width: parent.width
                         text: strip.name
@@ -148,8 +149,21 @@ FocusScope {
                         visible: false
                         width: parent.width
                         anchors.verticalCenter: parent.verticalCenter
-                        placeholderText: strip.originalName
                         Accessible.name: qsTr("Name of the output")
+                        // The field's own placeholder would read a name with
+                        // markup in it as markup; this one never does.
+                        Label {
+                            textFormat: Text.PlainText
+                            objectName: "row." + strip.slot + ".namePlaceholder"
+                            anchors.fill: parent
+                            leftPadding: nameField.leftPadding
+                            rightPadding: nameField.rightPadding
+                            verticalAlignment: Text.AlignVCenter
+                            text: strip.originalName
+                            visible: nameField.text.length === 0
+                            elide: Text.ElideRight
+                            color: Theme.textMuted
+                        }
                         function finish(commit) {
                             if (!visible) return
                             visible = false
@@ -162,6 +176,7 @@ FocusScope {
                     }
                 }
                 Label {
+                    textFormat: Text.PlainText
                     objectName: "row." + strip.slot + ".subtitle"
                     Layout.fillWidth: true
                     text: strip.subtitle

@@ -15,6 +15,7 @@ Button {
     opacity: enabled ? 1 : 0.45
 
     contentItem: Text {
+        textFormat: Text.PlainText
         text: control.text
         font: control.font
         color: control.primary ? Theme.accentText : Theme.text

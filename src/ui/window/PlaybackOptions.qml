@@ -9,6 +9,7 @@ RowLayout {
     spacing: Theme.gap
 
     Label {
+        textFormat: Text.PlainText
         text: qsTr("Playback")
         color: Theme.textMuted
         font.pixelSize: Theme.smallSize

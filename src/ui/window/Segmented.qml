@@ -45,6 +45,7 @@ Rectangle {
                     checked = Qt.binding(() => group.current === modelData)
                 }
                 contentItem: Text {
+                    textFormat: Text.PlainText
                     text: choice.text
                     font: choice.font
                     color: choice.checked ? Theme.text : Theme.textMuted

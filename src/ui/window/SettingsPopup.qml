@@ -22,6 +22,7 @@ Popup {
     contentItem: ColumnLayout {
         spacing: Theme.gap
         Label {
+            textFormat: Text.PlainText
             text: qsTr("Settings")
             font.pixelSize: Theme.titleSize
             font.weight: Font.DemiBold
@@ -30,6 +31,7 @@ Popup {
         RowLayout {
             Layout.fillWidth: true
             Label {
+                textFormat: Text.PlainText
                 text: qsTr("Appearance")
                 color: Theme.text
                 Layout.fillWidth: true
@@ -64,6 +66,7 @@ Popup {
             }
         }
         Label {
+            textFormat: Text.PlainText
             objectName: "settings.loginItemError"
             Layout.fillWidth: true
             visible: App.loginItemError.length > 0

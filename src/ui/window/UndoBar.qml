@@ -33,6 +33,7 @@ Rectangle {
         spacing: Theme.pad
         Label {
             id: label
+            textFormat: Text.PlainText
             text: qsTr("Removed %1.").arg(App.lastRemovedName)
             color: Theme.dark ? "#1d2026" : "#f3f4f6"
             font.pixelSize: Theme.bodySize

@@ -35,6 +35,7 @@ Rectangle {
         RowLayout {
             Layout.fillWidth: true
             Label {
+                textFormat: Text.PlainText
                 text: qsTr("Visualiser")
                 color: Theme.textMuted
                 font.pixelSize: Theme.smallSize
@@ -55,6 +56,7 @@ Rectangle {
             Layout.fillHeight: true
             clip: true
             Label {
+                textFormat: Text.PlainText
                 anchors.centerIn: parent
                 visible: pane.visualiser === null
                 text: App.running ? "" : qsTr("Start playing to see the sound.")
