@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string_view>
 
 #include "app/control_path.h"
 #include "app/control_server.h"
@@ -38,6 +39,10 @@ std::optional<std::string> guestSetup(model::GuestSetup& guests) {
     if (const char* bind = std::getenv("VELLATONE_GUEST_BIND"); bind && *bind) {
         guests.options.bindAddress = bind;
         guests.options.allowsLoopbackHost = true;
+        // On loopback every phone is this machine, at one address: the share
+        // of threads per address would be the share of everyone.
+        if (std::string_view(bind).starts_with("127."))
+            guests.options.maxClientThreadsPerAddress = guests.options.maxClientThreads;
     }
     if (const char* port = std::getenv("VELLATONE_GUEST_PORT"); port && *port) {
         const std::optional<double> n = numberIn(port, 0, 65535);
