@@ -162,7 +162,7 @@ void MultiOutputEngine::startCapture() {
     const std::string monitor =
         sink->monitorSource.empty() ? std::string(kCaptureSourceName) : sink->monitorSource;
     platform::StreamResult r =
-        backend_.openCapture(monitor, kCaptureRate, re_input_ioproc, &ctx_->input);
+        backend_.openCapture(monitor, kCaptureRate, re_capture_block, &ctx_->input);
     if (!r.stream) {
         if (loaded) backend_.unloadModule(*loaded);
         throw EngineError::coreAudio(r.status != 0 ? r.status : -1);
@@ -228,7 +228,7 @@ void MultiOutputEngine::openOutput(int slot) {
     openQueue_.async(
         [&backend = backend_, &main = main_, done, alive = alive_, slot, token, uid, rate] {
             done->result = backend.openPlayback(uid, static_cast<uint32_t>(std::lround(rate)),
-                                                re_output_ioproc, &done->ctx->outputs[slot]);
+                                                re_playback_block, &done->ctx->outputs[slot]);
             main.post([done, alive, slot, token, uid] {
                 if (!alive->engine) {
                     done->result.stream.reset();

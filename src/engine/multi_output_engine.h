@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
-#include "core/hal_glue.h"
 #include "core/ring_engine.h"
+#include "core/stream_callbacks.h"
 #include "devices/device_monitor.h"
 #include "dispatch/main_queue.h"
 #include "engine/engine_error.h"

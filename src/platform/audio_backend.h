@@ -17,8 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "core/hal_glue.h"
-
 namespace vt::platform {
 
 // Sink index as the server numbers it. Stable only while the sink exists;
@@ -60,11 +58,18 @@ struct SinkInputInfo {
 
 enum class ChangeKind { sinks, server, sinkInputs };
 
-// The shape of the core's device callbacks (re_input_ioproc, re_output_ioproc).
-using IOProc = int (*)(uint32_t device, const re_audio_timestamp* now,
-                       const re_audio_buffer_list* inInputData,
-                       const re_audio_timestamp* inInputTime, re_audio_buffer_list* outOutputData,
-                       const re_audio_timestamp* inOutputTime, void* clientData);
+// What a record stream hands over on its real-time thread: `count` frames of
+// interleaved float32 stereo (null for a hole the server left), the host time
+// in seconds at which the first of them was played into the source's sink (0
+// when unknown), and the stream's own count of frames before them.
+using CaptureCallback = void (*)(void* clientData, const float* frames, uint32_t count,
+                                 double hostSec, double streamFrame);
+// What a playback stream asks for on its real-time thread: fill `count` frames
+// of interleaved float32 stereo, whose first frame is heard at host time
+// `presentSec` in seconds (0 when unknown) and sits at `streamFrame` in the
+// stream (which jumps forward when the stream had to skip).
+using PlaybackCallback = void (*)(void* clientData, float* frames, uint32_t count,
+                                  double presentSec, double streamFrame);
 
 // A running stream. Destroying it stops it; after the destructor returns the
 // callback is never called again, so its client data may be reused.
@@ -131,19 +136,16 @@ class AudioBackend {
     }
 
     // Opens a record stream on a source (for the capture, "<sink>.monitor"),
-    // float32 stereo at `rate`. The backend calls `proc` on its real-time
-    // thread with each block in the input list and the host time of the
-    // block's first frame in the input time stamp.
-    virtual StreamResult openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
-                                     void* clientData) = 0;
+    // float32 stereo at `rate`, and calls `callback` with each block.
+    virtual StreamResult openCapture(const std::string& sourceName, uint32_t rate,
+                                     CaptureCallback callback, void* clientData) = 0;
 
     // Opens a playback stream on a sink, float32 stereo, never moved by the
     // server. `rate` 0 means the sink's own rate, which is what the engine
-    // wants: the server must not resample. The backend calls `proc` on its real-time
-    // thread with an output list to fill and, in the output time stamp, the
-    // host time at which the block's first frame will be heard.
-    virtual StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
-                                      void* clientData) = 0;
+    // wants: the server must not resample. The backend calls `callback` for
+    // every block it wants.
+    virtual StreamResult openPlayback(const std::string& sinkName, uint32_t rate,
+                                      PlaybackCallback callback, void* clientData) = 0;
 
   protected:
     // Implementations call this, besides their handler, after each update.

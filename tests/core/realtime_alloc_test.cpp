@@ -2,7 +2,7 @@
 // device callbacks must never touch the heap once the tables exist.
 #include <gtest/gtest.h>
 
-#include "core/hal_glue.h"
+#include "core/stream_callbacks.h"
 #include "counting_allocator.h"
 #include "engine_fixture.h"
 
@@ -27,8 +27,6 @@ TEST(RealTime, NoHeapOnAnyRealTimePath) {
     std::vector<float> capture(2 * 512, 0.25f);
     std::vector<float> device(2 * 512);
     std::vector<float> scratch(2 * 512);
-    re_audio_buffer_list in_list{1, {{2, 512 * 8, capture.data()}}};
-    re_audio_buffer_list out_list{1, {{2, 512 * 8, device.data()}}};
     auto eq = std::make_unique<re_eq>();
     re_eq_publish_band(eq.get(), 0, RE_EQ_PEAK, 1000.0, 6.0, 1.0);
     re_eq_publish_enabled(eq.get(), true);
@@ -36,13 +34,11 @@ TEST(RealTime, NoHeapOnAnyRealTimePath) {
     const double t0 = re_engine_host_now_sec(e.get());
     auto block = [&](int i) {
         const double t = t0 + i * 512 / RE_RATE;
-        re_audio_timestamp in_time{i * 512.0, static_cast<uint64_t>(t * 1e9), 3};
-        re_input_ioproc(0, nullptr, &in_list, &in_time, nullptr, nullptr, in.get());
+        re_capture_block(in.get(), capture.data(), 512, t, i * 512.0);
         re_engine_render(e.get(), 0, scratch.data(), 512);
         // Slot 1 alternates between stamped and coasting blocks.
         re_engine_render_at_host(e.get(), 1, scratch.data(), 470, i % 3 ? t + 0.02 : 0.0, t);
-        re_audio_timestamp out_time{0.0, static_cast<uint64_t>((t + 0.02) * 1e9), 2};
-        re_output_ioproc(0, nullptr, nullptr, nullptr, &out_list, &out_time, out.get());
+        re_playback_block(out.get(), device.data(), 512, t + 0.02, i * 512.0);
         re_engine_envelope(e.get(), scratch.data(), 256, 64);
         re_engine_recent(e.get(), scratch.data(), 256, 100);
         re_eq_update(eq.get(), 44100.0);

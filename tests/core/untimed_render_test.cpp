@@ -130,7 +130,8 @@ TEST_F(UntimedRender, RateLoopLimitsAndIntegrator) {
     s->read_pos = written(e.get()) + kBlock - 4096 - 50;
     cycle();
     EXPECT_NEAR(re_engine_ppm(e.get(), 0), 100.0, 1e-6);
-    EXPECT_DOUBLE_EQ(s->integral, 50e-9);
+    // 0.09375 ppm per frame of error and second of ring audio.
+    EXPECT_NEAR(s->integral, 50 * 0.09375e-6 * kBlock / RE_RATE, 1e-15);
 }
 
 TEST_F(UntimedRender, ValuesThatAreNotNumbersGiveSilence) {

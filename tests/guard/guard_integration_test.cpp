@@ -45,12 +45,8 @@ struct Player {
     }
 };
 
-int silence(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
-            const re_audio_timestamp*, re_audio_buffer_list* out, const re_audio_timestamp*,
-            void*) {
-    for (uint32_t b = 0; b < out->mNumberBuffers; ++b)
-        std::fill_n(static_cast<char*>(out->mBuffers[b].mData), out->mBuffers[b].mDataByteSize, 0);
-    return 0;
+void silence(void*, float* frames, uint32_t count, double, double) {
+    std::fill_n(frames, 2 * static_cast<size_t>(count), 0.0f);
 }
 
 class GuardIntegration : public ::testing::Test {

@@ -43,10 +43,6 @@ bool eventually(F done, double seconds = 5.0) {
     return done();
 }
 
-double hostSec(uint64_t ticks) {
-    return static_cast<double>(ticks) * 1e-9;
-}
-
 double monotonicNow() {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -163,12 +159,8 @@ struct Player {
     }
 };
 
-int silentOutput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
-                 const re_audio_timestamp*, re_audio_buffer_list* out, const re_audio_timestamp*,
-                 void*) {
-    for (uint32_t b = 0; b < out->mNumberBuffers; ++b)
-        std::fill_n(static_cast<char*>(out->mBuffers[b].mData), out->mBuffers[b].mDataByteSize, 0);
-    return 0;
+void silentOutput(void*, float* frames, uint32_t count, double, double) {
+    std::fill_n(frames, 2 * static_cast<size_t>(count), 0.0f);
 }
 
 TEST_F(PulseBackendTest, MovesOtherProgramsStreamsButNeverOurs) {
@@ -214,7 +206,6 @@ struct Probe {
     static constexpr size_t kMax = 4096;
     uint32_t period = 4800;
     double rate = 48000;
-    uint64_t position = 0;  // playback frames written
     // Playback side: host time each block's first frame is heard.
     std::vector<double> presentTimes = std::vector<double>(20000);
     std::vector<uint64_t> presentFrames = std::vector<uint64_t>(20000);
@@ -231,22 +222,17 @@ struct Probe {
     std::atomic<int> untimedCaptures{0};
 };
 
-int probeOutput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*,
-                const re_audio_timestamp*, re_audio_buffer_list* out,
-                const re_audio_timestamp* when, void* client) {
+void probeOutput(void* client, float* data, uint32_t frames, double start, double streamFrame) {
     auto* p = static_cast<Probe*>(client);
-    auto* data = static_cast<float*>(out->mBuffers[0].mData);
-    uint32_t frames = out->mBuffers[0].mDataByteSize / 8;
-    double start = hostSec(when->mHostTime);
+    // Frames are counted by the stream's own position, which jumps forward
+    // if the stream had to skip.
+    const auto first = static_cast<uint64_t>(streamFrame);
     size_t b = p->blocks.load();
     if (b < p->presentTimes.size()) {
         p->presentTimes[b] = start;
-        p->presentFrames[b] = static_cast<uint64_t>(when->mSampleTime);
+        p->presentFrames[b] = first;
         p->blocks.store(b + 1);
     }
-    // Frames are counted by the stream's own position, which jumps forward
-    // if the stream had to skip.
-    uint64_t first = static_cast<uint64_t>(when->mSampleTime);
     for (uint32_t i = 0; i < frames; ++i) {
         bool impulse = (first + i) % p->period == 0 && first + i > 0;
         data[2 * i] = data[2 * i + 1] = impulse ? 1.0f : 0.0f;
@@ -259,24 +245,20 @@ int probeOutput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list*
             }
         }
     }
-    return 0;
 }
 
-int probeInput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list* in,
-               const re_audio_timestamp* when, re_audio_buffer_list*, const re_audio_timestamp*,
-               void* client) {
+void probeInput(void* client, const float* data, uint32_t frames, double start,
+                double streamFrame) {
     auto* p = static_cast<Probe*>(client);
-    if (!(when->mFlags & kAudioTimeStampHostTimeValid)) {
+    if (!(start > 0)) {
         ++p->untimedCaptures;
-        return 0;
+        return;
     }
-    const auto* data = static_cast<const float*>(in->mBuffers[0].mData);
-    uint32_t frames = in->mBuffers[0].mDataByteSize / 8;
-    double start = hostSec(when->mHostTime);
+    if (!data) return;
     size_t c = p->captured.load();
     if (c < p->captureTimes.size()) {
         p->captureTimes[c] = start;
-        p->captureFrames[c] = when->mSampleTime;
+        p->captureFrames[c] = streamFrame;
         p->captured.store(c + 1);
     }
     for (uint32_t i = 0; i < frames; ++i) {
@@ -288,7 +270,6 @@ int probeInput(uint32_t, const re_audio_timestamp*, const re_audio_buffer_list* 
             }
         }
     }
-    return 0;
 }
 
 struct Stats {

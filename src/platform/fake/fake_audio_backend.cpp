@@ -8,7 +8,8 @@ namespace vt::platform {
 struct FakeAudioBackend::Streams {
     struct Entry {
         StreamInfo info;
-        IOProc proc = nullptr;
+        CaptureCallback capture = nullptr;
+        PlaybackCallback playback = nullptr;
         void* clientData = nullptr;
     };
     // Held while a callback runs, so that closing a stream waits for it.
@@ -40,10 +41,6 @@ class FakeStream final : public Stream {
     uint64_t id_;
     double rate_;
 };
-
-uint64_t ticksOf(double sec) {
-    return sec > 0 ? static_cast<uint64_t>(std::llround(sec * 1e9)) : 0;
-}
 
 double cube(double x) {
     return x * x * x;
@@ -252,21 +249,8 @@ bool FakeAudioBackend::pushCapture(const float* interleaved, uint32_t frames, do
     std::lock_guard lock(streams_->mutex);
     for (auto& e : streams_->entries) {
         if (!e.info.capture) continue;
-        re_audio_buffer_list list{};
-        list.mNumberBuffers = 1;
-        list.mBuffers[0].mNumberChannels = 2;
-        list.mBuffers[0].mDataByteSize = frames * 8;
-        list.mBuffers[0].mData = block.data();
-        re_audio_timestamp when{};
-        if (hostTimeValid) {
-            when.mHostTime = ticksOf(hostSec);
-            when.mFlags |= kAudioTimeStampHostTimeValid;
-        }
-        if (sampleTime) {
-            when.mSampleTime = *sampleTime;
-            when.mFlags |= kAudioTimeStampSampleTimeValid;
-        }
-        e.proc(0, &when, &list, &when, nullptr, nullptr, e.clientData);
+        e.capture(e.clientData, block.data(), frames, hostTimeValid ? hostSec : 0.0,
+                  sampleTime ? *sampleTime : -1.0);
         e.info.framesMoved += frames;
         return true;
     }
@@ -296,19 +280,8 @@ std::optional<std::vector<float>> FakeAudioBackend::pullPlayback(uint64_t id, ui
     Streams::Entry* e = streams_->find(id);
     if (!e || e->info.capture) return std::nullopt;
     std::vector<float> block(static_cast<size_t>(frames) * 2, 0.0f);
-    re_audio_buffer_list list{};
-    list.mNumberBuffers = 1;
-    list.mBuffers[0].mNumberChannels = 2;
-    list.mBuffers[0].mDataByteSize = frames * 8;
-    list.mBuffers[0].mData = block.data();
-    re_audio_timestamp when{};
-    when.mSampleTime = static_cast<double>(e->info.framesMoved);
-    when.mFlags = kAudioTimeStampSampleTimeValid;
-    if (hostTimeValid) {
-        when.mHostTime = ticksOf(presentSec);
-        when.mFlags |= kAudioTimeStampHostTimeValid;
-    }
-    e->proc(0, &when, nullptr, nullptr, &list, &when, e->clientData);
+    e->playback(e->clientData, block.data(), frames, hostTimeValid ? presentSec : 0.0,
+                static_cast<double>(e->info.framesMoved));
     e->info.framesMoved += frames;
     return block;
 }
@@ -474,7 +447,7 @@ void FakeAudioBackend::setChangeHandler(std::function<void(ChangeKind)> handler)
 }
 
 StreamResult FakeAudioBackend::openCapture(const std::string& sourceName, uint32_t rate,
-                                           IOProc proc, void* clientData) {
+                                           CaptureCallback proc, void* clientData) {
     StreamResult result;
     {
         std::lock_guard lock(mutex_);
@@ -498,15 +471,15 @@ StreamResult FakeAudioBackend::openCapture(const std::string& sourceName, uint32
     e.info.device = sourceName;
     e.info.requestedRate = rate;
     e.info.rate = rate ? rate : 48000;
-    e.proc = proc;
+    e.capture = proc;
     e.clientData = clientData;
     result.stream = std::make_unique<FakeStream>(streams_, e.info.id, e.info.rate);
     streams_->entries.push_back(std::move(e));
     return result;
 }
 
-StreamResult FakeAudioBackend::openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
-                                            void* clientData) {
+StreamResult FakeAudioBackend::openPlayback(const std::string& sinkName, uint32_t rate,
+                                            PlaybackCallback proc, void* clientData) {
     StreamResult result;
     double sinkRate = 0;
     {
@@ -531,7 +504,7 @@ StreamResult FakeAudioBackend::openPlayback(const std::string& sinkName, uint32_
     e.info.device = sinkName;
     e.info.requestedRate = rate;
     e.info.rate = rate ? rate : sinkRate;
-    e.proc = proc;
+    e.playback = proc;
     e.clientData = clientData;
     result.stream = std::make_unique<FakeStream>(streams_, e.info.id, e.info.rate);
     streams_->entries.push_back(std::move(e));

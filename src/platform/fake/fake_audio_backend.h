@@ -116,9 +116,9 @@ class FakeAudioBackend final : public AudioBackend {
                                          uint32_t rate, uint32_t channels, bool float32) override;
     bool unloadModule(uint32_t index) override;
     void setChangeHandler(std::function<void(ChangeKind)> handler) override;
-    StreamResult openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
+    StreamResult openCapture(const std::string& sourceName, uint32_t rate, CaptureCallback proc,
                              void* clientData) override;
-    StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
+    StreamResult openPlayback(const std::string& sinkName, uint32_t rate, PlaybackCallback proc,
                               void* clientData) override;
 
     // Shared with the stream objects, which may outlive nothing but must not

@@ -339,20 +339,13 @@ bool PulseBackend::unloadModule(uint32_t index) {
     return true;
 }
 
-StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
-                                       void* clientData) {
-    DeviceId device = kNoDevice;
-    {
-        std::lock_guard lock(mirrorMutex_);
-        for (const auto& [id, s] : sinks_)
-            if (s.monitorSource == sourceName) device = id;
-    }
-    return pulse::openRecordStream(audio_, sourceName, rate ? rate : 48000, device, proc,
-                                   clientData);
+StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate,
+                                       CaptureCallback proc, void* clientData) {
+    return pulse::openRecordStream(audio_, sourceName, rate ? rate : 48000, proc, clientData);
 }
 
-StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
-                                        void* clientData) {
+StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t rate,
+                                        PlaybackCallback proc, void* clientData) {
     auto sink = sinkByName(sinkName);
     if (!sink && canWrite()) {
         PulseLoop::Lock lock(*control_);
@@ -366,7 +359,7 @@ StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t ra
         return result;
     }
     if (rate == 0) rate = static_cast<uint32_t>(sink->sampleRate);
-    return pulse::openPlaybackStream(audio_, sinkName, rate, sink->id, proc, clientData);
+    return pulse::openPlaybackStream(audio_, sinkName, rate, proc, clientData);
 }
 
 }  // namespace vt::platform

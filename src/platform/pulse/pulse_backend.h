@@ -44,9 +44,9 @@ class PulseBackend final : public AudioBackend {
     bool unloadModule(uint32_t index) override;
     void setChangeHandler(std::function<void(ChangeKind)> handler) override;
 
-    StreamResult openCapture(const std::string& sourceName, uint32_t rate, IOProc proc,
+    StreamResult openCapture(const std::string& sourceName, uint32_t rate, CaptureCallback proc,
                              void* clientData) override;
-    StreamResult openPlayback(const std::string& sinkName, uint32_t rate, IOProc proc,
+    StreamResult openPlayback(const std::string& sinkName, uint32_t rate, PlaybackCallback proc,
                               void* clientData) override;
 
   private:

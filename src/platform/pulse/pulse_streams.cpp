@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "core/stream_callbacks.h"
 #include "dispatch/clock.h"
 #include "platform/pulse/stream_clock.h"
 
@@ -18,10 +19,6 @@ constexpr uint32_t kBytesPerFrame = 8;  // float32 stereo
 // A block must reach the server this long before the sink reads it.
 constexpr double kDeliveryGuardSec = 0.001;
 
-uint64_t ticksOf(double sec) {
-    return sec > 0 ? static_cast<uint64_t>(std::llround(sec * 1e9)) : 0;
-}
-
 size_t bytesOfMs(double ms, uint32_t rate) {
     return static_cast<size_t>(std::lround(ms * rate / 1000.0)) * kBytesPerFrame;
 }
@@ -30,13 +27,10 @@ size_t bytesOfMs(double ms, uint32_t rate) {
 // the bookkeeping to shut both down without a callback outliving us.
 class PulseStream : public Stream {
   public:
-    PulseStream(std::shared_ptr<PulseLoop> loop, double rate, uint32_t device, IOProc proc,
-                void* clientData)
+    PulseStream(std::shared_ptr<PulseLoop> loop, double rate, void* clientData)
         : loop_(std::move(loop)),
           rate_(rate),
           bytesPerSecond_(rate * kBytesPerFrame),
-          device_(device),
-          proc_(proc),
           clientData_(clientData),
           clock_(bytesPerSecond_) {}
 
@@ -58,8 +52,6 @@ class PulseStream : public Stream {
     pa_stream* stream_ = nullptr;
     const double rate_;
     const double bytesPerSecond_;
-    const uint32_t device_;
-    const IOProc proc_;
     void* const clientData_;
     StreamClock clock_;
     int64_t lastSnapshotIndex_ = -1;
@@ -180,7 +172,9 @@ void PulseStream::timingCallback(pa_stream* s, int success, void* self) {
 
 class PlaybackStream final : public PulseStream {
   public:
-    using PulseStream::PulseStream;
+    PlaybackStream(std::shared_ptr<PulseLoop> loop, double rate, PlaybackCallback callback,
+                   void* clientData)
+        : PulseStream(std::move(loop), rate, clientData), callback_(callback) {}
     // Stop the callbacks before this part of the object goes.
     ~PlaybackStream() override { close(); }
 
@@ -265,19 +259,9 @@ class PlaybackStream final : public PulseStream {
                 pa_stream_cancel_write(stream_);
                 return;
             }
-            re_audio_buffer_list list{};
-            list.mNumberBuffers = 1;
-            list.mBuffers[0].mNumberChannels = 2;
-            list.mBuffers[0].mDataByteSize = static_cast<uint32_t>(n);
-            list.mBuffers[0].mData = data;
-            re_audio_timestamp present{};
-            present.mHostTime = ticksOf(clock_.hostTimeOf(written_));
-            present.mSampleTime = static_cast<double>(written_ / kBytesPerFrame);
-            present.mFlags = kAudioTimeStampHostTimeValid | kAudioTimeStampSampleTimeValid;
-            re_audio_timestamp nowStamp{};
-            nowStamp.mHostTime = ticksOf(now);
-            nowStamp.mFlags = kAudioTimeStampHostTimeValid;
-            proc_(device_, &nowStamp, nullptr, nullptr, &list, &present, clientData_);
+            callback_(clientData_, static_cast<float*>(data),
+                      static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(written_),
+                      static_cast<double>(written_ / kBytesPerFrame));
             if (pa_stream_write(stream_, data, n, nullptr, seek ? written_ : 0,
                                 seek ? PA_SEEK_ABSOLUTE : PA_SEEK_RELATIVE) < 0)
                 return;
@@ -287,6 +271,7 @@ class PlaybackStream final : public PulseStream {
         }
     }
 
+    const PlaybackCallback callback_;
     int64_t written_ = 0;
     int64_t lastReadIndex_ = 0;
     double lastReadHost_ = 0;
@@ -298,7 +283,9 @@ class PlaybackStream final : public PulseStream {
 
 class RecordStream final : public PulseStream {
   public:
-    using PulseStream::PulseStream;
+    RecordStream(std::shared_ptr<PulseLoop> loop, double rate, CaptureCallback callback,
+                 void* clientData)
+        : PulseStream(std::move(loop), rate, clientData), callback_(callback) {}
     ~RecordStream() override { close(); }
 
     int open(const std::string& sourceName, std::string& error) {
@@ -352,37 +339,28 @@ class RecordStream final : public PulseStream {
         while (done < frames) {
             size_t chunk = std::min<size_t>(frames - done, RE_IO_MAX_FRAMES);
             int64_t position = read_ + static_cast<int64_t>(done * kBytesPerFrame);
-            re_audio_buffer_list list{};
-            list.mNumberBuffers = 1;
-            list.mBuffers[0].mNumberChannels = 2;
-            list.mBuffers[0].mDataByteSize = static_cast<uint32_t>(chunk * kBytesPerFrame);
-            // The callback only reads its input.
-            list.mBuffers[0].mData = const_cast<uint8_t*>(bytes + done * kBytesPerFrame);
-            re_audio_timestamp when{};
-            when.mSampleTime = static_cast<double>(position / kBytesPerFrame);
-            when.mFlags = kAudioTimeStampSampleTimeValid;
-            if (clock_.valid()) {
-                when.mHostTime = ticksOf(clock_.hostTimeOf(position));
-                when.mFlags |= kAudioTimeStampHostTimeValid;
-            }
-            proc_(device_, &when, &list, &when, nullptr, nullptr, clientData_);
+            const double hostSec = clock_.valid() ? clock_.hostTimeOf(position) : 0.0;
+            callback_(clientData_, reinterpret_cast<const float*>(bytes + done * kBytesPerFrame),
+                      static_cast<uint32_t>(chunk), hostSec,
+                      static_cast<double>(position / kBytesPerFrame));
             done += chunk;
         }
     }
 
+    const CaptureCallback callback_;
     int64_t read_ = 0;
 };
 
-template <class S>
+template <class S, class Callback>
 StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, uint32_t rate,
-                      uint32_t device, IOProc proc, void* clientData) {
+                      Callback callback, void* clientData) {
     StreamResult result;
     if (!loop || !loop->ready()) {
         result.status = PA_ERR_CONNECTIONREFUSED;
         result.error = pa_strerror(result.status);
         return result;
     }
-    auto stream = std::make_unique<S>(loop, rate, device, proc, clientData);
+    auto stream = std::make_unique<S>(loop, rate, callback, clientData);
     {
         PulseLoop::Lock lock(*loop);
         result.status = stream->open(name, result.error);
@@ -394,13 +372,13 @@ StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, 
 }  // namespace
 
 StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
-                                uint32_t rate, uint32_t device, IOProc proc, void* clientData) {
-    return openWith<PlaybackStream>(std::move(loop), sinkName, rate, device, proc, clientData);
+                                uint32_t rate, PlaybackCallback callback, void* clientData) {
+    return openWith<PlaybackStream>(std::move(loop), sinkName, rate, callback, clientData);
 }
 
 StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
-                              uint32_t rate, uint32_t device, IOProc proc, void* clientData) {
-    return openWith<RecordStream>(std::move(loop), sourceName, rate, device, proc, clientData);
+                              uint32_t rate, CaptureCallback callback, void* clientData) {
+    return openWith<RecordStream>(std::move(loop), sourceName, rate, callback, clientData);
 }
 
 }  // namespace vt::platform::pulse

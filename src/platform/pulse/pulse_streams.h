@@ -11,10 +11,9 @@
 
 namespace vt::platform::pulse {
 
-// `device` is handed to the callback as its device argument.
 StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
-                                uint32_t rate, uint32_t device, IOProc proc, void* clientData);
+                                uint32_t rate, PlaybackCallback callback, void* clientData);
 StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
-                              uint32_t rate, uint32_t device, IOProc proc, void* clientData);
+                              uint32_t rate, CaptureCallback callback, void* clientData);
 
 }  // namespace vt::platform::pulse
