@@ -10,8 +10,12 @@
 // itself in whole microseconds.
 //
 // So the clock follows the lower edge of the snapshots: it splits the last
-// second or so into groups of 16, takes the mean of the earliest few of each
-// group, and fits a line through those points (offset and drift). The
+// four seconds or so into groups of 16, takes the mean of the earliest few of
+// each group, and fits a line through those points (offset and drift). Four
+// seconds, not one: each group point scatters by some tens of microseconds on
+// a busy machine, and a line through only four of them wandered by 0.1 ms and
+// more, which every output on that clock then followed; a sink's drift itself
+// stays put for far longer than that. The
 // interpolated latency, by contrast, jumps with every burst the server sends.
 // Lives on the stream's loop thread: no locks, no allocation.
 #pragma once
@@ -27,7 +31,7 @@ namespace vt::platform::pulse {
 class StreamClock {
   public:
     static constexpr size_t kGroup = 16;        // snapshots per group (~0.3 s at 20 ms)
-    static constexpr size_t kGroups = 4;        // whole groups the line is drawn through
+    static constexpr size_t kGroups = 12;       // whole groups the line is drawn through
     static constexpr size_t kEarliest = 4;      // snapshots of a group that make its point
     static constexpr double kStepSec = 0.001;   // a jump beyond this starts the line afresh
     static constexpr double kLateSec = 0.0001;  // a group point this far above the line is late
