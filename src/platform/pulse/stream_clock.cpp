@@ -52,6 +52,56 @@ void StreamClock::fit(const Point* pts, size_t n, double& intercept, double& slo
     pivot = mp;
 }
 
+bool StreamClock::lowerEdge(const Point* pts, size_t n, double& intercept, double& slope,
+                            double& pivot) {
+    // Of the lines through two points that pass under every point, the one
+    // closest to all of them (least summed height above it).
+    bool found = false;
+    double best = 0;
+    for (size_t i = 0; i < n; ++i) {
+        for (size_t j = i + 1; j < n; ++j) {
+            const double dp = pts[j].position - pts[i].position;
+            if (!(std::fabs(dp) > 1e-9)) continue;
+            const double b = (pts[j].offset - pts[i].offset) / dp;
+            if (std::fabs(b) > kMaxDrift) continue;
+            double sum = 0;
+            bool under = true;
+            for (size_t k = 0; k < n && under; ++k) {
+                const double above =
+                    pts[k].offset - (pts[i].offset + b * (pts[k].position - pts[i].position));
+                if (above < -1e-9) under = false;
+                sum += above;
+            }
+            if (under && (!found || sum < best)) {
+                found = true;
+                best = sum;
+                slope = b;
+                pivot = pts[i].position;
+                intercept = pts[i].offset;
+            }
+        }
+    }
+    return found;
+}
+
+void StreamClock::fitOnTime(const Point* pts, size_t n, double& intercept, double& slope,
+                            double& pivot) {
+    // Snapshots are late, never early: a group point well above the lowest
+    // line under all of them is a group without an on-time answer. Leave
+    // those out and draw the line through the rest.
+    std::array<Point, kGroups + 1> kept;
+    size_t k = 0;
+    double a, b, p;
+    if (n >= 3 && lowerEdge(pts, n, a, b, p)) {
+        for (size_t i = 0; i < n; ++i) {
+            if (pts[i].offset - (a + b * (pts[i].position - p)) <= kLateSec) kept[k++] = pts[i];
+        }
+    } else {
+        for (size_t i = 0; i < n; ++i) kept[k++] = pts[i];
+    }
+    fit(kept.data(), k, intercept, slope, pivot);
+}
+
 void StreamClock::refit() {
     const uint64_t last = (total_ - 1) / kGroup;
     const bool lastFull = total_ % kGroup == 0;
@@ -75,18 +125,20 @@ void StreamClock::refit() {
     // A newly completed group far off the line of the older ones means the
     // server re-anchored the stream: start again from the groups past the
     // jump. Answers are never early, so a group well below the line is a
-    // jump at once; one well above may just have had no answer on time, so
-    // it takes a second such group to believe it.
+    // jump at once. One well above may just have had no answer on time, and
+    // a starved server answers late for seconds on end: a line that took
+    // that up would move every output on it by as much, and the lateness it
+    // seems to show would stay in the slot for good. So a later line takes
+    // kLaterGroups (two seconds) that all sit above the older ones.
     if (lastFull && n >= 2) {
-        size_t older = n - 1;
-        if (lateGroups_ > 0 && older > 1) --older;  // leave out the group under suspicion
+        const size_t suspects = std::min(lateGroups_, n - 2);
         double a, b, pivot;
-        fit(pts.data(), older, a, b, pivot);
+        fitOnTime(pts.data(), n - 1 - suspects, a, b, pivot);
         const Point& newest = pts[n - 1];
         const double off = newest.offset - (a + b * (newest.position - pivot));
         lateGroups_ = off > kStepSec ? lateGroups_ + 1 : 0;
-        if (off < -kStepSec || lateGroups_ >= 2) {
-            const uint64_t keepFrom = off < -kStepSec ? last : last - 1;
+        if (off < -kStepSec || lateGroups_ >= kLaterGroups) {
+            const uint64_t keepFrom = off < -kStepSec ? last : last + 1 - lateGroups_;
             start_ = std::max(start_, keepFrom * kGroup);
             n = 0;
             for (uint64_t g = keepFrom; g <= last; ++g)
@@ -94,24 +146,7 @@ void StreamClock::refit() {
             lateGroups_ = 0;
         }
     }
-    fit(pts.data(), n, intercept_, slope_, pivot_);
-    // Snapshots are late, never early: a point well above the line is a
-    // group that had no on-time answer. Leave it out.
-    if (n >= 3) {
-        size_t worst = 0;
-        double worstLate = 0;
-        for (size_t i = 0; i < n; ++i) {
-            double late = pts[i].offset - (intercept_ + slope_ * (pts[i].position - pivot_));
-            if (late > worstLate) {
-                worstLate = late;
-                worst = i;
-            }
-        }
-        if (worstLate > kLateSec) {
-            for (size_t i = worst; i + 1 < n; ++i) pts[i] = pts[i + 1];
-            fit(pts.data(), n - 1, intercept_, slope_, pivot_);
-        }
-    }
+    fitOnTime(pts.data(), n, intercept_, slope_, pivot_);
     valid_ = true;
 }
 

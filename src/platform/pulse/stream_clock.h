@@ -34,6 +34,7 @@ class StreamClock {
     static constexpr size_t kGroups = 12;       // whole groups the line is drawn through
     static constexpr size_t kEarliest = 4;      // snapshots of a group that make its point
     static constexpr double kStepSec = 0.001;   // a jump beyond this starts the line afresh
+    static constexpr size_t kLaterGroups = 6;   // whole groups that must agree on a later line
     static constexpr double kLateSec = 0.0001;  // a group point this far above the line is late
     static constexpr double kMaxDrift = 0.002;  // 2000 ppm: anything more is noise
 
@@ -63,6 +64,12 @@ class StreamClock {
     // The point of group `g`, from its earliest snapshots; false with fewer than `needed`.
     bool groupPoint(uint64_t g, size_t needed, Point& out) const;
     static void fit(const Point* pts, size_t n, double& intercept, double& slope, double& pivot);
+    // The line through the points that were answered on time.
+    static void fitOnTime(const Point* pts, size_t n, double& intercept, double& slope,
+                          double& pivot);
+    // The lowest line under all points; false if none is within kMaxDrift.
+    static bool lowerEdge(const Point* pts, size_t n, double& intercept, double& slope,
+                          double& pivot);
 
     double bytesPerSecond_;
     std::array<Point, kCapacity> samples_{};
