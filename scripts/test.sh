@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the full suite in build/ (the
-# integration tests on each sound server), then the unit tests again with AddressSanitizer and UndefinedBehaviorSanitizer in
-# build-asan/, then the format check and each fuzzer for a bounded time.
+# integration tests on each sound server), then the unit tests again with
+# AddressSanitizer and UndefinedBehaviorSanitizer in build-asan/ and with
+# ThreadSanitizer in build-tsan/, then the format check and each fuzzer for a
+# bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -22,6 +24,10 @@ done
 
 scripts/build.sh build-asan -DVELLATONE_SANITIZE=ON -DVELLATONE_UNIT_ONLY=ON
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest -L unit --output-on-failure -j2 --timeout 900)
+
+scripts/build.sh build-tsan -DVELLATONE_TSAN=ON -DVELLATONE_UNIT_ONLY=ON
+(cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
     ctest -L unit --output-on-failure -j2 --timeout 900)
 
 if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --ci; fi

@@ -37,13 +37,12 @@ void re_engine_reset(re_engine* e) {
     e->frames_written.store(0, std::memory_order_release);
 
     const uint32_t seq = e->capture_seq.load(std::memory_order_relaxed);
-    e->capture_seq.store(seq + 1, std::memory_order_release);
-    std::atomic_thread_fence(std::memory_order_release);
-    e->capture_valid.store(0, std::memory_order_relaxed);
-    e->capture_frame.store(0.0, std::memory_order_relaxed);
-    e->capture_host_sec.store(0.0, std::memory_order_relaxed);
-    e->capture_raw_host_sec.store(0.0, std::memory_order_relaxed);
-    e->capture_generation.store(0, std::memory_order_relaxed);
+    e->capture_seq.store(seq + 1, std::memory_order_relaxed);
+    e->capture_valid.store(0, std::memory_order_release);
+    e->capture_frame.store(0.0, std::memory_order_release);
+    e->capture_host_sec.store(0.0, std::memory_order_release);
+    e->capture_raw_host_sec.store(0.0, std::memory_order_release);
+    e->capture_generation.store(0, std::memory_order_release);
     e->capture_seq.store(seq + 2, std::memory_order_release);
 
     e->dll_valid = 0;
