@@ -1,18 +1,25 @@
 #include "platform/pulse/pulse_backend.h"
 
-#include <pthread.h>
-#include <sched.h>
-
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "platform/pulse/pulse_convert.h"
 #include "platform/pulse/pulse_loop.h"
 #include "platform/pulse/pulse_streams.h"
+#include "platform/realtime/realtime_scheduling.h"
 
 namespace vt::platform {
 
 using pulse::PulseLoop;
+
+namespace {
+
+// Above every ordinary thread, below the sound server's own (RealtimeKit
+// grants up to 20).
+constexpr int kStreamThreadPriority = 5;
+
+}  // namespace
 
 // The libpulse callbacks, with access to the mirror. All run on the control
 // loop's thread.
@@ -98,9 +105,9 @@ struct PulseBackend::Callbacks {
 
     // Audio threads run ahead of everything else when the system lets us.
     static void raisePriority(pa_mainloop_api*, void*) {
-        sched_param param{};
-        param.sched_priority = 5;
-        pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
+        raiseCurrentThread(
+            systemRealtimeMethods(), kStreamThreadPriority,
+            [](const std::string& line) { std::fprintf(stderr, "Vellatone: %s\n", line.c_str()); });
     }
 };
 
