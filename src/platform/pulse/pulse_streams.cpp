@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 
 #include "core/stream_callbacks.h"
 #include "dispatch/clock.h"
@@ -23,6 +26,39 @@ size_t bytesOfMs(double ms, uint32_t rate) {
     return static_cast<size_t>(std::lround(ms * rate / 1000.0)) * kBytesPerFrame;
 }
 
+// Runs `work` on the loop's thread and waits for it. The caller holds the
+// loop's lock only for as long as posting takes: a thread of ordinary
+// priority that held it through a whole open or close could be preempted
+// while the stream thread, real-time and every stream's callbacks with it,
+// waits behind it for as long as the machine is busy.
+void runOnLoopThread(PulseLoop& loop, const std::function<void()>& work) {
+    if (loop.inLoopThread()) {
+        work();
+        return;
+    }
+    struct Call {
+        const std::function<void()>* work;
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+    } call{&work, {}, {}, false};
+    {
+        PulseLoop::Lock lock(loop);
+        pa_mainloop_api_once(
+            pa_threaded_mainloop_get_api(loop.loop()),
+            [](pa_mainloop_api*, void* raw) {
+                auto* c = static_cast<Call*>(raw);
+                (*c->work)();
+                std::lock_guard guard(c->mutex);
+                c->finished = true;
+                c->done.notify_all();
+            },
+            &call);
+    }
+    std::unique_lock guard(call.mutex);
+    call.done.wait(guard, [&] { return call.finished; });
+}
+
 // What every stream of ours shares: the pa_stream, its 20 ms timing poll and
 // the bookkeeping to shut both down without a callback outliving us.
 class PulseStream : public Stream {
@@ -37,14 +73,14 @@ class PulseStream : public Stream {
     ~PulseStream() override { close(); }
     double sampleRate() const override { return rate_; }
 
-    // Runs under the loop lock; a non-zero status on failure.
-    int connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
-                pa_stream_flags_t flags, std::string& error);
-
   protected:
     virtual void onTiming(const pa_timing_info& info) = 0;
     virtual void onReady() {}
 
+    // Connects and waits until the stream runs; a non-zero status on failure.
+    // Not on the loop's thread.
+    int connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
+                pa_stream_flags_t flags, std::string& error);
     void close();
     void requestTiming();
 
@@ -57,6 +93,13 @@ class PulseStream : public Stream {
     int64_t lastSnapshotIndex_ = -1;
 
   private:
+    enum class Opening { waiting, ready, failed };
+
+    // On the loop's thread.
+    int startConnecting(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
+                        pa_stream_flags_t flags);
+    void teardown();
+    void opened(Opening outcome);
     static void stateCallback(pa_stream* s, void* self);
     static void timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
                               void* self);
@@ -64,10 +107,30 @@ class PulseStream : public Stream {
 
     pa_time_event* timer_ = nullptr;
     pa_operation* pendingTiming_ = nullptr;
+    std::mutex openMutex_;
+    std::condition_variable openDone_;
+    Opening opening_ = Opening::waiting;
+    int openError_ = 0;
 };
 
 int PulseStream::connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
                          pa_stream_flags_t flags, std::string& error) {
+    int rc = 0;
+    runOnLoopThread(*loop_, [&] { rc = startConnecting(playback, deviceName, attr, flags); });
+    if (rc == 0) {
+        std::unique_lock guard(openMutex_);
+        openDone_.wait(guard, [this] { return opening_ != Opening::waiting; });
+        if (opening_ == Opening::failed) rc = openError_ ? openError_ : PA_ERR_UNKNOWN;
+    }
+    if (rc != 0) {
+        error = pa_strerror(rc);
+        runOnLoopThread(*loop_, [this] { teardown(); });
+    }
+    return rc;
+}
+
+int PulseStream::startConnecting(bool playback, const std::string& deviceName,
+                                 const pa_buffer_attr& attr, pa_stream_flags_t flags) {
     pa_sample_spec format{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(rate_), 2};
     pa_channel_map map;
     pa_channel_map_init_stereo(&map);
@@ -80,8 +143,8 @@ int PulseStream::connect(bool playback, const std::string& deviceName, const pa_
                                           &format, &map, props);
     pa_proplist_free(props);
     if (!stream_) {
-        error = pa_strerror(pa_context_errno(loop_->context()));
-        return pa_context_errno(loop_->context());
+        const int code = pa_context_errno(loop_->context());
+        return code ? code : PA_ERR_UNKNOWN;
     }
     pa_stream_set_state_callback(stream_, &PulseStream::stateCallback, this);
     int rc;
@@ -94,35 +157,47 @@ int PulseStream::connect(bool playback, const std::string& deviceName, const pa_
     } else {
         rc = pa_stream_connect_record(stream_, deviceName.c_str(), &attr, flags);
     }
-    if (rc == 0) {
-        for (;;) {
-            pa_stream_state_t st = pa_stream_get_state(stream_);
-            if (st == PA_STREAM_READY) break;
-            if (!PA_STREAM_IS_GOOD(st)) {
-                rc = -1;
-                break;
-            }
-            pa_threaded_mainloop_wait(loop_->loop());
-        }
-    }
     if (rc != 0) {
-        int code = pa_context_errno(loop_->context());
-        error = pa_strerror(code);
-        pa_stream_set_state_callback(stream_, nullptr, nullptr);
-        pa_stream_unref(stream_);
-        stream_ = nullptr;
+        const int code = pa_context_errno(loop_->context());
         return code ? code : PA_ERR_UNKNOWN;
     }
-    timer_ = pa_context_rttime_new(loop_->context(), pa_rtclock_now() + kTimingIntervalUsec,
-                                   &PulseStream::timerCallback, this);
-    requestTiming();
-    onReady();
     return 0;
+}
+
+void PulseStream::opened(Opening outcome) {
+    if (outcome == Opening::ready) {
+        timer_ = pa_context_rttime_new(loop_->context(), pa_rtclock_now() + kTimingIntervalUsec,
+                                       &PulseStream::timerCallback, this);
+        requestTiming();
+        onReady();
+    } else {
+        openError_ = pa_context_errno(loop_->context());
+    }
+    std::lock_guard guard(openMutex_);
+    opening_ = outcome;
+    openDone_.notify_all();
+}
+
+void PulseStream::stateCallback(pa_stream* s, void* self) {
+    auto* me = static_cast<PulseStream*>(self);
+    const pa_stream_state_t st = pa_stream_get_state(s);
+    std::unique_lock guard(me->openMutex_);
+    if (me->opening_ != Opening::waiting) return;
+    guard.unlock();
+    if (st == PA_STREAM_READY) {
+        me->opened(Opening::ready);
+    } else if (!PA_STREAM_IS_GOOD(st)) {
+        me->opened(Opening::failed);
+    }
 }
 
 void PulseStream::close() {
     if (!stream_) return;
-    PulseLoop::Lock lock(*loop_);
+    runOnLoopThread(*loop_, [this] { teardown(); });
+}
+
+void PulseStream::teardown() {
+    if (!stream_) return;
     if (timer_) {
         pa_threaded_mainloop_get_api(loop_->loop())->time_free(timer_);
         timer_ = nullptr;
@@ -145,10 +220,6 @@ void PulseStream::close() {
 void PulseStream::requestTiming() {
     if (pendingTiming_ || pa_stream_get_state(stream_) != PA_STREAM_READY) return;
     pendingTiming_ = pa_stream_update_timing_info(stream_, &PulseStream::timingCallback, this);
-}
-
-void PulseStream::stateCallback(pa_stream*, void* self) {
-    static_cast<PulseStream*>(self)->loop_->signal();
 }
 
 void PulseStream::timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
@@ -361,10 +432,7 @@ StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, 
         return result;
     }
     auto stream = std::make_unique<S>(loop, rate, callback, clientData);
-    {
-        PulseLoop::Lock lock(*loop);
-        result.status = stream->open(name, result.error);
-    }
+    result.status = stream->open(name, result.error);
     if (result.status == 0) result.stream = std::move(stream);
     return result;
 }
