@@ -31,6 +31,15 @@ bool WebSocketClient::connect(const std::string& host, uint16_t port, const std:
     if (receiveBuffer_ > 0) {
         setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer_, sizeof receiveBuffer_);
     }
+    if (!sourceAddress_.empty()) {
+        sockaddr_in from{};
+        from.sin_family = AF_INET;
+        if (inet_pton(AF_INET, sourceAddress_.c_str(), &from.sin_addr) != 1 ||
+            bind(fd_, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) {
+            close();
+            return false;
+        }
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "net/websocket_frame.h"
@@ -28,12 +29,16 @@ class WebSocketClient {
     std::optional<WebSocketFrame::Frame> receive(int timeoutMs = -1);
     // Applies to the next connect; a small buffer makes a backlog build on the sender.
     void setReceiveBuffer(int bytes) { receiveBuffer_ = bytes; }
+    // Applies to the next connect: one of loopback's addresses, so that a
+    // measurement can play several machines.
+    void setSourceAddress(std::string address) { sourceAddress_ = std::move(address); }
     void close();
     int fd() const { return fd_; }
 
   private:
     int fd_ = -1;
     int receiveBuffer_ = 0;
+    std::string sourceAddress_;
     WebSocketFrame::Parser parser_{1 << 24, WebSocketFrame::From::server};
     std::vector<WebSocketFrame::Frame> ready_;
     size_t nextReady_ = 0;

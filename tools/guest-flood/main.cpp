@@ -176,6 +176,7 @@ int main(int argc, char** argv) {
     const double silentSince = vt::net::monotonicSeconds();
     for (int i = 0; i < 12; ++i) {
         auto c = std::make_unique<vt::net::WebSocketClient>();
+        c->setSourceAddress("127.0.0.4");
         if (!c->connect("127.0.0.1", port,
                         "/guest/lurker-" + std::to_string(1000 + i) + "/sendspin"))
             continue;
@@ -185,6 +186,7 @@ int main(int argc, char** argv) {
     }
     const int joinedBefore = joined.load();
     vt::net::WebSocketClient phone;
+    phone.setSourceAddress("127.0.0.3");
     const bool connected = phone.connect("127.0.0.1", port, "/guest/phone-real-1/sendspin");
     if (connected) phone.sendText(Protocol::clientHello("phone-real-1", "Phone"));
     const double asked = vt::net::monotonicSeconds();
