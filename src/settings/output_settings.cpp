@@ -62,6 +62,11 @@ void readLatency(const json& j, double& ms, LatencySource& source) {
     if (auto raw = jr::readString(j, "latencySource")) source = latencySourceFromRaw(*raw);
 }
 
+// Names come from sound servers and receivers, whose words we do not choose.
+void putName(json& j, const char* key, const std::optional<std::string>& name) {
+    if (name) j[key] = boundedText(*name);
+}
+
 template <typename T>
 void putIfPresent(json& j, const char* key, const std::optional<T>& v) {
     if (v) j[key] = *v;
@@ -81,11 +86,11 @@ std::optional<std::string> memoryKey(const std::optional<std::string>& deviceUID
 void to_json(json& j, const OutputSettings& s) {
     j = json::object();
     putIfPresent(j, "deviceUID", s.deviceUID);
-    putIfPresent(j, "deviceName", s.deviceName);
+    putName(j, "deviceName", s.deviceName);
     putIfPresent(j, "airplayID", s.airplayID);
-    putIfPresent(j, "airplayName", s.airplayName);
+    putName(j, "airplayName", s.airplayName);
     putIfPresent(j, "castID", s.castID);
-    putIfPresent(j, "castName", s.castName);
+    putName(j, "castName", s.castName);
     j["delayMs"] = s.delayMs;
     j["volume"] = s.volume;
     j["muted"] = s.muted;

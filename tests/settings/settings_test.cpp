@@ -217,6 +217,11 @@ TEST(Settings, NamesAreKeptToALengthAStripCanShow) {
     s.setCustomName(accented, "uid:b");
     // Cut by characters, never inside one.
     EXPECT_EQ(s.customName("uid:b"), std::string(kMaxNameCharacters - 1, 'a') + "\xC3\xA9");
+    OutputSettings described;
+    described.deviceName = endless;  // as a sound server may describe a sink
+    s.saveOutput(1, described);
+    EXPECT_EQ(json::parse(testing::readFile(s.file()))["output1"]["deviceName"],
+              std::string(kMaxNameCharacters, 'n'));
     EXPECT_EQ(json::parse(testing::readFile(s.file()))["outputNames"]["uid:b"],
               *s.customName("uid:b"));
 }
