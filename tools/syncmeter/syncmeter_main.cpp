@@ -3,6 +3,12 @@
 //
 //   vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]
 //       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...
+//   vellatone-syncmeter --raw FILE [--rate R] [--channels C] [--skip S] [...] NAME=PORT...
+//
+// With --raw nothing is recorded: FILE holds one capture of C interleaved
+// 32-bit float channels (as many as NAMEs by default) at R Hz (48000 by
+// default), channel k being the k-th NAME (on PipeWire, a pw-record node
+// linked to each monitor port), of which the first S seconds are left out.
 //
 // For --expect, the error of B's offset against A (B later is positive) from
 // MS is measured at K points along the run. --latency prints the median offset
@@ -20,6 +26,7 @@
 #include <vector>
 
 #include "analysis.h"
+#include "raw_recording.h"
 #include "recorder.h"
 
 namespace {
@@ -34,6 +41,7 @@ struct Pair {
 [[noreturn]] void usage() {
     std::fprintf(stderr,
                  "usage: vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]\n"
+                 "       [--raw FILE [--rate R] [--channels C] [--skip S]]\n"
                  "       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...\n");
     std::exit(2);
 }
@@ -50,6 +58,10 @@ int main(int argc, char** argv) {
     double seconds = 60;
     int windows = 12;
     double limitMs = -1;
+    std::string rawPath;
+    double rawRate = 48000;
+    double rawSkip = 0;
+    int rawChannels = 0;
     std::vector<Pair> expects, latencies;
     std::vector<vt::syncmeter::RecordRequest> requests;
     for (int i = 1; i < argc; ++i) {
@@ -58,7 +70,15 @@ int main(int argc, char** argv) {
             if (i + 1 >= argc) usage();
             return argv[++i];
         };
-        if (arg == "--seconds") {
+        if (arg == "--raw") {
+            rawPath = next();
+        } else if (arg == "--rate") {
+            rawRate = std::atof(next().c_str());
+        } else if (arg == "--channels") {
+            rawChannels = std::atoi(next().c_str());
+        } else if (arg == "--skip") {
+            rawSkip = std::atof(next().c_str());
+        } else if (arg == "--seconds") {
             seconds = std::atof(next().c_str());
         } else if (arg == "--windows") {
             windows = std::atoi(next().c_str());
@@ -86,7 +106,12 @@ int main(int argc, char** argv) {
 
     std::vector<Recording> recs;
     try {
-        recs = vt::syncmeter::recordSources(requests, seconds);
+        recs = rawPath.empty()
+                   ? vt::syncmeter::recordSources(requests, seconds)
+                   : vt::syncmeter::readRawRecording(
+                         rawPath, rawRate,
+                         rawChannels > 0 ? static_cast<size_t>(rawChannels) : requests.size(),
+                         requests, rawSkip);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "vellatone-syncmeter: %s\n", e.what());
         return 2;
@@ -94,6 +119,12 @@ int main(int argc, char** argv) {
     std::map<std::string, const Recording*> byName;
     for (const auto& r : recs) {
         byName[r.name] = &r;
+        if (!rawPath.empty()) {
+            std::fprintf(stderr,
+                         "recorded %s: %zu frames at %.0f Hz in one capture, %zu unreadable\n",
+                         r.name.c_str(), r.left.size(), r.rate, r.holeFrames);
+            continue;
+        }
         std::fprintf(stderr,
                      "recorded %s: %.0f Hz running %+.1f ppm against the host clock, %zu frames, "
                      "%zu timing snapshots within %.3f ms, %zu frames lost on the way\n",
