@@ -56,7 +56,8 @@ struct SinkInputInfo {
     bool muted = false;
 };
 
-enum class ChangeKind { sinks, server, sinkInputs };
+// `connection`: the server went away, or we reached it again.
+enum class ChangeKind { sinks, server, sinkInputs, connection };
 
 // What a record stream hands over on its real-time thread: `count` frames of
 // interleaved float32 stereo (null for a hole the server left), the host time
@@ -92,8 +93,21 @@ class AudioBackend {
   public:
     virtual ~AudioBackend() = default;
 
-    // False when no sound server could be reached.
+    // False when no sound server could be reached, or it has gone away.
+    // Everything the server had (sinks, streams, our modules) went with it.
     virtual bool connected() const = 0;
+    // Tries once to reach the server again, when it is not connected; true
+    // when it is connected afterwards. Announced as ChangeKind::connection.
+    // Never from the change handler's thread.
+    virtual bool reconnect() = 0;
+    // What the server says it is ("pulseaudio", "PulseAudio (on PipeWire
+    // 0.3.65)"), kept from the last time it answered; empty before that.
+    virtual std::string serverName() const = 0;
+
+    // The server's volume law, slider position (PA_VOLUME_NORM = 1) to
+    // linear gain and back.
+    virtual double volumeToLinear(double scalar) const = 0;
+    virtual double volumeFromLinear(double linear) const = 0;
 
     // Queries answer from the backend's mirror of the server's state and may be
     // called from any thread that is not a real-time one. Empty when unknown.

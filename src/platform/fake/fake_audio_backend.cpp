@@ -57,6 +57,67 @@ FakeAudioBackend::~FakeAudioBackend() = default;
 void FakeAudioBackend::setConnected(bool connected) {
     std::lock_guard lock(mutex_);
     connected_ = connected;
+    reachable_ = connected;
+}
+
+void FakeAudioBackend::serverDies() {
+    {
+        std::lock_guard lock(mutex_);
+        connected_ = false;
+        reachable_ = false;
+        for (const auto& [module, name] : modules_)
+            std::erase_if(sinks_, [&](const SinkInfo& s) { return s.ownerModule == module; });
+        modules_.clear();
+        inputs_.clear();
+        defaultSink_.reset();
+    }
+    notify(ChangeKind::connection);
+    notify(ChangeKind::sinks);
+    notify(ChangeKind::sinkInputs);
+    notify(ChangeKind::server);
+}
+
+void FakeAudioBackend::serverReturns() {
+    std::lock_guard lock(mutex_);
+    reachable_ = true;
+}
+
+int FakeAudioBackend::reconnectAttempts() const {
+    std::lock_guard lock(mutex_);
+    return reconnectAttempts_;
+}
+
+void FakeAudioBackend::setServerName(std::string name) {
+    std::lock_guard lock(mutex_);
+    serverName_ = std::move(name);
+}
+
+bool FakeAudioBackend::reconnect() {
+    {
+        std::lock_guard lock(mutex_);
+        if (connected_) return true;
+        ++reconnectAttempts_;
+        if (!reachable_) return false;
+        connected_ = true;
+    }
+    notify(ChangeKind::connection);
+    notify(ChangeKind::sinks);
+    notify(ChangeKind::sinkInputs);
+    notify(ChangeKind::server);
+    return true;
+}
+
+std::string FakeAudioBackend::serverName() const {
+    std::lock_guard lock(mutex_);
+    return serverName_;
+}
+
+double FakeAudioBackend::volumeToLinear(double scalar) const {
+    return std::isfinite(scalar) && scalar > 0 ? cube(scalar) : 0.0;
+}
+
+double FakeAudioBackend::volumeFromLinear(double linear) const {
+    return std::isfinite(linear) && linear > 0 ? std::cbrt(linear) : 0.0;
 }
 
 DeviceId FakeAudioBackend::addSink(SinkInfo info) {
@@ -423,7 +484,8 @@ std::optional<uint32_t> FakeAudioBackend::loadNullSink(const std::string& name,
     info.loadedByUs = true;
     info.properties = {{"device.class", "abstract"},
                        {"device.description", description},
-                       {"format", float32 ? "float32le" : "s16le"}};
+                       {"format", float32 ? "float32le" : "s16le"},
+                       {kOwnSinkProperty, "1"}};
     addSink(std::move(info));
     return module;
 }

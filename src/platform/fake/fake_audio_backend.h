@@ -49,6 +49,15 @@ class FakeAudioBackend final : public AudioBackend {
     // --- Script: the server's state. Each change fires its change event when
     // auto-notify is on (the default); otherwise call fireChange().
     void setConnected(bool connected);
+    // The server dies: the sinks we loaded, every stream and the default go
+    // with it (other sinks stay scripted, as a server that comes back with
+    // the same sinks); ChangeKind::connection and the rest are announced.
+    // reconnect() fails until serverReturns().
+    void serverDies();
+    // The server answers again; the next reconnect() reaches it.
+    void serverReturns();
+    int reconnectAttempts() const;
+    void setServerName(std::string name);
     // Adds or replaces (by name) a sink; returns its id. A sink without an id
     // gets the next free one, and a missing monitor source "<name>.monitor".
     DeviceId addSink(SinkInfo info);
@@ -103,6 +112,11 @@ class FakeAudioBackend final : public AudioBackend {
 
     // --- AudioBackend.
     bool connected() const override;
+    bool reconnect() override;
+    std::string serverName() const override;
+    // The cube law of PulseAudio's software volume.
+    double volumeToLinear(double scalar) const override;
+    double volumeFromLinear(double linear) const override;
     std::vector<SinkInfo> sinks() override;
     std::optional<SinkInfo> sinkByName(const std::string& name) override;
     std::optional<SinkInfo> sinkById(DeviceId id) override;
@@ -132,6 +146,9 @@ class FakeAudioBackend final : public AudioBackend {
 
     mutable std::mutex mutex_;
     bool connected_ = true;
+    bool reachable_ = true;
+    int reconnectAttempts_ = 0;
+    std::string serverName_ = "pulseaudio";
     std::vector<SinkInfo> sinks_;
     std::optional<std::string> defaultSink_;
     std::vector<SinkInputInfo> inputs_;

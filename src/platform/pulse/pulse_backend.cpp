@@ -95,6 +95,7 @@ struct PulseBackend::Callbacks {
                 me->defaultSink_ = info->default_sink_name;
             else
                 me->defaultSink_.reset();
+            if (info->server_name && *info->server_name) me->serverName_ = info->server_name;
         }
         me->notify(ChangeKind::server);
     }
@@ -112,61 +113,135 @@ struct PulseBackend::Callbacks {
 };
 
 PulseBackend::PulseBackend() {
-    control_ = PulseLoop::connect("Vellatone");
-    if (!control_) return;
-    audio_ = PulseLoop::connect("Vellatone streams");
-    if (audio_) {
-        PulseLoop::Lock lock(*audio_);
-        pa_mainloop_api_once(pa_threaded_mainloop_get_api(audio_->loop()),
-                             &Callbacks::raisePriority, nullptr);
+    attach();
+}
+
+bool PulseBackend::attach() {
+    auto control = PulseLoop::connect("Vellatone");
+    if (!control) return false;
+    auto audio = PulseLoop::connect("Vellatone streams");
+    if (audio) {
+        PulseLoop::Lock lock(*audio);
+        pa_mainloop_api_once(pa_threaded_mainloop_get_api(audio->loop()), &Callbacks::raisePriority,
+                             nullptr);
+    }
+    {
+        std::lock_guard mirror(mirrorMutex_);
+        sinks_.clear();
+        inputs_.clear();
+        inputChannels_.clear();
+        defaultSink_.reset();
+        ourModules_.clear();
+    }
+    {
+        std::lock_guard loops(loopsMutex_);
+        control_ = control;
+        audio_ = audio;
     }
 
-    PulseLoop::Lock lock(*control_);
-    // The server went away: nothing it had is there any more. Say so, so
-    // that outputs close; the program carries on without sound.
-    control_->setOnLost([this] {
-        {
-            std::lock_guard mirror(mirrorMutex_);
-            sinks_.clear();
-            inputs_.clear();
-            inputChannels_.clear();
-            defaultSink_.reset();
-        }
-        notify(ChangeKind::sinks);
-        notify(ChangeKind::sinkInputs);
-        notify(ChangeKind::server);
-    });
-    pa_context* c = control_->context();
+    PulseLoop::Lock lock(*control);
+    // The server went away: nothing it had is there any more. Say so at
+    // once, so that outputs close and the user is told; reconnect() brings
+    // it back.
+    control->setOnLost([this] { forgetServer(); });
+    pa_context* c = control->context();
     pa_context_set_subscribe_callback(c, &Callbacks::subscription, this);
     auto mask = static_cast<pa_subscription_mask_t>(
         PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SINK_INPUT | PA_SUBSCRIPTION_MASK_SERVER);
-    control_->finish(pa_context_subscribe(c, mask, nullptr, nullptr));
-    control_->finish(pa_context_get_server_info(c, &Callbacks::server, this));
-    control_->finish(pa_context_get_sink_info_list(c, &Callbacks::sink, this));
-    control_->finish(pa_context_get_sink_input_info_list(c, &Callbacks::sinkInput, this));
+    control->finish(pa_context_subscribe(c, mask, nullptr, nullptr));
+    control->finish(pa_context_get_server_info(c, &Callbacks::server, this));
+    control->finish(pa_context_get_sink_info_list(c, &Callbacks::sink, this));
+    control->finish(pa_context_get_sink_input_info_list(c, &Callbacks::sinkInput, this));
+    return control->ready();
+}
+
+void PulseBackend::forgetServer() {
+    {
+        std::lock_guard mirror(mirrorMutex_);
+        sinks_.clear();
+        inputs_.clear();
+        inputChannels_.clear();
+        defaultSink_.reset();
+        ourModules_.clear();
+    }
+    notify(ChangeKind::connection);
+    notify(ChangeKind::sinks);
+    notify(ChangeKind::sinkInputs);
+    notify(ChangeKind::server);
+}
+
+void PulseBackend::detach() {
+    std::shared_ptr<PulseLoop> control, audio;
+    {
+        std::lock_guard loops(loopsMutex_);
+        control = std::move(control_);
+        audio = std::move(audio_);
+    }
+    if (control) {
+        PulseLoop::Lock lock(*control);
+        pa_context_set_subscribe_callback(control->context(), nullptr, nullptr);
+        control->setOnLost(nullptr);
+    }
+    // Stopping the loop and disconnecting cancels the queries still in
+    // flight, whose callbacks point at this object. Streams keep their own
+    // connection alive until they are closed.
 }
 
 PulseBackend::~PulseBackend() {
-    if (control_) {
-        PulseLoop::Lock lock(*control_);
-        pa_context_set_subscribe_callback(control_->context(), nullptr, nullptr);
-        control_->setOnLost(nullptr);
-    }
     // Answers still in flight may yet run on the loop thread until it stops;
     // they must not reach a receiver that has gone before us.
     {
         std::lock_guard lock(handlerMutex_);
         handler_ = nullptr;
     }
-    // Stopping the loop and disconnecting cancels the queries still in
-    // flight, whose callbacks point at this object. Streams keep their own
-    // connection alive until they are closed.
-    control_.reset();
-    audio_.reset();
+    detach();
+}
+
+std::shared_ptr<PulseLoop> PulseBackend::control() const {
+    std::lock_guard loops(loopsMutex_);
+    return control_;
+}
+
+std::shared_ptr<PulseLoop> PulseBackend::audio() const {
+    std::lock_guard loops(loopsMutex_);
+    return audio_;
 }
 
 bool PulseBackend::connected() const {
-    return control_ && control_->ready();
+    auto c = control();
+    return c && c->ready();
+}
+
+bool PulseBackend::reconnect() {
+    std::lock_guard one(reconnectMutex_);
+    if (connected()) return true;
+    if (auto c = control(); c && c->inLoopThread()) return false;
+    detach();
+    if (!attach()) {
+        detach();
+        return false;
+    }
+    notify(ChangeKind::connection);
+    notify(ChangeKind::sinks);
+    notify(ChangeKind::sinkInputs);
+    notify(ChangeKind::server);
+    return true;
+}
+
+std::string PulseBackend::serverName() const {
+    std::lock_guard mirror(mirrorMutex_);
+    return serverName_;
+}
+
+double PulseBackend::volumeToLinear(double scalar) const {
+    if (!std::isfinite(scalar) || scalar <= 0) return 0;
+    scalar = std::min(scalar, static_cast<double>(PA_VOLUME_MAX) / PA_VOLUME_NORM);
+    return pa_sw_volume_to_linear(static_cast<pa_volume_t>(std::lround(scalar * PA_VOLUME_NORM)));
+}
+
+double PulseBackend::volumeFromLinear(double linear) const {
+    if (!std::isfinite(linear) || linear <= 0) return 0;
+    return static_cast<double>(pa_sw_volume_from_linear(linear)) / PA_VOLUME_NORM;
 }
 
 std::vector<SinkInfo> PulseBackend::sinks() {
@@ -201,13 +276,13 @@ std::vector<SinkInputInfo> PulseBackend::sinkInputs() {
     return out;
 }
 
-bool PulseBackend::canWrite() const {
-    return connected() && !control_->inLoopThread();
+bool PulseBackend::canWrite(const std::shared_ptr<PulseLoop>& control) const {
+    return control && control->ready() && !control->inLoopThread();
 }
 
-void PulseBackend::refreshSink(const std::string& name) {
-    control_->finish(pa_context_get_sink_info_by_name(control_->context(), name.c_str(),
-                                                      &Callbacks::sink, this));
+void PulseBackend::refreshSink(PulseLoop& control, const std::string& name) {
+    control.finish(
+        pa_context_get_sink_info_by_name(control.context(), name.c_str(), &Callbacks::sink, this));
 }
 
 void PulseBackend::notify(ChangeKind kind) {
@@ -226,11 +301,12 @@ void PulseBackend::setChangeHandler(std::function<void(ChangeKind)> handler) {
 }
 
 bool PulseBackend::setDefaultSink(const std::string& name) {
-    if (!canWrite()) return false;
+    auto control = this->control();
+    if (!canWrite(control)) return false;
     bool ok = false;
-    PulseLoop::Lock lock(*control_);
-    if (!control_->finish(pa_context_set_default_sink(control_->context(), name.c_str(),
-                                                      &Callbacks::success, &ok)) ||
+    PulseLoop::Lock lock(*control);
+    if (!control->finish(pa_context_set_default_sink(control->context(), name.c_str(),
+                                                     &Callbacks::success, &ok)) ||
         !ok)
         return false;
     std::lock_guard mirror(mirrorMutex_);
@@ -239,7 +315,8 @@ bool PulseBackend::setDefaultSink(const std::string& name) {
 }
 
 bool PulseBackend::setSinkVolume(DeviceId id, double scalar) {
-    if (!canWrite()) return false;
+    auto control = this->control();
+    if (!canWrite(control)) return false;
     std::string name;
     uint8_t channels = 2;
     {
@@ -256,17 +333,18 @@ bool PulseBackend::setSinkVolume(DeviceId id, double scalar) {
     pa_cvolume_set(&volume, channels,
                    static_cast<pa_volume_t>(std::lround(scalar * PA_VOLUME_NORM)));
     bool ok = false;
-    PulseLoop::Lock lock(*control_);
-    if (!control_->finish(pa_context_set_sink_volume_by_index(control_->context(), id, &volume,
-                                                              &Callbacks::success, &ok)) ||
+    PulseLoop::Lock lock(*control);
+    if (!control->finish(pa_context_set_sink_volume_by_index(control->context(), id, &volume,
+                                                             &Callbacks::success, &ok)) ||
         !ok)
         return false;
-    refreshSink(name);
+    refreshSink(*control, name);
     return true;
 }
 
 bool PulseBackend::moveSinkInput(uint32_t index, const std::string& sinkName) {
-    if (!canWrite()) return false;
+    auto control = this->control();
+    if (!canWrite(control)) return false;
     {
         std::lock_guard lock(mirrorMutex_);
         auto it = inputs_.find(index);
@@ -274,9 +352,9 @@ bool PulseBackend::moveSinkInput(uint32_t index, const std::string& sinkName) {
     }
     bool ok = false;
     {
-        PulseLoop::Lock lock(*control_);
-        if (!control_->finish(pa_context_move_sink_input_by_name(
-                control_->context(), index, sinkName.c_str(), &Callbacks::success, &ok)) ||
+        PulseLoop::Lock lock(*control);
+        if (!control->finish(pa_context_move_sink_input_by_name(
+                control->context(), index, sinkName.c_str(), &Callbacks::success, &ok)) ||
             !ok)
             return false;
     }
@@ -291,7 +369,8 @@ bool PulseBackend::moveSinkInput(uint32_t index, const std::string& sinkName) {
 }
 
 bool PulseBackend::setSinkInputVolume(uint32_t index, double linear) {
-    if (!canWrite()) return false;
+    auto control = this->control();
+    if (!canWrite(control)) return false;
     uint8_t channels = 2;
     {
         std::lock_guard lock(mirrorMutex_);
@@ -302,21 +381,22 @@ bool PulseBackend::setSinkInputVolume(uint32_t index, double linear) {
     pa_cvolume volume;
     pa_cvolume_set(&volume, channels, pa_sw_volume_from_linear(linear));
     bool ok = false;
-    PulseLoop::Lock lock(*control_);
-    return control_->finish(pa_context_set_sink_input_volume(control_->context(), index, &volume,
-                                                             &Callbacks::success, &ok)) &&
+    PulseLoop::Lock lock(*control);
+    return control->finish(pa_context_set_sink_input_volume(control->context(), index, &volume,
+                                                            &Callbacks::success, &ok)) &&
            ok;
 }
 
 std::optional<uint32_t> PulseBackend::loadNullSink(const std::string& name,
                                                    const std::string& description, uint32_t rate,
                                                    uint32_t channels, bool float32) {
-    if (!canWrite()) return std::nullopt;
+    auto control = this->control();
+    if (!canWrite(control)) return std::nullopt;
     const std::string args = pulse::nullSinkArguments(name, description, rate, channels, float32);
     uint32_t module = PA_INVALID_INDEX;
-    PulseLoop::Lock lock(*control_);
-    if (!control_->finish(pa_context_load_module(control_->context(), "module-null-sink",
-                                                 args.c_str(), &Callbacks::index, &module)) ||
+    PulseLoop::Lock lock(*control);
+    if (!control->finish(pa_context_load_module(control->context(), "module-null-sink",
+                                                args.c_str(), &Callbacks::index, &module)) ||
         module == PA_INVALID_INDEX)
         return std::nullopt;
     {
@@ -324,17 +404,18 @@ std::optional<uint32_t> PulseBackend::loadNullSink(const std::string& name,
         ourModules_.insert(module);
     }
     // Let the caller find the sink as soon as this returns.
-    refreshSink(name);
+    refreshSink(*control, name);
     return module;
 }
 
 bool PulseBackend::unloadModule(uint32_t index) {
-    if (!canWrite()) return false;
+    auto control = this->control();
+    if (!canWrite(control)) return false;
     bool ok = false;
     {
-        PulseLoop::Lock lock(*control_);
-        if (!control_->finish(
-                pa_context_unload_module(control_->context(), index, &Callbacks::success, &ok)) ||
+        PulseLoop::Lock lock(*control);
+        if (!control->finish(
+                pa_context_unload_module(control->context(), index, &Callbacks::success, &ok)) ||
             !ok)
             return false;
     }
@@ -348,15 +429,15 @@ bool PulseBackend::unloadModule(uint32_t index) {
 
 StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate,
                                        CaptureCallback proc, void* clientData) {
-    return pulse::openRecordStream(audio_, sourceName, rate ? rate : 48000, proc, clientData);
+    return pulse::openRecordStream(audio(), sourceName, rate ? rate : 48000, proc, clientData);
 }
 
 StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t rate,
                                         PlaybackCallback proc, void* clientData) {
     auto sink = sinkByName(sinkName);
-    if (!sink && canWrite()) {
-        PulseLoop::Lock lock(*control_);
-        refreshSink(sinkName);
+    if (auto control = this->control(); !sink && canWrite(control)) {
+        PulseLoop::Lock lock(*control);
+        refreshSink(*control, sinkName);
     }
     if (!sink) sink = sinkByName(sinkName);
     if (!sink) {
@@ -366,7 +447,8 @@ StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t ra
         return result;
     }
     if (rate == 0) rate = static_cast<uint32_t>(sink->sampleRate);
-    return pulse::openPlaybackStream(audio_, sinkName, rate, proc, clientData);
+    return pulse::openPlaybackStream(audio(), sinkName, pulse::playbackStreamName(*sink), rate,
+                                     proc, clientData);
 }
 
 }  // namespace vt::platform

@@ -27,6 +27,10 @@ class PulseBackend final : public AudioBackend {
     PulseBackend& operator=(const PulseBackend&) = delete;
 
     bool connected() const override;
+    bool reconnect() override;
+    std::string serverName() const override;
+    double volumeToLinear(double scalar) const override;
+    double volumeFromLinear(double linear) const override;
     std::vector<SinkInfo> sinks() override;
     std::optional<SinkInfo> sinkByName(const std::string& name) override;
     std::optional<SinkInfo> sinkById(DeviceId id) override;
@@ -53,12 +57,23 @@ class PulseBackend final : public AudioBackend {
     struct Callbacks;
     friend struct Callbacks;
 
-    bool canWrite() const;
-    void refreshSink(const std::string& name);  // under the control lock
+    // Connects both loops and fills the mirror; false when no server answers.
+    bool attach();
+    void detach();
+    void forgetServer();  // on the control loop's thread, when it is lost
+    std::shared_ptr<pulse::PulseLoop> control() const;
+    std::shared_ptr<pulse::PulseLoop> audio() const;
+    bool canWrite(const std::shared_ptr<pulse::PulseLoop>& control) const;
+    // Under the control loop's lock.
+    void refreshSink(pulse::PulseLoop& control, const std::string& name);
     void notify(ChangeKind kind);
 
+    // Replaced as a whole when the server comes back; every user takes its
+    // own reference first, so a loop lives until the last one lets go.
+    mutable std::mutex loopsMutex_;
     std::shared_ptr<pulse::PulseLoop> control_;
     std::shared_ptr<pulse::PulseLoop> audio_;
+    std::mutex reconnectMutex_;
 
     mutable std::mutex mirrorMutex_;
     std::map<uint32_t, SinkInfo> sinks_;
@@ -66,6 +81,7 @@ class PulseBackend final : public AudioBackend {
     std::map<uint32_t, uint8_t> inputChannels_;
     std::optional<std::string> defaultSink_;
     std::set<uint32_t> ourModules_;
+    std::string serverName_;
 
     std::mutex handlerMutex_;
     std::function<void(ChangeKind)> handler_;

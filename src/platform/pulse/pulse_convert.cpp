@@ -80,4 +80,18 @@ std::string nullSinkArguments(const std::string& name, const std::string& descri
     return args;
 }
 
+std::string playbackStreamName(const SinkInfo& sink) {
+    return "Vellatone → " + (sink.description.empty() ? sink.name : sink.description);
+}
+
+pa_proplist* ownStreamProperties(const std::string& device, const std::string& shownName) {
+    pa_proplist* props = pa_proplist_new();
+    pa_proplist_sets(props, PA_PROP_MEDIA_NAME, shownName.c_str());
+    pa_proplist_sets(props, kOwnStreamProperty, "1");
+    pa_proplist_sets(props, "state.restore-props", "false");
+    pa_proplist_sets(props, "state.restore-target", "false");
+    pa_proplist_sets(props, "module-stream-restore.id", ("vellatone-stream:" + device).c_str());
+    return props;
+}
+
 }  // namespace vt::platform::pulse

@@ -21,4 +21,16 @@ SinkInputInfo sinkInputInfoOf(const pa_sink_input_info& info);
 std::string nullSinkArguments(const std::string& name, const std::string& description,
                               uint32_t rate, uint32_t channels, bool float32);
 
+// What a mixer shows for our playback stream to a sink: "Vellatone → Living".
+std::string playbackStreamName(const SinkInfo& sink);
+
+// The properties of one of our streams, on `device`: its shown name, our
+// marker, and the opt-outs from both servers' stream restore, so that nothing
+// done to one of our streams is stored and handed to another or outlives us:
+// WirePlumber's state.restore-props and state.restore-target, and for
+// PulseAudio's module-stream-restore a key of the stream's own (its volume is
+// always given at connect and its sink fixed, so nothing stored is applied).
+// The caller frees the list.
+pa_proplist* ownStreamProperties(const std::string& device, const std::string& shownName);
+
 }  // namespace vt::platform::pulse

@@ -11,6 +11,7 @@
 
 #include "core/stream_callbacks.h"
 #include "dispatch/clock.h"
+#include "platform/pulse/pulse_convert.h"
 #include "platform/pulse/stream_clock.h"
 
 namespace vt::platform::pulse {
@@ -79,8 +80,8 @@ class PulseStream : public Stream {
 
     // Connects and waits until the stream runs; a non-zero status on failure.
     // Not on the loop's thread.
-    int connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
-                pa_stream_flags_t flags, std::string& error);
+    int connect(bool playback, const std::string& deviceName, const std::string& shownName,
+                const pa_buffer_attr& attr, pa_stream_flags_t flags, std::string& error);
     void close();
     void requestTiming();
 
@@ -96,8 +97,8 @@ class PulseStream : public Stream {
     enum class Opening { waiting, ready, failed };
 
     // On the loop's thread.
-    int startConnecting(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
-                        pa_stream_flags_t flags);
+    int startConnecting(bool playback, const std::string& deviceName, const std::string& shownName,
+                        const pa_buffer_attr& attr, pa_stream_flags_t flags);
     void teardown();
     void opened(Opening outcome);
     static void stateCallback(pa_stream* s, void* self);
@@ -113,10 +114,11 @@ class PulseStream : public Stream {
     int openError_ = 0;
 };
 
-int PulseStream::connect(bool playback, const std::string& deviceName, const pa_buffer_attr& attr,
-                         pa_stream_flags_t flags, std::string& error) {
+int PulseStream::connect(bool playback, const std::string& deviceName, const std::string& shownName,
+                         const pa_buffer_attr& attr, pa_stream_flags_t flags, std::string& error) {
     int rc = 0;
-    runOnLoopThread(*loop_, [&] { rc = startConnecting(playback, deviceName, attr, flags); });
+    runOnLoopThread(*loop_,
+                    [&] { rc = startConnecting(playback, deviceName, shownName, attr, flags); });
     if (rc == 0) {
         std::unique_lock guard(openMutex_);
         openDone_.wait(guard, [this] { return opening_ != Opening::waiting; });
@@ -130,17 +132,14 @@ int PulseStream::connect(bool playback, const std::string& deviceName, const pa_
 }
 
 int PulseStream::startConnecting(bool playback, const std::string& deviceName,
-                                 const pa_buffer_attr& attr, pa_stream_flags_t flags) {
+                                 const std::string& shownName, const pa_buffer_attr& attr,
+                                 pa_stream_flags_t flags) {
     pa_sample_spec format{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(rate_), 2};
     pa_channel_map map;
     pa_channel_map_init_stereo(&map);
-    pa_proplist* props = pa_proplist_new();
-    pa_proplist_sets(props, PA_PROP_MEDIA_NAME,
-                     playback ? "Vellatone output" : "Vellatone capture");
-    pa_proplist_sets(props, kOwnStreamProperty, "1");
-    stream_ = pa_stream_new_with_proplist(loop_->context(),
-                                          playback ? "Vellatone output" : "Vellatone capture",
-                                          &format, &map, props);
+    pa_proplist* props = ownStreamProperties(deviceName, shownName);
+    stream_ =
+        pa_stream_new_with_proplist(loop_->context(), shownName.c_str(), &format, &map, props);
     pa_proplist_free(props);
     if (!stream_) {
         const int code = pa_context_errno(loop_->context());
@@ -249,7 +248,7 @@ class PlaybackStream final : public PulseStream {
     // Stop the callbacks before this part of the object goes.
     ~PlaybackStream() override { close(); }
 
-    int open(const std::string& sinkName, std::string& error) {
+    int open(const std::string& sinkName, const std::string& shownName, std::string& error) {
         // tlength 40 ms in all (the server splits it between our queue and
         // the sink), a request every 10 ms. That leaves the sink a latency of
         // a whole 10 ms, which at 44.1 kHz is 441 frames: a null sink that
@@ -265,7 +264,7 @@ class PlaybackStream final : public PulseStream {
         attr.minreq = static_cast<uint32_t>(bytesOfMs(10, static_cast<uint32_t>(rate_)));
         attr.fragsize = static_cast<uint32_t>(-1);
         auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
-        return connect(true, sinkName, attr, flags, error);
+        return connect(true, sinkName, shownName, attr, flags, error);
     }
 
     uint64_t underruns() const override { return underruns_.load(std::memory_order_relaxed); }
@@ -359,13 +358,13 @@ class RecordStream final : public PulseStream {
         : PulseStream(std::move(loop), rate, clientData), callback_(callback) {}
     ~RecordStream() override { close(); }
 
-    int open(const std::string& sourceName, std::string& error) {
+    int open(const std::string& sourceName, const std::string& shownName, std::string& error) {
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
         attr.fragsize = static_cast<uint32_t>(bytesOfMs(5, static_cast<uint32_t>(rate_)));
         attr.tlength = attr.prebuf = attr.minreq = static_cast<uint32_t>(-1);
         auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
-        return connect(false, sourceName, attr, flags, error);
+        return connect(false, sourceName, shownName, attr, flags, error);
     }
 
   private:
@@ -423,8 +422,9 @@ class RecordStream final : public PulseStream {
 };
 
 template <class S, class Callback>
-StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, uint32_t rate,
-                      Callback callback, void* clientData) {
+StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name,
+                      const std::string& shownName, uint32_t rate, Callback callback,
+                      void* clientData) {
     StreamResult result;
     if (!loop || !loop->ready()) {
         result.status = PA_ERR_CONNECTIONREFUSED;
@@ -432,7 +432,7 @@ StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, 
         return result;
     }
     auto stream = std::make_unique<S>(loop, rate, callback, clientData);
-    result.status = stream->open(name, result.error);
+    result.status = stream->open(name, shownName, result.error);
     if (result.status == 0) result.stream = std::move(stream);
     return result;
 }
@@ -440,13 +440,16 @@ StreamResult openWith(std::shared_ptr<PulseLoop> loop, const std::string& name, 
 }  // namespace
 
 StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
-                                uint32_t rate, PlaybackCallback callback, void* clientData) {
-    return openWith<PlaybackStream>(std::move(loop), sinkName, rate, callback, clientData);
+                                const std::string& shownName, uint32_t rate,
+                                PlaybackCallback callback, void* clientData) {
+    return openWith<PlaybackStream>(std::move(loop), sinkName, shownName, rate, callback,
+                                    clientData);
 }
 
 StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
                               uint32_t rate, CaptureCallback callback, void* clientData) {
-    return openWith<RecordStream>(std::move(loop), sourceName, rate, callback, clientData);
+    return openWith<RecordStream>(std::move(loop), sourceName, "Vellatone capture", rate, callback,
+                                  clientData);
 }
 
 }  // namespace vt::platform::pulse

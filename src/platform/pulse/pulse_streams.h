@@ -11,8 +11,10 @@
 
 namespace vt::platform::pulse {
 
+// `shownName` is what mixers show for the stream ("Vellatone → Living").
 StreamResult openPlaybackStream(std::shared_ptr<PulseLoop> loop, const std::string& sinkName,
-                                uint32_t rate, PlaybackCallback callback, void* clientData);
+                                const std::string& shownName, uint32_t rate,
+                                PlaybackCallback callback, void* clientData);
 StreamResult openRecordStream(std::shared_ptr<PulseLoop> loop, const std::string& sourceName,
                               uint32_t rate, CaptureCallback callback, void* clientData);
 
