@@ -5,16 +5,9 @@
 
 namespace vt::devices {
 
-double MacVolumeCurve::gain(double scalar) {
-    if (!std::isfinite(scalar)) return 0;
-    const double v = std::clamp(scalar, 0.0, 1.0);
-    return v * v;
-}
-
-double MacVolumeCurve::masterGain(double scalar, bool tap, double driverGain) {
-    const double g = gain(scalar);
-    if (tap) return g;
-    return driverGain > 0 ? g / driverGain : 1.0;
+double SystemVolume::engineGain(bool tap, double linear) {
+    if (!tap) return 1.0;
+    return std::isfinite(linear) ? std::clamp(linear, 0.0, 1.0) : 0.0;
 }
 
 std::optional<double> ReportedLatency::seeded(std::optional<double> reportedMs, double currentMs,

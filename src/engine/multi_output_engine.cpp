@@ -214,7 +214,9 @@ void MultiOutputEngine::openOutput(int slot) {
 
     hasHardwareVolume_[slot] = sink->hasVolume;
     savedDeviceVolumes_[slot].reset();
-    if (!holdsDeviceElsewhere(slot, device)) savedDeviceVolumes_[slot] = sink->volumeScalar;
+    if (sink->hasVolume && !holdsDeviceElsewhere(slot, device))
+        savedDeviceVolumes_[slot] =
+            volumeStore_ ? volumeStore_->keep(uid, sink->volumeScalar) : sink->volumeScalar;
     pushVolume(slot, device);
 
     const uint64_t token = ++openTokens_[slot];
@@ -310,7 +312,11 @@ void MultiOutputEngine::releaseDevice(int slot) {
             }
         }
         if (heir < 0) {
-            backend_.setSinkVolume(device, *savedDeviceVolumes_[slot]);
+            // A write the server never took (it has gone) stays kept, and is
+            // given back when the speaker is next let go of, or at launch.
+            if (backend_.setSinkVolume(device, *savedDeviceVolumes_[slot]) && volumeStore_ &&
+                configuredUIDs_[slot])
+                volumeStore_->givenBack(*configuredUIDs_[slot]);
         } else if (!savedDeviceVolumes_[heir]) {
             // The last slot to let go of the sink restores it.
             savedDeviceVolumes_[heir] = savedDeviceVolumes_[slot];
@@ -415,17 +421,15 @@ void MultiOutputEngine::pushVolume(int slot, DeviceId device) {
 double MultiOutputEngine::linearVolume(DeviceId device, double scalar) {
     std::optional<platform::SinkInfo> sink = backend_.sinkById(device);
     if (sink && std::fabs(sink->volumeScalar - scalar) < 1e-3) return sink->volumeLinear;
-    // The server's mirror may not have caught up with the volume just set;
-    // its software volume is cubic in the slider position.
-    return scalar * scalar * scalar;
+    // The server's mirror may not have caught up with the volume just set.
+    return backend_.volumeToLinear(scalar);
 }
 
 void MultiOutputEngine::refreshMasterGain() {
     std::optional<platform::SinkInfo> sink = backend_.sinkByName(kCaptureSinkName);
     if (!sink) return;
-    // The monitor already carries the sink's own volume: divided out again.
-    double g = devices::MacVolumeCurve::masterGain(
-        sink->volumeScalar, captureKind_ == CaptureKind::tap, sink->volumeLinear);
+    double g = devices::SystemVolume::engineGain(captureKind_ == CaptureKind::tap,
+                                                 backend_.volumeToLinear(sink->volumeScalar));
     if (std::fabs(g - masterGain_) > 0.0001) {
         masterGain_ = static_cast<float>(g);
         for (int slot = 0; slot < maxOutputs; ++slot) pushVolume(slot);

@@ -26,6 +26,7 @@
 #include "dispatch/main_queue.h"
 #include "engine/engine_error.h"
 #include "engine/pump_timeline.h"
+#include "engine/speaker_volume_store.h"
 #include "equaliser/eq_settings.h"
 #include "platform/audio_backend.h"
 
@@ -64,6 +65,10 @@ class MultiOutputEngine {
     ~MultiOutputEngine();
     MultiOutputEngine(const MultiOutputEngine&) = delete;
     MultiOutputEngine& operator=(const MultiOutputEngine&) = delete;
+
+    // Where speakers' own volumes are kept while rows' volumes stand in for
+    // them; without one they are kept in memory only. Must outlive the engine.
+    void setSpeakerVolumeStore(SpeakerVolumeStore* store) { volumeStore_ = store; }
 
     // Throws EngineError.
     void start();
@@ -183,6 +188,7 @@ class MultiOutputEngine {
     std::array<bool, maxOutputs> hasHardwareVolume_{};
     std::array<std::optional<HardwareGain>, maxOutputs> hardwareGains_;
     std::array<std::optional<double>, maxOutputs> savedDeviceVolumes_;
+    SpeakerVolumeStore* volumeStore_ = nullptr;
     std::array<bool, maxOutputs> rateListeners_{};
     std::array<std::unique_ptr<dispatch::TimerHandle>, maxOutputs> rateRechecks_;
     std::array<uint64_t, maxOutputs> openTokens_{};

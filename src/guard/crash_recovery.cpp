@@ -2,6 +2,7 @@
 
 #include "devices/audio_device.h"
 #include "guard/capture_sinks.h"
+#include "guard/speaker_volumes.h"
 #include "guard/stream_moves.h"
 
 namespace vt::guard {
@@ -31,6 +32,8 @@ void dropLeftoverCaptureSink(platform::AudioBackend& backend) {
 
 std::optional<RestoredOutput> recoverAfterCrash(platform::AudioBackend& backend,
                                                 settings::Settings& settings) {
+    // The speakers' own volumes are owed whether or not the output is.
+    SpeakerVolumes(settings).giveBackAll(backend);
     std::optional<std::string> pending = settings.pendingRestoreUID();
     if (!pending) return std::nullopt;
     settings.setPendingRestoreUID(std::nullopt);

@@ -2,6 +2,7 @@
 // "pendingRestoreUID" left in the settings means the last run ended while it
 // held the default sink. The key is cleared, and if that sink is still there
 // it becomes the default again, with the streams left on the capture sink.
+// Speakers' volumes still kept from that run are given back first.
 #pragma once
 
 #include <optional>

@@ -60,8 +60,11 @@ void OutputRestorer::switchToBlackHole() {
     const SinkInfo capture = ensureCaptureSink();
     const std::vector<SinkInfo> sinks = backend_.sinks();
 
+    // Taken again after the server came back: what is owed is still the sink
+    // taken the first time, whatever the restarted server made the default.
+    const std::optional<SinkInfo> owed = presentRealOutput(sinks, savedDefaultUID_);
     savedDefaultUID_ = backend_.defaultSinkName();
-    std::optional<SinkInfo> saved = byName(sinks, savedDefaultUID_);
+    std::optional<SinkInfo> saved = owed ? owed : byName(sinks, savedDefaultUID_);
     if (saved && isCaptureSink(*saved)) {
         // An earlier run left the default on the capture sink: give back what
         // it should have given back, not the capture sink itself.
@@ -74,6 +77,7 @@ void OutputRestorer::switchToBlackHole() {
         savedDefaultUID_ = saved ? std::optional(saved->name) : std::nullopt;
     }
     if (saved && !isCaptureSink(*saved)) {
+        savedDefaultUID_ = saved->name;
         settings_.setPendingRestoreUID(saved->name);
         settings_.setLastOutputUID(saved->name);
         copyVolume(backend_, *saved, capture);
@@ -87,6 +91,7 @@ void OutputRestorer::switchToBlackHole() {
 void OutputRestorer::restore() {
     const std::vector<SinkInfo> sinks = backend_.sinks();
     std::optional<SinkInfo> target = byName(sinks, savedDefaultUID_);
+    if (!target) target = presentRealOutput(sinks, settings_.pendingRestoreUID());
     bool givenBack = false;
     if (target) {
         if (auto capture = findCaptureSink(sinks)) copyVolume(backend_, *capture, *target);
@@ -100,7 +105,20 @@ void OutputRestorer::restore() {
     if (givenBack) {
         settings_.setPendingRestoreUID(std::nullopt);
         dropCaptureSinkWeMade();
+    } else if (!backend_.connected()) {
+        // Nothing to give back to: the server is away, and a server that
+        // starts again makes its own default (our capture sink went with
+        // it). This was no crash, and the next launch must not say so.
+        settings_.setPendingRestoreUID(std::nullopt);
+        madeModule_.reset();
     }
+}
+
+void OutputRestorer::serverLost() {
+    // The streams' indices and our module died with the server; the sink to
+    // give back is still owed.
+    moved_.clear();
+    madeModule_.reset();
 }
 
 std::optional<std::string> OutputRestorer::handBackIfStranded() {

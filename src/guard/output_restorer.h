@@ -41,6 +41,10 @@ class OutputRestorer {
     // returns the shown name of the sink given back.
     std::optional<std::string> handBackIfStranded();
 
+    // The server went away while we held its output: forgets what died with
+    // it, keeps what is owed. switchToBlackHole takes it again when it is back.
+    void serverLost();
+
     // The default sink is the capture sink.
     bool defaultIsCapture();
     bool captureExists();

@@ -8,18 +8,14 @@
 namespace vt::devices {
 namespace {
 
-TEST(MacVolumeCurve, SquareLawClampedWithBadInputSilent) {
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::gain(0.5), 0.25);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::gain(1.7), 1.0);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::gain(-0.2), 0.0);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::gain(std::nan("")), 0.0);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::gain(std::numeric_limits<double>::infinity()), 0.0);
-}
-
-TEST(MacVolumeCurve, MasterGainDividesOutWhatTheCaptureSinkApplied) {
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::masterGain(0.5, true, 0.125), 0.25);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::masterGain(0.5, false, 0.125), 2.0);
-    EXPECT_DOUBLE_EQ(MacVolumeCurve::masterGain(0.5, false, 0.0), 1.0);
+TEST(SystemVolume, TheMonitorCarriesItSoTheEngineAddsNothing) {
+    // Whatever the capture sink's volume, the server has applied it already.
+    EXPECT_DOUBLE_EQ(SystemVolume::engineGain(false, 0.125), 1.0);
+    EXPECT_DOUBLE_EQ(SystemVolume::engineGain(false, 0.0), 1.0);
+    // A tap hears programs untouched: the server's gain, kept to 0..1.
+    EXPECT_DOUBLE_EQ(SystemVolume::engineGain(true, 0.125), 0.125);
+    EXPECT_DOUBLE_EQ(SystemVolume::engineGain(true, 3.0), 1.0);
+    EXPECT_DOUBLE_EQ(SystemVolume::engineGain(true, std::nan("")), 0.0);
 }
 
 TEST(ReportedLatency, SeedsOnlyWhatNobodySetByHand) {

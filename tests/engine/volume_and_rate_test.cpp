@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 
 #include "engine/rate_ratio.h"
 #include "engine_fixture.h"
@@ -45,6 +46,35 @@ TEST_F(VolumeAndRate, SecondSlotClosingFirstLeavesTheSinkToTheFirst) {
     EXPECT_NEAR(livingVolume(), 0.6, 1e-9);
 }
 
+// Keeps what it is given in memory, as the settings would on disk.
+struct KeptVolumes : SpeakerVolumeStore {
+    std::map<std::string, double> kept;
+    double keep(const std::string& sink, double current) override {
+        return kept.try_emplace(sink, current).first->second;
+    }
+    void givenBack(const std::string& sink) override { kept.erase(sink); }
+};
+
+TEST_F(VolumeAndRate, ASpeakersOwnVolumeStaysKeptUntilTheServerTookItBack) {
+    KeptVolumes store;
+    engine.setSpeakerVolumeStore(&store);
+    openSlot(0, "living");
+    EXPECT_NEAR(store.kept.at("living"), 0.6, 1e-9);
+    EXPECT_NEAR(livingVolume(), 1.0, 1e-9) << "the row's volume stands in for it";
+
+    // The server refuses the write (it has gone): the volume stays kept, and
+    // the next take of the speaker does not mistake our 100 % for its own.
+    fake.failWrites(true);
+    engine.stop();
+    EXPECT_NEAR(store.kept.at("living"), 0.6, 1e-9);
+    fake.failWrites(false);
+    engine.start();
+    openSlot(0, "living");
+    engine.stop();
+    EXPECT_NEAR(livingVolume(), 0.6, 1e-9);
+    EXPECT_TRUE(store.kept.empty());
+}
+
 TEST_F(VolumeAndRate, SinkWithoutVolumeUsesSoftwareGain) {
     fake.addSink("den", "Den", 48000);
     fake.changeSink("den", [](platform::SinkInfo& s) { s.hasVolume = false; });
@@ -54,33 +84,28 @@ TEST_F(VolumeAndRate, SinkWithoutVolumeUsesSoftwareGain) {
     EXPECT_DOUBLE_EQ(engine.rowGain(2), 0.3);
 }
 
-TEST_F(VolumeAndRate, MasterGainFollowsTheCaptureSinkAndReachesTheAudio) {
+TEST_F(VolumeAndRate, TheSystemVolumeIsTheServersAloneAndNeverAppliedTwice) {
     fake.addSink("den", "Den", 48000);
     fake.changeSink("den", [](platform::SinkInfo& s) { s.hasVolume = false; });
     openSlot(2, "den");
     engine.setVolume(2, 0.5);
 
-    // The slider at half is heard as a quarter; the monitor already carries
-    // the sink's cube law, an eighth, which is divided out.
-    fake.setSinkVolumeByUser("vellatone", 0.5);
-    main.drain();
-    EXPECT_NEAR(engine.masterGain(), 2.0, 1e-6);
-    fake.setSinkVolumeByUser("vellatone", 1.0);
-    main.drain();
-    EXPECT_NEAR(engine.masterGain(), 1.0, 1e-6);
-    fake.setSinkVolumeByUser("vellatone", 0.0);
-    main.drain();
-    EXPECT_NEAR(engine.masterGain(), 1.0, 1e-6) << "nothing to divide out of silence";
-    fake.setSinkVolumeByUser("vellatone", 0.5);
-    main.drain();
+    // The monitor already carries the capture sink's volume, by the server's
+    // own law: the engine adds nothing for it at any volume.
+    for (double v : {0.5, 0.2, 1.0, 0.0, 0.5}) {
+        fake.setSinkVolumeByUser("vellatone", v);
+        main.drain();
+        EXPECT_NEAR(engine.masterGain(), 1.0, 1e-6) << "system volume " << v;
+    }
 
-    // The monitor delivers the music already at the sink's cube-law volume;
-    // the slot ends at row volume times the square of the slider.
+    // Music captured at the sink's cube-law volume (an eighth at half) leaves
+    // at that level times the row's own volume, applied here for a sink
+    // without a volume of its own.
     const double t0 = pastSec(5);
     pushCapture(t0, 2.0, 0.8f * 0.125f);
     auto out = fake.pullPlayback("den", 2400, t0 + 1.0);
     ASSERT_TRUE(out);
-    EXPECT_NEAR(out->back(), 0.8 * 0.5 * 0.25, 1e-4);
+    EXPECT_NEAR(out->back(), 0.8 * 0.125 * 0.5, 1e-4);
 
     engine.setMuted(2, true);
     auto muted = fake.pullPlayback("den", 2400, t0 + 1.1);
