@@ -12,6 +12,7 @@
 #include "app/guest_root.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
+#include "devices/sound_server.h"
 #include "dispatch/work_queues.h"
 #include "guard/signal_watcher.h"
 #include "model/notice_words.h"
@@ -84,6 +85,10 @@ std::vector<std::string> AppRuntime::noSoundServerLines() {
         "scripts/run.sh, which starts a private one."};
     model::AppNoticeFacts facts;
     facts.captureAvailable = false;
+    const devices::SoundServerKind kind =
+        devices::soundServerKind("", devices::pipewirePulseInstalled());
+    facts.soundServer = devices::soundServerWord(kind);
+    facts.startCommand = devices::soundServerStartCommand(kind);
     for (const std::string& line : NoticeLog().newLines(model::applicationNotices(facts)))
         lines.push_back(line);
     return lines;

@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "devices/audio_devices.h"
+#include "devices/sound_server.h"
 #include "devices/system_output.h"
 #include "equaliser/eq_kind.h"
 #include "equaliser/eq_preset.h"
@@ -161,6 +162,8 @@ remote::MacState RemoteBridge::snapshot() const {
         s.rows.push_back(rowInfo(shown.slot, shown.row));
     s.appVersion = appVersion_;
     s.running = model_.isRunning();
+    const std::string server = devices::soundServerWord(model_.soundServerKind());
+    s.soundServer = model_.soundServerConnected() ? server : "waiting for " + server;
     s.master = model_.masterVolume();
     const equaliser::EQSettings& master = model_.masterEQ();
     s.masterEQ = remote::RemoteEQ::from(master, curveOf(master), presetIDOf(master));

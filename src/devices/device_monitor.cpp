@@ -8,13 +8,13 @@
 namespace vt::devices {
 
 ChangeHop::ChangeHop(platform::AudioBackend& backend, dispatch::MainQueue& main,
-                     std::function<void()> onMain)
+                     std::function<void()> onMain, platform::ChangeKind kind)
     : backend_(backend), shared_(std::make_shared<Shared>()) {
     shared_->onMain = std::move(onMain);
     std::weak_ptr<Shared> weak = shared_;
     dispatch::MainQueue* queue = &main;
-    listener_ = backend_.addChangeListener([weak, queue](platform::ChangeKind kind) {
-        if (kind != platform::ChangeKind::sinks) return;
+    listener_ = backend_.addChangeListener([weak, queue, kind](platform::ChangeKind event) {
+        if (event != kind) return;
         auto shared = weak.lock();
         if (!shared || shared->pending.exchange(true)) return;
         queue->post([weak] {

@@ -21,7 +21,8 @@ namespace vt::devices {
 class ChangeHop {
   public:
     ChangeHop(platform::AudioBackend& backend, dispatch::MainQueue& main,
-              std::function<void()> onMain);
+              std::function<void()> onMain,
+              platform::ChangeKind kind = platform::ChangeKind::sinks);
     ~ChangeHop();
     ChangeHop(const ChangeHop&) = delete;
     ChangeHop& operator=(const ChangeHop&) = delete;

@@ -26,6 +26,7 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
       restorer_(backend, settings),
       monitor_(backend, main),
       latencyWatcher_(backend, main),
+      soundServer_(backend, main),
       debugLog_(std::move(debugLog)),
       launched_(main.now()) {
     // What the user chose last time.
@@ -37,6 +38,7 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
     engine_->setMasterVolume(masterVolume_);
     masterEQ_ = settings_.masterEQ();
     engine_->setMasterEQ(masterEQ_);
+    engine_->setSpeakerVolumeStore(&speakerVolumes_);
 
     // A run that died holding the system output left a note: give the output
     // back before anything else happens.
@@ -49,6 +51,7 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 
     refreshLatencyWatches();
     monitor_.start();
+    watchSoundServer();
     startGuard();
     startMixer();
     placeNewRows();
@@ -61,6 +64,7 @@ AppModel::~AppModel() {
     guard_.reset();
     telemetryTimer_.reset();
     rateRestart_.reset();
+    soundServer_.stop();
     monitor_.stop();
     latencyWatcher_.stop();
     engine_.reset();

@@ -22,12 +22,15 @@
 #include "delay/playback_mode.h"
 #include "devices/audio_device.h"
 #include "devices/device_monitor.h"
+#include "devices/server_connection.h"
+#include "devices/sound_server.h"
 #include "dispatch/main_queue.h"
 #include "engine/multi_output_engine.h"
 #include "equaliser/eq_target.h"
 #include "guard/output_guard.h"
 #include "guard/output_restorer.h"
 #include "guard/restored_output.h"
+#include "guard/speaker_volumes.h"
 #include "guests/guest_party.h"
 #include "guests/guest_server.h"
 #include "model/notice.h"
@@ -77,6 +80,15 @@ class AppModel {
     double masterVolume() const { return masterVolume_; }
     const std::vector<devices::AudioDevice>& outputDevices() const { return outputDevices_; }
     bool captureAvailable() const { return blackHoleInstalled_; }
+    // The sound server answers. While it is away the model keeps its rows,
+    // settings and guests, and a running model stays on: it carries on by
+    // itself when the server is back.
+    bool soundServerConnected() const { return soundServer_.connected(); }
+    // Seconds since the sound server went away, or nothing.
+    std::optional<double> soundServerAwaySeconds() const;
+    // The server the desktop uses, by name, and the command that starts it.
+    devices::SoundServerKind soundServerKind() const;
+    std::string soundServerStartCommand() const;
     const std::optional<std::string>& startError() const { return startError_; }
     const std::optional<guard::RestoredOutput>& restoredOutput() const { return restoredOutput_; }
     delay::PlaybackMode playbackMode() const { return playbackMode_; }
@@ -222,6 +234,10 @@ class AppModel {
     // Start and stop.
     void start();
     void stop();
+    // The sound server went away, or is back (app_model_server.cpp).
+    void watchSoundServer();
+    void soundServerLost();
+    void soundServerBack();
     void captureRateChanged();
     void startTelemetry();
     void stopTelemetry();
@@ -253,11 +269,13 @@ class AppModel {
     platform::AudioBackend& backend_;
     dispatch::MainQueue& main_;
     settings::Settings& settings_;
+    guard::SpeakerVolumes speakerVolumes_{settings_};
     std::unique_ptr<engine::MultiOutputEngine> engine_;
     guard::OutputRestorer restorer_;
     std::unique_ptr<guard::OutputGuard> guard_;
     devices::DeviceMonitor monitor_;
     devices::LatencyWatcher latencyWatcher_;
+    devices::ServerConnection soundServer_;
     std::unique_ptr<settings::DebugLogWriter> debugLog_;
     // Read here rather than at launch: settings_ is bound by now.
     settings::Appearance appearance_ = settings_.appearance();

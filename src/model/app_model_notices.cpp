@@ -7,6 +7,9 @@ namespace vt::model {
 std::vector<Notice> AppModel::allNotices() const {
     AppNoticeFacts facts;
     facts.captureAvailable = blackHoleInstalled_;
+    facts.soundServer = devices::soundServerWord(soundServerKind());
+    facts.startCommand = soundServerStartCommand();
+    facts.soundServerAwaySeconds = soundServerAwaySeconds();
     facts.driverInstallError = driverInstallError_;
     facts.startError = startError_;
     facts.restoredOutput = restoredOutput_;

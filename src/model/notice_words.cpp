@@ -10,14 +10,20 @@ std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
     std::vector<Notice> out;
     if (!facts.captureAvailable) {
         // Nothing is installed on this platform: the capture sink is made on
-        // the sound server at start, so what is missing is the server.
+        // the sound server, so what is missing is the server itself. A server
+        // that has just gone is usually restarting; one that stays away needs
+        // starting.
+        const std::string& server = facts.soundServer;
+        const bool restarting = facts.soundServerAwaySeconds &&
+                                *facts.soundServerAwaySeconds < kServerAwayNoticeSeconds;
         out.push_back(Notice{
             .id = "driver",
-            .title = "Install the capture driver",
-            .line = "Vellatone needs it to hear the computer.",
-            .why = std::string("This build makes its capture sink on the sound server, and none "
-                               "answered. In Terminal, run ") +
-                   kStartServerCommand + ", then turn Vellatone on.",
+            .title = restarting ? "Waiting for " + server : server + " isn’t answering",
+            .line = "Vellatone hears the computer through the sound server, " + server +
+                    ", and carries on as soon as it answers.",
+            .why = "Vellatone makes its capture sink on " + server +
+                   " and keeps trying to reach it. If it doesn’t come back by itself, run " +
+                   facts.startCommand + " in a terminal.",
             .primary = "Copy the command",
             .tone = Notice::Tone::warn,
         });
@@ -38,10 +44,10 @@ std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
         out.push_back(Notice{
             .id = "start",
             .title = "Vellatone couldn’t start",
-            .line = "The capture driver didn’t answer.",
-            .why = "Restarting the driver fixes this most times. If it keeps happening, reinstall "
-                   "it from Settings. The error was: " +
-                   *facts.startError,
+            .line = facts.soundServer + " didn’t make Vellatone’s capture sink.",
+            .why = "Restarting " + facts.soundServer + " fixes this most times: run " +
+                   facts.startCommand +
+                   " in a terminal, then try again. The error was: " + *facts.startError,
             .primary = "Try again",
             .tone = Notice::Tone::fault,
         });

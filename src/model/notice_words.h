@@ -17,13 +17,19 @@ namespace vt::model {
 struct AppNoticeFacts {
     // The capture sink exists or the sound server will make it.
     bool captureAvailable = true;
+    // The sound server the desktop uses, and the command that starts it.
+    std::string soundServer = "PulseAudio";
+    std::string startCommand = "pulseaudio --start";
+    // How long the server has been away, while it is.
+    std::optional<double> soundServerAwaySeconds;
     std::optional<std::string> driverInstallError;
     std::optional<std::string> startError;
     std::optional<guard::RestoredOutput> restoredOutput;
 };
 
-// What to run when no sound server answers.
-inline constexpr const char* kStartServerCommand = "pulseaudio --start";
+// A server away for longer than this is not restarting by itself: the
+// notice stops saying "waiting" and says how to start it.
+inline constexpr double kServerAwayNoticeSeconds = 5.0;
 
 // The application's notices, in the order of their checks.
 std::vector<Notice> applicationNotices(const AppNoticeFacts& facts);

@@ -43,6 +43,9 @@ struct MacState {
     std::optional<RoomState> room;
     std::optional<double> systemVolume;
     std::optional<std::string> guestLink;  // the guests' join URL
+    // The sound server by its name ("PipeWire"), or "waiting for PipeWire"
+    // while it is away.
+    std::optional<std::string> soundServer;
 
     bool operator==(const MacState&) const = default;
 };

@@ -173,6 +173,7 @@ void describe(Io& io, Ref<MacState, Io> s) {
     io.field("room", s.room);
     io.field("systemVolume", s.systemVolume, unitRange);
     io.field("guestLink", s.guestLink);
+    io.field("soundServer", s.soundServer);
 }
 
 // Messages from the phone.

@@ -95,7 +95,7 @@ TEST(MessageJson, StateCarriesEveryKeyOfItsRecords) {
     EXPECT_EQ(keys, (std::set<std::string>{"macName", "rows", "referenceSlot", "micConstantMs",
                                            "appVersion", "running", "master", "masterEQ", "presets",
                                            "nowPlaying", "extras", "soloSlot", "room",
-                                           "systemVolume", "guestLink"}));
+                                           "systemVolume", "guestLink", "soundServer"}));
     EXPECT_EQ(s.at("masterEQ"), json::parse(R"({"enabled":false,"preampDb":0.0,"bands":[
         {"kind":"lowShelf","hz":80.0,"gainDb":0.0,"usesGain":true},
         {"kind":"peak","hz":220.0,"gainDb":0.0,"usesGain":true},

@@ -55,6 +55,7 @@ MacState state() {
     s.room = room;
     s.systemVolume = 0.25;
     s.guestLink = "http://192.168.1.2:7766/";
+    s.soundServer = "waiting for PipeWire";
     return s;
 }
 

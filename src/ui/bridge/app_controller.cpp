@@ -173,7 +173,7 @@ void AppController::actOnNotice(const QString& id, bool primary) {
     // paste it; the model then looks again for a server.
     if (primary && id == QLatin1String("driver"))
         if (QClipboard* clipboard = QGuiApplication::clipboard())
-            clipboard->setText(QString::fromUtf8(model::kStartServerCommand));
+            clipboard->setText(QString::fromStdString(model_.soundServerStartCommand()));
     act([&] {
         for (const model::Notice& n : model_.notices())
             if (n.id == id.toStdString()) {
