@@ -21,6 +21,9 @@
 #   LIMIT_MS_PIPEWIRE=0.5                      # the same on PipeWire (LIMIT_MS if unset)
 #   BIN=build/bin                              # where the binaries are
 #   NICE=-15                                   # priority of the measured processes
+#   SERVER_DEBUG=1                             # PulseAudio logs underruns and rewinds (KEEP_WORK)
+#   STALL_MS=80                                # stop the engine this long every 2.5 s: its
+#                                              # speakers' gaps must stay within the stall
 #
 # Sound servers and their clients run at raised priority on a desktop; on a
 # shared test machine the measured processes get a raised priority too (when
@@ -51,8 +54,13 @@ done
 
 work=$(mktemp -d /tmp/vellatone-sync.XXXXXX)
 
-engine_pid= noise_pid= pulse_started= record_pid=
+engine_pid= noise_pid= pulse_started= record_pid= staller_pid=
 cleanup() {
+    if [[ -n $staller_pid ]]; then
+        kill "$staller_pid" 2>/dev/null || true
+        wait "$staller_pid" 2>/dev/null || true
+        kill -CONT "$engine_pid" 2>/dev/null || true
+    fi
     [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null || true
     [[ -n $record_pid ]] && kill "$record_pid" 2>/dev/null || true
     if [[ -n $engine_pid ]]; then
@@ -74,6 +82,11 @@ server=$("$here/scripts/private-pulse.sh" which "$work/pulse")
 if [[ $server == pulseaudio ]]; then
     pa_pid=$(cat "$work/pulse/runtime/pulse/pid")
     renice -n "$NICE" -p $(ls "/proc/$pa_pid/task") >/dev/null 2>&1 || true
+    if [[ -n ${SERVER_DEBUG:-} ]]; then
+        pactl load-module module-cli-protocol-unix >/dev/null
+        pacmd set-log-time 1 >/dev/null
+        pacmd set-log-level 4 >/dev/null
+    fi
 else
     for name in pipewire wireplumber pipewire-pulse; do
         for pid in $(pgrep -x "$name" 2>/dev/null); do
@@ -128,6 +141,23 @@ noise_pid=$!
 
 # An idle null sink renders far ahead; measure once audio flows in small blocks.
 sleep "$SETTLE"
+
+# A client that stalls (a busy machine, a page fault) misses the server's
+# requests and its streams underrun for the length of the stall, minus what
+# was queued; nothing after it may stay silent for longer.
+if [[ -n ${STALL_MS:-} ]]; then
+    (
+        trap 'kill -CONT "$engine_pid" 2>/dev/null; exit 0' TERM
+        pause=$(awk -v ms="$STALL_MS" 'BEGIN { print ms / 1000 }')
+        while :; do
+            sleep 2.5
+            kill -STOP "$engine_pid" 2>/dev/null || exit 0
+            sleep "$pause"
+            kill -CONT "$engine_pid" 2>/dev/null || exit 0
+        done
+    ) &
+    staller_pid=$!
+fi
 
 limit=()
 [[ $server == pipewire && -n ${LIMIT_MS_PIPEWIRE:-} ]] && LIMIT_MS=$LIMIT_MS_PIPEWIRE

@@ -222,7 +222,9 @@ Dropouts findDropouts(const std::vector<float>& left, const std::vector<float>& 
         }
         if (run > 0 && static_cast<double>(run) > minFrames) {
             ++d.runs;
-            d.longestMs = std::max(d.longestMs, static_cast<double>(run) * 1000.0 / rate);
+            const double ms = static_cast<double>(run) * 1000.0 / rate;
+            d.longestMs = std::max(d.longestMs, ms);
+            d.list.push_back(Dropout{static_cast<double>(i - run) / rate, ms});
         }
         run = 0;
     }

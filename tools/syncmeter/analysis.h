@@ -44,9 +44,15 @@ struct OffsetPoint {
 std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int windows,
                                         double windowSec);
 
+struct Dropout {
+    double atSec = 0;  // from the start of the recording
+    double ms = 0;
+};
+
 struct Dropouts {
     size_t runs = 0;
     double longestMs = 0;
+    std::vector<Dropout> list;  // every run, so that gaps can be matched across recordings
 };
 
 // Runs of exact digital silence on both channels longer than `minMs` between

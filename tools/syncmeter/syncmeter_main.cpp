@@ -190,6 +190,9 @@ int main(int argc, char** argv) {
             clean = false;
             std::printf("dropouts %s: %zu runs of silence over 1 ms, longest %.1f ms\n",
                         r.name.c_str(), d.runs, d.longestMs);
+            for (const auto& gap : d.list)
+                std::fprintf(stderr, "  gap %s at %7.3f s: %.1f ms\n", r.name.c_str(), gap.atSec,
+                             gap.ms);
         }
     }
     if (clean) std::printf("dropouts: none (no run of zeros over 1 ms on any recording)\n");
