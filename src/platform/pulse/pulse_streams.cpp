@@ -22,6 +22,9 @@ constexpr pa_usec_t kTimingIntervalUsec = 20000;
 constexpr uint32_t kBytesPerFrame = 8;  // float32 stereo
 // A block must reach the server this long before the sink reads it.
 constexpr double kDeliveryGuardSec = 0.001;
+// Written after a skip even when the skip alone answers the server's request,
+// since a seek travels only with data: 1 ms of 48 kHz float stereo.
+constexpr size_t kMinWriteAfterSkipBytes = 48 * kBytesPerFrame;
 
 size_t bytesOfMs(double ms, uint32_t rate) {
     return static_cast<size_t>(std::lround(ms * rate / 1000.0)) * kBytesPerFrame;
@@ -299,7 +302,7 @@ class PlaybackStream final : public PulseStream {
 
     // The stream loop's thread: no allocation, no locks, no logging.
     void fill(size_t nbytes) {
-        if (!clock_.valid() || nbytes == static_cast<size_t>(-1)) return;
+        if (!clock_.valid() || nbytes == static_cast<size_t>(-1) || nbytes < kBytesPerFrame) return;
         const double now = dispatch::monotonicSeconds();
         // The sink reads byte W at lastReadHost + (W - lastReadIndex) / rate. What
         // arrives after that moment is thrown away by the server, so after a
@@ -307,19 +310,28 @@ class PlaybackStream final : public PulseStream {
         // rendering audio nobody hears.
         const double readsAt =
             lastReadHost_ + static_cast<double>(written_ - lastReadIndex_) / bytesPerSecond_;
-        bool seek = !started_;
+        int64_t skip = 0;
         if (readsAt < now + kDeliveryGuardSec) {
             double ahead = (now + kDeliveryGuardSec - lastReadHost_) * bytesPerSecond_;
             int64_t target = lastReadIndex_ + static_cast<int64_t>(std::ceil(ahead));
             target += (kBytesPerFrame - target % kBytesPerFrame) % kBytesPerFrame;
-            if (target > written_) {
-                written_ = target;
-                seek = true;
-            }
+            if (target > written_) skip = target - written_;
         }
         started_ = true;
 
+        // After an underrun the server asks for what the sink read past our
+        // data as well as for a full buffer. The bytes skipped here answer
+        // that part of the request: a relative seek counts against it on both
+        // sides of the connection (an absolute one does not), so only the rest
+        // is written. Writing the whole request after the skip would queue the
+        // underrun's length on top of a full buffer, ahead of any captured
+        // audio, and the engine could only fill it with silence.
         size_t remaining = nbytes - nbytes % kBytesPerFrame;
+        if (skip > 0) {
+            const size_t skipped = static_cast<size_t>(skip);
+            remaining = remaining > skipped + kMinWriteAfterSkipBytes ? remaining - skipped
+                                                                      : kMinWriteAfterSkipBytes;
+        }
         while (remaining > 0) {
             void* data = nullptr;
             size_t n = std::min<size_t>(remaining, RE_IO_MAX_FRAMES * kBytesPerFrame);
@@ -329,14 +341,13 @@ class PlaybackStream final : public PulseStream {
                 pa_stream_cancel_write(stream_);
                 return;
             }
+            const int64_t at = written_ + skip;
             callback_(clientData_, static_cast<float*>(data),
-                      static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(written_),
-                      static_cast<double>(written_ / kBytesPerFrame));
-            if (pa_stream_write(stream_, data, n, nullptr, seek ? written_ : 0,
-                                seek ? PA_SEEK_ABSOLUTE : PA_SEEK_RELATIVE) < 0)
-                return;
-            seek = false;
-            written_ += static_cast<int64_t>(n);
+                      static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(at),
+                      static_cast<double>(at / kBytesPerFrame));
+            if (pa_stream_write(stream_, data, n, nullptr, skip, PA_SEEK_RELATIVE) < 0) return;
+            written_ = at + static_cast<int64_t>(n);
+            skip = 0;
             remaining -= n;
         }
     }
