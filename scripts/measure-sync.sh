@@ -90,7 +90,7 @@ if [[ $server == pulseaudio ]]; then
 else
     for name in pipewire wireplumber pipewire-pulse; do
         for pid in $(pgrep -x "$name" 2>/dev/null); do
-            [[ $(tr '\0' '\n' <"/proc/$pid/environ" 2>/dev/null | grep -c "^XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR\$") -gt 0 ]] &&
+            [[ $(tr '\0' '\n' 2>/dev/null <"/proc/$pid/environ" | grep -c "^XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR\$") -gt 0 ]] &&
                 renice -n "$NICE" -p $(ls "/proc/$pid/task") >/dev/null 2>&1 || true
         done
     done
