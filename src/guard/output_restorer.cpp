@@ -83,8 +83,15 @@ void OutputRestorer::switchToBlackHole() {
         copyVolume(backend_, *saved, capture);
     }
 
+    // What played on the default sink until now; the server may move the
+    // streams that follow the default itself, the rest are moved here.
+    const std::optional<std::string> previousDefault = backend_.defaultSinkName();
     backend_.setDefaultSink(capture.name);
-    MovedStreams moved = takeStreams(backend_, capture);
+    MovedStreams moved = takeStreams(backend_, capture, previousDefault);
+    // They followed the default, so they follow it back: to the sink that is
+    // owed, even when a restarted server had put them elsewhere meanwhile.
+    if (saved && !isCaptureSink(*saved))
+        for (auto& [index, origin] : moved) origin = saved->name;
     moved_.insert(moved.begin(), moved.end());
 }
 

@@ -8,16 +8,15 @@ namespace vt::guard {
 
 using platform::SinkInfo;
 
-MovedStreams takeStreams(platform::AudioBackend& backend, const SinkInfo& capture) {
-    std::map<platform::DeviceId, std::string> names;
-    for (const SinkInfo& s : backend.sinks()) names[s.id] = s.name;
-
+MovedStreams takeStreams(platform::AudioBackend& backend, const SinkInfo& capture,
+                         const std::optional<std::string>& from) {
     MovedStreams moved;
+    if (!from || *from == capture.name) return moved;
+    std::optional<SinkInfo> source = backend.sinkByName(*from);
+    if (!source) return moved;
     for (const platform::SinkInputInfo& in : backend.sinkInputs()) {
-        if (in.ours || in.sink == capture.id) continue;
-        auto from = names.find(in.sink);
-        if (backend.moveSinkInput(in.index, capture.name) && from != names.end())
-            moved[in.index] = from->second;
+        if (in.ours || in.sink != source->id) continue;
+        if (backend.moveSinkInput(in.index, capture.name)) moved[in.index] = source->name;
     }
     return moved;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "platform/audio_backend.h"
@@ -13,9 +14,12 @@ namespace vt::guard {
 // Sink input index -> name of the sink it was taken from.
 using MovedStreams = std::map<uint32_t, std::string>;
 
-// Moves every stream that is not ours and not already on `capture` onto it;
-// returns where each moved one came from.
-MovedStreams takeStreams(platform::AudioBackend& backend, const platform::SinkInfo& capture);
+// Moves onto `capture` the streams that play on the default sink `from` (not
+// ours); returns where each moved one came from. A stream someone routed to
+// another sink on purpose (a game on the TV, a call on a headset) stays, and
+// so does one on a sink we play to, which would otherwise play into itself.
+MovedStreams takeStreams(platform::AudioBackend& backend, const platform::SinkInfo& capture,
+                         const std::optional<std::string>& from);
 
 // Moves every stream that is not ours off the capture sinks: to the sink it
 // came from if `moved` knows it and that sink is still a real output,

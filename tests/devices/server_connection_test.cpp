@@ -1,5 +1,5 @@
 // The hold on the sound server, on the scripted server and virtual time: the
-// loss is told at once, tries follow with a doubling wait up to a second, and
+// loss is told at once, tries follow with a doubling wait up to half a second, and
 // the return is told once.
 #include "devices/server_connection.h"
 
@@ -35,8 +35,8 @@ TEST_F(ServerConnectionTest, ALossIsToldAtOnceAndTriesBackOffToASecond) {
     EXPECT_DOUBLE_EQ(*connection.lostAt(), diedAt);
     EXPECT_EQ(fake.reconnectAttempts(), 0) << "nothing tried before the first wait";
 
-    // 0.1, 0.2, 0.4, 0.8, then a try every second.
-    const double expected[] = {0.1, 0.3, 0.7, 1.5, 2.5, 3.5};
+    // 0.1, 0.2, 0.4, then a try every half second.
+    const double expected[] = {0.1, 0.3, 0.7, 1.2, 1.7, 2.2};
     for (int n = 0; n < 6; ++n) {
         main.advanceUntil([&] { return fake.reconnectAttempts() == n + 1; }, 5.0);
         EXPECT_NEAR(main.now() - diedAt, expected[n], 2e-3) << "try " << n + 1;
@@ -46,9 +46,9 @@ TEST_F(ServerConnectionTest, ALossIsToldAtOnceAndTriesBackOffToASecond) {
     EXPECT_EQ(lost, 1) << "a server that stays away is lost once";
 }
 
-TEST_F(ServerConnectionTest, AServerBackIsFoundWithinASecondAndToldOnce) {
+TEST_F(ServerConnectionTest, AServerBackIsFoundWithinHalfASecondAndToldOnce) {
     fake.serverDies();
-    main.advance(10.0);  // long gone: the tries are a second apart now
+    main.advance(10.0);  // long gone: the tries are half a second apart now
     fake.serverReturns();
     const double returned = main.now();
     ASSERT_TRUE(main.advanceUntil([&] { return back > 0; }, 2.0));

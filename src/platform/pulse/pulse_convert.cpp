@@ -75,8 +75,10 @@ std::string nullSinkArguments(const std::string& name, const std::string& descri
     args += " rate=" + std::to_string(rate);
     args += " channels=" + std::to_string(channels);
     if (float32) args += " format=float32le";
+    // Opted out of WirePlumber's restore: a restarted PipeWire would
+    // otherwise put back the volume the sink had last, after ours.
     args += " sink_properties=\"device.description='" + keep(description, descriptionChar) + "' " +
-            kOwnSinkProperty + "=1\"";
+            kOwnSinkProperty + "=1 state.restore-props=false state.restore-target=false\"";
     return args;
 }
 
@@ -90,7 +92,11 @@ pa_proplist* ownStreamProperties(const std::string& device, const std::string& s
     pa_proplist_sets(props, kOwnStreamProperty, "1");
     pa_proplist_sets(props, "state.restore-props", "false");
     pa_proplist_sets(props, "state.restore-target", "false");
-    pa_proplist_sets(props, "module-stream-restore.id", ("vellatone-stream:" + device).c_str());
+    // pipewire-pulse keys its own stream restore by the application id, not
+    // by the id above: one of our own per device keeps speakers apart there.
+    const std::string key = "vellatone-stream:" + device;
+    pa_proplist_sets(props, "module-stream-restore.id", key.c_str());
+    pa_proplist_sets(props, PA_PROP_APPLICATION_ID, key.c_str());
     return props;
 }
 

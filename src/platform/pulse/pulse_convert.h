@@ -29,7 +29,8 @@ std::string playbackStreamName(const SinkInfo& sink);
 // done to one of our streams is stored and handed to another or outlives us:
 // WirePlumber's state.restore-props and state.restore-target, and for
 // PulseAudio's module-stream-restore a key of the stream's own (its volume is
-// always given at connect and its sink fixed, so nothing stored is applied).
+// always given at connect and its sink fixed, so nothing stored is applied),
+// which is also its application id, the key pipewire-pulse restores by.
 // The caller frees the list.
 pa_proplist* ownStreamProperties(const std::string& device, const std::string& shownName);
 
