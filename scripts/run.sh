@@ -45,7 +45,6 @@ else
     echo "run.sh: no sound server was reachable, so I started a private PulseAudio in"
     echo "        $private_pulse with four virtual speakers (null sinks): Speakers (the"
     echo "        default), Living, Kitchen (44.1 kHz) and Den. It stops when Vellatone exits."
-    echo "        To reach it from another shell: export PULSE_SERVER=$PULSE_SERVER"
 fi
 
 mode=--headless
@@ -55,9 +54,15 @@ else
     mode=
     echo "run.sh: opening the Vellatone window (and a tray icon where the desktop has a tray)."
 fi
+# One block to paste into another shell: the control socket and, with a
+# private server, the way to reach that server (pactl, paplay, players).
+exports="export VELLATONE_CONTROL_SOCKET=$VELLATONE_CONTROL_SOCKET"
+if [ -n "$private_pulse" ]; then
+    exports="$exports PULSE_SERVER=$PULSE_SERVER"
+fi
 cat <<EOT
-run.sh: drive it from another shell with the control tool:
-    export VELLATONE_CONTROL_SOCKET=$VELLATONE_CONTROL_SOCKET
+run.sh: drive it from another shell with the control tool; paste this first:
+    $exports
     $repo/build/bin/vellatonectl outputs          # what can be added: id, kind, name
     $repo/build/bin/vellatonectl add uid:living   # add an output by its id
     $repo/build/bin/vellatonectl delay 0 100      # slot 0 plays 100 ms later

@@ -114,8 +114,13 @@ int run(const std::vector<std::string>& args) {
                         std::string(vt::remote::rawValue(e.kind)).c_str(), e.name.c_str());
     } else if (cmd == "add") {
         const std::string id = args[1];
+        std::string name;
         bool offered = false;
-        for (const auto& e : s.extras) offered = offered || e.id == id;
+        for (const auto& e : s.extras)
+            if (e.id == id) {
+                offered = true;
+                name = e.name;
+            }
         if (!offered)
             throw ControlError("No output \"" + id +
                                "\" can be added; vellatonectl outputs lists those that can.");
@@ -124,6 +129,12 @@ int run(const std::vector<std::string>& args) {
             c, PhoneMessage::AddOutput{id},
             [&](const MacState& now) { return now.rows.size() > before; },
             "Vellatone did not add " + id + " (eight outputs is the most).");
+        // The new row is the one that was not there before.
+        const auto& rows = c.state().rows;
+        size_t slot = before;
+        for (size_t i = 0; i < rows.size(); ++i)
+            if (rows[i].name == name) slot = i;
+        std::printf("%s added as output %zu (slot %zu)\n", name.c_str(), slot + 1, slot);
     } else if (cmd == "remove") {
         const int slot = slotArg(args, 1, s);
         const size_t before = s.rows.size();
@@ -185,6 +196,13 @@ int run(const std::vector<std::string>& args) {
             c, PhoneMessage::SetRunning{on}, [&](const MacState& now) { return now.running == on; },
             on ? "Vellatone did not start; its notices on standard error say why."
                : "Vellatone did not stop.");
+        if (on) {
+            size_t playing = 0;
+            for (const auto& r : c.state().rows) playing += r.disabled ? 0 : 1;
+            std::printf("playing to %zu output%s\n", playing, playing == 1 ? "" : "s");
+        } else {
+            std::printf("stopped; the computer plays through its own output again\n");
+        }
     } else if (cmd == "send") {
         c.sendLine(args[1]);
         c.sync();
