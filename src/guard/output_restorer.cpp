@@ -62,6 +62,7 @@ void OutputRestorer::switchToBlackHole() {
 
     // Taken again after the server came back: what is owed is still the sink
     // taken the first time, whatever the restarted server made the default.
+    const std::optional<std::string> owedName = savedDefaultUID_;
     const std::optional<SinkInfo> owed = presentRealOutput(sinks, savedDefaultUID_);
     savedDefaultUID_ = backend_.defaultSinkName();
     std::optional<SinkInfo> saved = owed ? owed : byName(sinks, savedDefaultUID_);
@@ -83,6 +84,12 @@ void OutputRestorer::switchToBlackHole() {
         copyVolume(backend_, *saved, capture);
     }
 
+    // The owed sink may not be back yet (a restarted server makes its sinks
+    // one by one): it stays owed, not the restarted server's default.
+    if (owedName && !owed) {
+        savedDefaultUID_ = owedName;
+        settings_.setPendingRestoreUID(owedName);
+    }
     // What played on the default sink until now; the server may move the
     // streams that follow the default itself, the rest are moved here.
     const std::optional<std::string> previousDefault = backend_.defaultSinkName();
@@ -90,8 +97,8 @@ void OutputRestorer::switchToBlackHole() {
     MovedStreams moved = takeStreams(backend_, capture, previousDefault);
     // They followed the default, so they follow it back: to the sink that is
     // owed, even when a restarted server had put them elsewhere meanwhile.
-    if (saved && !isCaptureSink(*saved))
-        for (auto& [index, origin] : moved) origin = saved->name;
+    if (savedDefaultUID_)
+        for (auto& [index, origin] : moved) origin = *savedDefaultUID_;
     moved_.insert(moved.begin(), moved.end());
 }
 
