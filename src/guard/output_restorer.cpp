@@ -56,7 +56,7 @@ void OutputRestorer::dropCaptureSinkWeMade() {
     madeModule_.reset();
 }
 
-void OutputRestorer::switchToBlackHole() {
+void OutputRestorer::switchToCaptureSink() {
     const SinkInfo capture = ensureCaptureSink();
     const std::vector<SinkInfo> sinks = backend_.sinks();
 

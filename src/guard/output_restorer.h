@@ -31,7 +31,7 @@ class OutputRestorer {
     // default and moves other programs' streams onto it. Throws
     // engine::EngineError (blackHoleMissing) when there is no capture sink
     // and none can be made.
-    void switchToBlackHole();
+    void switchToCaptureSink();
     // Gives the noted sink back with the capture sink's volume, and the
     // streams with it. If that sink has gone, "pendingRestoreUID" stays and
     // the guard finds another later.
@@ -42,7 +42,7 @@ class OutputRestorer {
     std::optional<std::string> handBackIfStranded();
 
     // The server went away while we held its output: forgets what died with
-    // it, keeps what is owed. switchToBlackHole takes it again when it is back.
+    // it, keeps what is owed. switchToCaptureSink takes it again when it is back.
     void serverLost();
 
     // The default sink is the capture sink.

@@ -246,7 +246,7 @@ void AppModel::shutDown() {
 
 void AppModel::start() {
     try {
-        restorer_.switchToBlackHole();
+        restorer_.switchToCaptureSink();
         engine_->start();
     } catch (const std::exception& e) {
         restorer_.restore();

@@ -40,7 +40,7 @@ void AppModel::soundServerBack() {
     refreshCaptureAvailable();
     if (isRunning_) {
         try {
-            restorer_.switchToBlackHole();
+            restorer_.switchToCaptureSink();
             engine_->start();
         } catch (const std::exception& e) {
             engine_->stop();

@@ -96,7 +96,7 @@ TEST_F(GuardIntegration, TheStreamGoesToTheCaptureSinkAndComesBack) {
     ASSERT_TRUE(ours.stream) << ours.error;
 
     OutputRestorer restorer(*backend, *settings);
-    restorer.switchToBlackHole();
+    restorer.switchToCaptureSink();
     EXPECT_TRUE(eventually([&] { return playerOn("vellatone"); }));
     EXPECT_EQ(defaultSinkByPactl(), "vellatone");
     EXPECT_EQ(settings->pendingRestoreUID(), "speakers");
@@ -118,7 +118,7 @@ TEST_F(GuardIntegration, ARunThatDiedHoldingTheOutputIsRepairedAtTheNextLaunch) 
         // The dead run: it took the output and never gave it back. The sink
         // it loaded outlives it, as a module of the server does.
         OutputRestorer dead(*backend, *settings);
-        dead.switchToBlackHole();
+        dead.switchToCaptureSink();
         ASSERT_TRUE(eventually([&] { return playerOn("vellatone"); }));
     }
     backend = std::make_unique<platform::PulseBackend>();

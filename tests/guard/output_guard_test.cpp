@@ -26,7 +26,7 @@ class OutputGuardTest : public ::testing::Test, public testing::GuardFixture {
                 return;
             }
             try {
-                restorer.switchToBlackHole();
+                restorer.switchToCaptureSink();
                 if (engineFails) throw engine::EngineError::coreAudio(-1);
                 running = true;
             } catch (const engine::EngineError&) {

@@ -15,7 +15,7 @@ class OutputRestorerTest : public ::testing::Test, public testing::GuardFixture 
 };
 
 TEST_F(OutputRestorerTest, TakingTheOutputMovesOtherProgramsButNeverOurs) {
-    restorer.switchToBlackHole();
+    restorer.switchToCaptureSink();
     const auto capture = backend.sinkByName("vellatone");
     ASSERT_TRUE(capture) << "the capture sink is made when missing";
     EXPECT_EQ(backend.defaultSinkName(), "vellatone");
@@ -28,7 +28,7 @@ TEST_F(OutputRestorerTest, TakingTheOutputMovesOtherProgramsButNeverOurs) {
 }
 
 TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {
-    restorer.switchToBlackHole();
+    restorer.switchToCaptureSink();
     const uint32_t lateComer = addStream(idOf("vellatone"));  // started while we ran
     backend.setSinkVolumeByUser("vellatone", 0.3);            // volume keys while running
     restorer.restore();
@@ -48,7 +48,7 @@ TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {
 TEST_F(OutputRestorerTest, ACaptureSinkThatWasThereStaysAndTheOutputComesBackTwice) {
     backend.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
     for (int round = 0; round < 2; ++round) {
-        restorer.switchToBlackHole();
+        restorer.switchToCaptureSink();
         restorer.restore();
         EXPECT_EQ(backend.defaultSinkName(), "speakers");
         EXPECT_EQ(sinkOf(player), speakers);
@@ -73,7 +73,7 @@ TEST_F(OutputRestorerTest, ADefaultLeftOnTheCaptureSinkIsRepairedInOrder) {
         f.leaveStranded(c.pending);
         f.settings->setLastOutputUID(c.last);
         OutputRestorer r(f.backend, *f.settings);
-        r.switchToBlackHole();
+        r.switchToCaptureSink();
         EXPECT_EQ(r.savedDefaultUID(), c.expected) << c.name;
         EXPECT_EQ(f.settings->pendingRestoreUID(), c.expected) << c.name;
         EXPECT_EQ(f.settings->lastOutputUID(), c.expected) << c.name;
@@ -84,7 +84,7 @@ TEST_F(OutputRestorerTest, ADefaultLeftOnTheCaptureSinkIsRepairedInOrder) {
 }
 
 TEST_F(OutputRestorerTest, ASavedSinkThatVanishedKeepsThePendingKeyForTheGuard) {
-    restorer.switchToBlackHole();
+    restorer.switchToCaptureSink();
     backend.removeSink("speakers");
     restorer.restore();
     EXPECT_EQ(settings->pendingRestoreUID(), "speakers");
@@ -102,7 +102,7 @@ TEST_F(OutputRestorerTest, ASavedSinkThatVanishedKeepsThePendingKeyForTheGuard) 
 TEST_F(OutputRestorerTest, NoCaptureSinkAndNoneCanBeMadeThrowsAndTouchesNothing) {
     backend.failLoadModule(true);
     try {
-        restorer.switchToBlackHole();
+        restorer.switchToCaptureSink();
         FAIL() << "expected EngineError";
     } catch (const engine::EngineError& e) {
         EXPECT_EQ(e.kind(), engine::EngineError::Kind::blackHoleMissing);
