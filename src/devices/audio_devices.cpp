@@ -51,8 +51,7 @@ std::vector<AudioDevice> all(AudioBackend& backend) {
 }
 
 bool isCaptureDevice(const AudioDevice& device) {
-    return device.uid == captureDeviceUID || device.name == captureDeviceName ||
-           startsWith(device.name, "BlackHole");
+    return device.uid == captureDeviceUID || device.name == captureDeviceName;
 }
 
 std::vector<AudioDevice> outputs(AudioBackend& backend) {
@@ -65,13 +64,7 @@ std::vector<AudioDevice> outputs(AudioBackend& backend) {
 std::optional<AudioDevice> captureDevice(const std::vector<AudioDevice>& in) {
     for (const auto& d : in)
         if (d.uid == captureDeviceUID || d.name == captureDeviceName) return d;
-    for (const auto& d : in)
-        if (startsWith(d.name, "BlackHole 2ch")) return d;
     return std::nullopt;
-}
-
-std::optional<AudioDevice> blackHole(AudioBackend& backend) {
-    return captureDevice(all(backend));
 }
 
 std::optional<AudioDevice> find(AudioBackend& backend, const std::string& uid) {

@@ -20,12 +20,10 @@ std::vector<DeviceId> deviceIDs(AudioBackend& backend);
 std::vector<DeviceId> visibleDeviceIDs(AudioBackend& backend);
 // Every visible device.
 std::vector<AudioDevice> all(AudioBackend& backend);
-// Devices that can be outputs: not the capture device, no BlackHole, with
-// output channels.
+// Devices that can be outputs: not the capture device, with output channels.
 std::vector<AudioDevice> outputs(AudioBackend& backend);
-// The device with the capture UID or name, else the first "BlackHole 2ch".
+// The device with the capture sink's name or shown name.
 std::optional<AudioDevice> captureDevice(const std::vector<AudioDevice>& in);
-std::optional<AudioDevice> blackHole(AudioBackend& backend);
 bool isCaptureDevice(const AudioDevice& device);
 std::optional<AudioDevice> find(AudioBackend& backend, const std::string& uid);
 std::optional<AudioDevice> deviceOf(AudioBackend& backend, DeviceId id);

@@ -26,20 +26,20 @@ EngineError EngineError::deviceNotFound(const std::string& uid) {
     return e;
 }
 
-EngineError EngineError::coreAudio(int status) {
-    EngineError e(Kind::coreAudio, "coreAudio(" + std::to_string(status) + ")");
+EngineError EngineError::soundServer(int status) {
+    EngineError e(Kind::soundServer, "soundServer(" + std::to_string(status) + ")");
     e.status_ = status;
     return e;
 }
 
-EngineError EngineError::blackHoleWrongRate(double rate) {
-    EngineError e(Kind::blackHoleWrongRate, "blackHoleWrongRate(" + doubleText(rate) + ")");
+EngineError EngineError::captureSinkWrongRate(double rate) {
+    EngineError e(Kind::captureSinkWrongRate, "captureSinkWrongRate(" + doubleText(rate) + ")");
     e.rate_ = rate;
     return e;
 }
 
-EngineError EngineError::blackHoleMissing() {
-    return EngineError(Kind::blackHoleMissing, "blackHoleMissing");
+EngineError EngineError::captureSinkMissing() {
+    return EngineError(Kind::captureSinkMissing, "captureSinkMissing");
 }
 
 }  // namespace vt::engine

@@ -10,16 +10,16 @@ namespace vt::engine {
 
 class EngineError : public std::runtime_error {
   public:
-    enum class Kind { deviceNotFound, coreAudio, blackHoleWrongRate, blackHoleMissing };
+    enum class Kind { deviceNotFound, soundServer, captureSinkWrongRate, captureSinkMissing };
 
     // No sink with this name (an output's device UID).
     static EngineError deviceNotFound(const std::string& uid);
     // The sound server refused; status is its error code.
-    static EngineError coreAudio(int status);
+    static EngineError soundServer(int status);
     // The capture sink exists but does not run at 48 kHz.
-    static EngineError blackHoleWrongRate(double rate);
+    static EngineError captureSinkWrongRate(double rate);
     // The capture sink could not be found or made.
-    static EngineError blackHoleMissing();
+    static EngineError captureSinkMissing();
 
     Kind kind() const { return kind_; }
     const std::string& uid() const { return uid_; }

@@ -134,7 +134,7 @@ void MultiOutputEngine::startCapture() {
     if (!sink) {
         loaded =
             backend_.loadNullSink(kCaptureSinkName, kCaptureSinkDescription, kCaptureRate, 2, true);
-        if (!loaded) throw EngineError::blackHoleMissing();
+        if (!loaded) throw EngineError::captureSinkMissing();
         // The server answers the load before its sink list says so: give the
         // mirror the same second the rate is given to settle.
         for (int i = 0; i < 200 && !sink; ++i) {
@@ -143,14 +143,14 @@ void MultiOutputEngine::startCapture() {
         }
         if (!sink) {
             backend_.unloadModule(*loaded);
-            throw EngineError::blackHoleMissing();
+            throw EngineError::captureSinkMissing();
         }
     }
     // A null sink cannot change rate once made: one left at another rate by
     // someone else is refused rather than resampled behind our back.
     if (sink->sampleRate > 0 && sink->sampleRate != kCaptureRate) {
         if (loaded) backend_.unloadModule(*loaded);
-        throw EngineError::blackHoleWrongRate(sink->sampleRate);
+        throw EngineError::captureSinkWrongRate(sink->sampleRate);
     }
 
     re_engine_reset(ctx_->eng);
@@ -165,7 +165,7 @@ void MultiOutputEngine::startCapture() {
         backend_.openCapture(monitor, kCaptureRate, re_capture_block, &ctx_->input);
     if (!r.stream) {
         if (loaded) backend_.unloadModule(*loaded);
-        throw EngineError::coreAudio(r.status != 0 ? r.status : -1);
+        throw EngineError::soundServer(r.status != 0 ? r.status : -1);
     }
     captureStream_ = std::move(r.stream);
     captureModule_ = loaded;

@@ -1,4 +1,4 @@
-// Which sinks are the capture sink (ours, or an old loopback driver's) and
+// Which sink is the capture sink and
 // which are real outputs, for taking and giving back the default sink.
 #pragma once
 
@@ -9,9 +9,8 @@
 
 namespace vt::guard {
 
-// Our sink by name or shown name; failing that, a "BlackHole 2ch" loopback.
+// Our sink, by name or shown name.
 std::optional<platform::SinkInfo> findCaptureSink(const std::vector<platform::SinkInfo>& sinks);
-// Ours, or any sink whose shown name starts with "BlackHole".
 bool isCaptureSink(const platform::SinkInfo& sink);
 // Sinks that can play to a person: channels, not a capture sink, not one of
 // the mixer's private sinks.

@@ -37,7 +37,7 @@ SinkInfo OutputRestorer::ensureCaptureSink() {
     if (auto found = findCaptureSink(backend_.sinks())) return *found;
     std::optional<uint32_t> module = backend_.loadNullSink(
         Engine::kCaptureSinkName, Engine::kCaptureSinkDescription, Engine::kCaptureRate, 2, true);
-    if (!module) throw engine::EngineError::blackHoleMissing();
+    if (!module) throw engine::EngineError::captureSinkMissing();
     // The server answers the load before its sink list shows the sink.
     for (int i = 0; i < 200; ++i) {
         if (auto sink = backend_.sinkByName(Engine::kCaptureSinkName)) {
@@ -47,7 +47,7 @@ SinkInfo OutputRestorer::ensureCaptureSink() {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     backend_.unloadModule(*module);
-    throw engine::EngineError::blackHoleMissing();
+    throw engine::EngineError::captureSinkMissing();
 }
 
 void OutputRestorer::dropCaptureSinkWeMade() {

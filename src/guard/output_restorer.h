@@ -29,7 +29,7 @@ class OutputRestorer {
     // sink (repairing a default left on the capture sink by an earlier run),
     // copies its volume to the capture sink, makes the capture sink the
     // default and moves other programs' streams onto it. Throws
-    // engine::EngineError (blackHoleMissing) when there is no capture sink
+    // engine::EngineError (captureSinkMissing) when there is no capture sink
     // and none can be made.
     void switchToCaptureSink();
     // Gives the noted sink back with the capture sink's volume, and the

@@ -194,7 +194,7 @@ void AppModel::refreshCaptureAvailable() {
     // Nothing is installed here: the capture sink is a null sink made on the
     // sound server at start. So it is available while a server answers and
     // has not refused to make it, or while it is there already.
-    blackHoleInstalled_ = guard::findCaptureSink(backend_.sinks()).has_value() ||
+    captureSinkPresent_ = guard::findCaptureSink(backend_.sinks()).has_value() ||
                           (backend_.connected() && !captureRefused_);
 }
 
@@ -252,7 +252,7 @@ void AppModel::start() {
         restorer_.restore();
         startError_ = e.what();
         if (const auto* ee = dynamic_cast<const engine::EngineError*>(&e);
-            ee && ee->kind() == engine::EngineError::Kind::blackHoleMissing)
+            ee && ee->kind() == engine::EngineError::Kind::captureSinkMissing)
             captureRefused_ = true;
         refreshCaptureAvailable();
         return;

@@ -79,7 +79,7 @@ class AppModel {
     bool isRunning() const { return isRunning_; }
     double masterVolume() const { return masterVolume_; }
     const std::vector<devices::AudioDevice>& outputDevices() const { return outputDevices_; }
-    bool captureAvailable() const { return blackHoleInstalled_; }
+    bool captureAvailable() const { return captureSinkPresent_; }
     // The sound server answers. While it is away the model keeps its rows,
     // settings and guests, and a running model stays on: it carries on by
     // itself when the server is back.
@@ -291,7 +291,7 @@ class AppModel {
     double masterVolume_ = 1.0;
     std::vector<devices::AudioDevice> outputDevices_;
     std::vector<std::string> lastDeviceIDs_;
-    bool blackHoleInstalled_ = true;
+    bool captureSinkPresent_ = true;
     bool captureRefused_ = false;
     std::optional<std::string> driverInstallError_;
     std::optional<std::string> startError_;

@@ -6,7 +6,7 @@ namespace vt::model {
 
 std::vector<Notice> AppModel::allNotices() const {
     AppNoticeFacts facts;
-    facts.captureAvailable = blackHoleInstalled_;
+    facts.captureAvailable = captureSinkPresent_;
     facts.soundServer = devices::soundServerWord(soundServerKind());
     facts.startCommand = soundServerStartCommand();
     facts.soundServerAwaySeconds = soundServerAwaySeconds();

@@ -14,8 +14,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr const char* kOldDriverName = "BlackHole 2ch";
-
 std::string outputKey(int n) {
     return "output" + std::to_string(n);
 }
@@ -300,7 +298,7 @@ void Settings::setHasSent(bool sent) {
 
 std::string Settings::driverName() const {
     auto name = getString("driverName");
-    if (!name || name->empty() || *name == kOldDriverName) return defaultDriverName;
+    if (!name || name->empty()) return defaultDriverName;
     return *name;
 }
 void Settings::setDriverName(const std::string& name) {

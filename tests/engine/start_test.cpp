@@ -44,8 +44,8 @@ TEST_F(Start, FailuresThrowWithTheirWords) {
         engine.start();
         FAIL();
     } catch (const EngineError& e) {
-        EXPECT_EQ(e.kind(), EngineError::Kind::blackHoleMissing);
-        EXPECT_STREQ(e.what(), "blackHoleMissing");
+        EXPECT_EQ(e.kind(), EngineError::Kind::captureSinkMissing);
+        EXPECT_STREQ(e.what(), "captureSinkMissing");
     }
     fake.failLoadModule(false);
 
@@ -54,7 +54,7 @@ TEST_F(Start, FailuresThrowWithTheirWords) {
         engine.start();
         FAIL();
     } catch (const EngineError& e) {
-        EXPECT_STREQ(e.what(), "coreAudio(2)");
+        EXPECT_STREQ(e.what(), "soundServer(2)");
     }
     EXPECT_FALSE(fake.sinkByName("vellatone")) << "what start made is taken down again";
     EXPECT_FALSE(engine.isRunning());
@@ -65,8 +65,8 @@ TEST_F(Start, FailuresThrowWithTheirWords) {
         engine.start();
         FAIL();
     } catch (const EngineError& e) {
-        EXPECT_EQ(e.kind(), EngineError::Kind::blackHoleWrongRate);
-        EXPECT_STREQ(e.what(), "blackHoleWrongRate(44100.0)");
+        EXPECT_EQ(e.kind(), EngineError::Kind::captureSinkWrongRate);
+        EXPECT_STREQ(e.what(), "captureSinkWrongRate(44100.0)");
     }
     EXPECT_FALSE(engine.isRunning());
 }

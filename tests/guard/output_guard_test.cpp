@@ -27,7 +27,7 @@ class OutputGuardTest : public ::testing::Test, public testing::GuardFixture {
             }
             try {
                 restorer.switchToCaptureSink();
-                if (engineFails) throw engine::EngineError::coreAudio(-1);
+                if (engineFails) throw engine::EngineError::soundServer(-1);
                 running = true;
             } catch (const engine::EngineError&) {
                 restorer.restore();

@@ -105,7 +105,7 @@ TEST_F(OutputRestorerTest, NoCaptureSinkAndNoneCanBeMadeThrowsAndTouchesNothing)
         restorer.switchToCaptureSink();
         FAIL() << "expected EngineError";
     } catch (const engine::EngineError& e) {
-        EXPECT_EQ(e.kind(), engine::EngineError::Kind::blackHoleMissing);
+        EXPECT_EQ(e.kind(), engine::EngineError::Kind::captureSinkMissing);
     }
     EXPECT_EQ(backend.defaultSinkName(), "speakers");
     EXPECT_TRUE(backend.moves().empty());

@@ -136,7 +136,7 @@ TEST(Settings, StoredValuesAreReadTolerantly) {
     writeFile(dir / "settings.json", R"({
         "playbackMode": "Sometimes", "visualiserStyle": "Lava", "appearance": 3,
         "showInMenuBar": "yes", "syncSlowSpeakers": 0, "masterVolume": 7,
-        "outputCount": 1e9, "driverName": "BlackHole 2ch", "masterEQ": "flat",
+        "outputCount": 1e9, "driverName": "", "masterEQ": "flat",
         "pendingRestoreUID": 12, "measureHintDismissed": [1, "uid:a", null]
     })");
     Settings s(dir / "settings.json");
