@@ -241,6 +241,10 @@ void GuestServer::serveClient(int fd) {
             respond(fd, 200, "OK", "application/json", partyJSON(route.clientID));
             return finish();
         case GuestRoute::Kind::sendspin:
+            if (auto refusal = net::HTTPResponse::webSocketRefusal(request)) {
+                net::HTTPResponse::writeAll(fd, *refusal);
+                return finish();
+            }
             serveGuest(fd, route.clientID, head.leftover,
                        std::string(*header(request, "sec-websocket-key")));
             return;

@@ -8,6 +8,11 @@
 
 namespace vt::net::HTTPResponse {
 
+namespace {
+// The only version RFC 6455 defines.
+constexpr const char* kWebSocketVersion = "13";
+}  // namespace
+
 std::string status(int code, std::string_view reason, std::optional<std::string_view> type,
                    std::string_view body) {
     std::string out = "HTTP/1.1 " + std::to_string(code) + " " + std::string(reason) + "\r\n";
@@ -22,6 +27,16 @@ std::string upgrade(std::string_view key) {
     return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: "
            "Upgrade\r\nSec-WebSocket-Accept: " +
            WebSocketFrame::acceptKey(key) + "\r\n\r\n";
+}
+
+std::optional<std::string> webSocketRefusal(const HTTPRequest& request) {
+    const auto version = request.headers.find("sec-websocket-version");
+    if (version == request.headers.end()) return status(400, "Bad Request", {}, {});
+    if (version->second == kWebSocketVersion) return std::nullopt;
+    std::string out = "HTTP/1.1 426 Upgrade Required\r\nSec-WebSocket-Version: ";
+    out += kWebSocketVersion;
+    out += "\r\nContent-Length: 0\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n";
+    return out;
 }
 
 bool writeAll(int fd, std::string_view data) {

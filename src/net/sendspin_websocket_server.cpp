@@ -116,6 +116,11 @@ void SendspinWebSocketServer::serveClient(int fd) {
         ::close(fd);
         return;
     }
+    if (auto refusal = HTTPResponse::webSocketRefusal(request)) {
+        HTTPResponse::writeAll(fd, *refusal);
+        ::close(fd);
+        return;
+    }
     if (!HTTPResponse::writeAll(fd,
                                 HTTPResponse::upgrade(request.headers.at("sec-websocket-key")))) {
         ::close(fd);

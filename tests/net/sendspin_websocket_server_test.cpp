@@ -75,13 +75,19 @@ class ServerTest : public ::testing::Test {
     std::vector<std::string> events_;
 };
 
-TEST_F(ServerTest, Answers404ToOtherPathsAndPlainRequests) {
+TEST_F(ServerTest, RefusesOtherPathsPlainRequestsAndOtherWebSocketVersions) {
     EXPECT_EQ(exchange("GET /other HTTP/1.1\r\nUpgrade: websocket\r\nSec-WebSocket-Key: a\r\n\r\n")
                   .substr(0, 22),
               "HTTP/1.1 404 Not Found");
     EXPECT_EQ(exchange("GET /sendspin HTTP/1.1\r\n\r\n").substr(0, 22), "HTTP/1.1 404 Not Found");
     EXPECT_EQ(exchange(" \r\n\r\n").substr(0, 24), "HTTP/1.1 400 Bad Request");
     EXPECT_EQ(exchange(std::string(20'000, 'h')).substr(0, 12), "HTTP/1.1 431");
+    const std::string upgrade =
+        "GET /sendspin HTTP/1.1\r\nUpgrade: websocket\r\nSec-WebSocket-Key: a\r\n";
+    EXPECT_EQ(exchange(upgrade + "\r\n").substr(0, 24), "HTTP/1.1 400 Bad Request");
+    const std::string otherVersion = exchange(upgrade + "Sec-WebSocket-Version: 8\r\n\r\n");
+    EXPECT_EQ(otherVersion.substr(0, 30), "HTTP/1.1 426 Upgrade Required\r");
+    EXPECT_NE(otherVersion.find("\r\nSec-WebSocket-Version: 13\r\n"), std::string::npos);
     EXPECT_TRUE(events().empty());
 }
 
@@ -123,7 +129,7 @@ TEST_F(ServerTest, TakesAFrameSentInTheSameSegmentAsTheHead) {
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     HTTPResponse::writeAll(fd,
                            "GET /sendspin HTTP/1.1\r\nUpgrade: websocket\r\nSec-WebSocket-Key: "
-                           "x\r\n\r\n" +
+                           "x\r\nSec-WebSocket-Version: 13\r\n\r\n" +
                                WebSocketFrame::encode(WebSocketFrame::Opcode::text, "first", true,
                                                       std::array<uint8_t, 4>{1, 1, 1, 1}));
     ASSERT_TRUE(waitFor(2));
