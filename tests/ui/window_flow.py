@@ -8,87 +8,28 @@ usage: window_flow.py BIN_DIR REPO_DIR SCREENSHOT_DIR
 Needs DISPLAY (run it under xvfb-run)."""
 import json
 import os
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from automation import Window  # noqa: E402
+from window_run import WindowRun  # noqa: E402
 
 BIN, REPO, SHOTS = (os.path.abspath(a) for a in sys.argv[1:4])
 os.makedirs(SHOTS, exist_ok=True)
-work = tempfile.mkdtemp(prefix="vt-window.")
-app = None
-player = None
-
-
-def step(what):
-    print("==", what, flush=True)
-
-
-def fail(why):
-    print("FAIL:", why, file=sys.stderr)
-    log = os.path.join(work, "app.log")
-    if os.path.exists(log):
-        print("--- app.log", file=sys.stderr)
-        print(open(log).read(), file=sys.stderr)
-    raise SystemExit(1)
-
-
-def check(cond, why):
-    if not cond:
-        fail(why)
-
-
-def pulse(*args):
-    return subprocess.run(["pactl", *args], check=True, capture_output=True, text=True).stdout.strip()
-
-
-def cleanup():
-    if player and player.poll() is None:
-        player.kill()
-    if app and app.poll() is None:
-        app.send_signal(signal.SIGTERM)
-        try:
-            app.wait(15)
-        except subprocess.TimeoutExpired:
-            app.kill()
-    subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "stop", os.path.join(work, "pulse")],
-                   capture_output=True)
-    if not os.environ.get("KEEP_WORK"):
-        shutil.rmtree(work, ignore_errors=True)
+run = WindowRun(BIN, REPO, "vt-window.")
+step, fail, check, pulse = run.step, run.fail, run.check, run.pulse
 
 
 def main():
-    global app, player
     step("a private PulseAudio with two speakers")
-    for k in ("PULSE_SINK", "PULSE_SOURCE", "PULSE_SERVER"):
-        os.environ.pop(k, None)
-    out = subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "start", os.path.join(work, "pulse"),
-                          "speakers:48000:Speakers", "living:48000:Living", "kitchen:48000:Kitchen"],
-                         check=True, capture_output=True, text=True).stdout
-    for line in out.splitlines():
-        name, value = line.removeprefix("export ").split("=", 1)
-        os.environ[name] = value
+    run.start_sound_server("speakers:48000:Speakers", "living:48000:Living", "kitchen:48000:Kitchen")
     pulse("set-default-sink", "speakers")
-
-    env = dict(os.environ)
-    env.update(VELLATONE_CONFIG_DIR=os.path.join(work, "config"),
-               VELLATONE_CONTROL_SOCKET=os.path.join(work, "control", "control.sock"),
-               VELLATONE_AUTOMATION_SOCKET=os.path.join(work, "automation.sock"),
-               VELLATONE_GUEST_BIND="127.0.0.1", VELLATONE_GUEST_PORT="0",
-               HOME=os.path.join(work, "home"), XDG_CONFIG_HOME=os.path.join(work, "xdg"))
-    os.makedirs(env["HOME"], exist_ok=True)
+    env = run.env
     step("launch the window")
-    app = subprocess.Popen([os.path.join(BIN, "vellatone")], env=env,
-                           stdout=subprocess.DEVNULL, stderr=open(os.path.join(work, "app.log"), "w"))
-    try:
-        w = Window(env["VELLATONE_AUTOMATION_SOCKET"], timeout=30)
-    except OSError:
-        fail("the automation socket did not open")
+    w = run.launch()
     w.wait_for("the window", lambda: w.visible("startSwitch"))
     check(w.find("startSwitch").get("checked") is False, "the switch starts on")
     check(w.visible("emptyRows"), "no word for an empty list")
@@ -152,11 +93,12 @@ def main():
     w.wait_for("the delay", lambda: w.find("row.1.subtitle").get("text") == "Virtual · 48 kHz · 120 ms")
 
     step("sound into the capture sink moves both meters")
-    raw = os.path.join(work, "tone.raw")
+    raw = run.path("tone.raw")
     subprocess.run(["sox", "-n", "-r", "48000", "-c", "2", "-b", "32", "-e", "floating-point", "-t", "raw",
                     raw, "synth", "40", "sine", "440", "sine", "660", "vol", "0.5"], check=True)
     player = subprocess.Popen(["pacat", "--playback", "--device=vellatone", "--rate=48000", "--channels=2",
                                "--format=float32le", "--latency-msec=100", raw])
+    run.children.append(player)
     w.wait_for("the meters", lambda: all(r["level"] > 0.5 for r in w.rows()["rows"]), timeout=20)
     check(all(w.find(f"row.{r['slot']}.meter").get("level", 0) > 0.3 for r in w.rows()["rows"]),
           "the strips' meters do not show it")
@@ -232,11 +174,9 @@ def main():
     step("after a crash while playing, the next launch says the sound is back, as a card")
     w.click("startSwitch")
     w.wait_for("running again", lambda: w.rows()["running"])
-    app.kill()
-    app.wait()
-    app = subprocess.Popen([os.path.join(BIN, "vellatone")], env=env, stdout=subprocess.DEVNULL,
-                           stderr=open(os.path.join(work, "app.log"), "a"))
-    w = Window(env["VELLATONE_AUTOMATION_SOCKET"], timeout=30)
+    run.app.kill()
+    run.app.wait()
+    w = run.launch(append_log=True)
     w.wait_for("the crash card", lambda: w.visible("notice.crash"))
     check(pulse("get-default-sink") == "speakers", "the output was not given back at launch")
     check(w.find("notice.crash.primary").get("text") == "Turn on Vellatone", "the card's button")
@@ -247,20 +187,15 @@ def main():
     w.wait_for("the card to go", lambda: not w.visible("notice.crash"))
 
     step("SIGTERM quits cleanly")
-    app.send_signal(signal.SIGTERM)
-    check(app.wait(20) == 0, "the application did not exit cleanly")
+    run.app.send_signal(signal.SIGTERM)
+    check(run.app.wait(20) == 0, "the application did not exit cleanly")
     print("PASS", flush=True)
 
 
 try:
     main()
 except AssertionError as e:
-    # A picture of what the window showed when it went wrong.
-    try:
-        Window(os.path.join(work, "automation.sock"), timeout=1).send(
-            cmd="grab", path=os.path.join(SHOTS, "failure.png"))
-    except Exception:
-        pass
+    run.grab_failure(SHOTS)
     fail(str(e))
 finally:
-    cleanup()
+    run.cleanup()

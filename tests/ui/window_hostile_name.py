@@ -12,42 +12,20 @@ import http.server
 import json
 import os
 import re
-import shutil
-import signal
 import socket
 import struct
-import subprocess
 import sys
-import tempfile
 import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from automation import Window  # noqa: E402
+from window_run import WindowRun  # noqa: E402
 
 BIN, REPO, SHOTS = (os.path.abspath(a) for a in sys.argv[1:4])
 os.makedirs(SHOTS, exist_ok=True)
-work = tempfile.mkdtemp(prefix="vt-hostile.")
-app = None
+run = WindowRun(BIN, REPO, "vt-hostile.")
+step, fail, check = run.step, run.fail, run.check
 requests_seen = []
-
-
-def step(what):
-    print("==", what, flush=True)
-
-
-def fail(why):
-    print("FAIL:", why, file=sys.stderr)
-    log = os.path.join(work, "app.log")
-    if os.path.exists(log):
-        print("--- app.log", file=sys.stderr)
-        print(open(log).read(), file=sys.stderr)
-    raise SystemExit(1)
-
-
-def check(cond, why):
-    if not cond:
-        fail(why)
 
 
 class Witness(http.server.BaseHTTPRequestHandler):
@@ -155,55 +133,22 @@ class Guest:
             pass
 
 
-def cleanup():
-    if app and app.poll() is None:
-        app.send_signal(signal.SIGTERM)
-        try:
-            app.wait(15)
-        except subprocess.TimeoutExpired:
-            app.kill()
-    subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "stop", os.path.join(work, "pulse")],
-                   capture_output=True)
-    if not os.environ.get("KEEP_WORK"):
-        shutil.rmtree(work, ignore_errors=True)
-
-
 def main():
-    global app
     step("a listener on loopback that must hear nothing")
     witness = http.server.HTTPServer(("127.0.0.1", 0), Witness)
     threading.Thread(target=witness.serve_forever, daemon=True).start()
     witness_port = witness.server_address[1]
 
     step("a private PulseAudio with one speaker")
-    for k in ("PULSE_SINK", "PULSE_SOURCE", "PULSE_SERVER"):
-        os.environ.pop(k, None)
-    out = subprocess.run([os.path.join(REPO, "scripts/private-pulse.sh"), "start", os.path.join(work, "pulse"),
-                          "speakers:48000:Speakers"], check=True, capture_output=True, text=True).stdout
-    for line in out.splitlines():
-        name, value = line.removeprefix("export ").split("=", 1)
-        os.environ[name] = value
-    env = dict(os.environ)
-    env.update(VELLATONE_CONFIG_DIR=os.path.join(work, "config"),
-               VELLATONE_CONTROL_SOCKET=os.path.join(work, "control", "control.sock"),
-               VELLATONE_AUTOMATION_SOCKET=os.path.join(work, "automation.sock"),
-               VELLATONE_GUEST_BIND="127.0.0.1", VELLATONE_GUEST_PORT="0",
-               HOME=os.path.join(work, "home"), XDG_CONFIG_HOME=os.path.join(work, "xdg"))
-    os.makedirs(env["HOME"], exist_ok=True)
+    run.start_sound_server("speakers:48000:Speakers")
 
     step("launch the window and open the invitation, which starts the guest server")
-    log_path = os.path.join(work, "app.log")
-    app = subprocess.Popen([os.path.join(BIN, "vellatone")], env=env,
-                           stdout=subprocess.DEVNULL, stderr=open(log_path, "w"))
-    try:
-        w = Window(env["VELLATONE_AUTOMATION_SOCKET"], timeout=30)
-    except OSError:
-        fail("the automation socket did not open")
+    w = run.launch()
     w.wait_for("the window", lambda: w.visible("startSwitch"))
     w.click("inviteButton")
 
     def guest_port():
-        m = re.search(r"^vellatone: guest server on port (\d+)$", open(log_path).read(), re.M)
+        m = re.search(r"^vellatone: guest server on port (\d+)$", run.log_text(), re.M)
         return int(m.group(1)) if m else None
     port = w.wait_for("the guest server", guest_port)
     w.send(cmd="key", text="Escape")
@@ -233,4 +178,4 @@ def main():
 try:
     main()
 finally:
-    cleanup()
+    run.cleanup()
