@@ -14,6 +14,7 @@
 #include <string_view>
 #include <thread>
 
+#include "cast/cast_stream.h"
 #include "net/client_threads.h"
 
 namespace vt::cast {
@@ -21,33 +22,33 @@ namespace vt::cast {
 inline constexpr size_t kCastBacklogLimitBytes = 352800;  // two seconds
 inline constexpr double kCastRequestTimeoutSeconds = 5.0;
 
-class CastStreamServer {
+class CastStreamServer final : public CastStream {
   public:
     using Clock = std::function<double()>;
 
     // `clock` is the monotonic clock; tests may give their own.
     explicit CastStreamServer(Clock clock = {});
-    ~CastStreamServer();
+    ~CastStreamServer() override;
     CastStreamServer(const CastStreamServer&) = delete;
     CastStreamServer& operator=(const CastStreamServer&) = delete;
 
     // Listens on every address, on VELLATONE_CAST_LISTEN_PORT or a port the
     // system picks. Throws net::ServerError ("socket: ", "bind/listen: ").
-    void start();
+    void start() override;
     // Closes the listener and the client; idempotent.
-    void stop();
+    void stop() override;
     uint16_t port() const;
     // VELLATONE_CAST_ADVERTISE_PORT, or the port bound.
-    uint16_t advertisedPort() const;
+    uint16_t advertisedPort() const override;
 
     // The pump's 10 ms block of 16-bit stereo; never blocks.
-    void write(const uint8_t* bytes, size_t count);
+    void write(const uint8_t* bytes, size_t count) override;
 
-    std::optional<double> clientStart() const;
-    int clientsServed() const;
-    void setArtwork(std::optional<std::string> path);
+    std::optional<double> clientStart() const override;
+    int clientsServed() const override;
+    void setArtwork(std::optional<std::string> path) override;
     // Called outside the lock on every new stream client.
-    void setOnStreamClient(std::function<void()> callback);
+    void setOnStreamClient(std::function<void()> callback) override;
 
     struct Stats {
         int64_t sent = 0;

@@ -1,0 +1,141 @@
+// Plays to a Cast TV through its default media receiver: launches it, points
+// it at our WAV stream, polls how far it lags behind what was sent, steers
+// that lag to a target with the playback rate, keeps the stream silent until
+// the lag is on target, and then reports the lag as the row's latency so the
+// other outputs are held back by as much.
+//
+// All protocol state lives on `queue`, a serial queue with timers; the
+// channel delivers there. The pump thread ("CastPump") renders the slot
+// every 10 ms and writes it, or silence, to the stream server.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cast/cast_channel.h"
+#include "cast/cast_lag_controller.h"
+#include "cast/cast_lag_estimator.h"
+#include "cast/cast_latency_publisher.h"
+#include "cast/cast_output_sender.h"
+#include "cast/cast_stream.h"
+#include "dispatch/main_queue.h"
+
+namespace vt::cast {
+
+inline constexpr std::string_view kMediaReceiverAppID = "CC1AD845";
+
+// What a sender is built from; each part has a default for the program.
+struct CastSenderParts {
+    // The connection to the TV; TLS by default.
+    std::function<std::unique_ptr<CastConnection>(const std::string& host, uint16_t port)> connect;
+    // The server the TV fetches from; a CastStreamServer by default.
+    std::shared_ptr<CastStream> stream;
+    // This computer's address towards the TV.
+    std::function<std::optional<std::string>(const std::string& host)> localAddress;
+    // Tests drive the stream themselves.
+    bool pump = true;
+};
+
+class CastSender final : public CastOutputSender, public std::enable_shared_from_this<CastSender> {
+  public:
+    // Fills interleaved stereo at 44.1 kHz; runs on the pump thread.
+    using Render = std::function<void(float* into, size_t frames)>;
+
+    static constexpr double kLaunchLimitSeconds = 25.0;
+    static constexpr double kFetchLimitSeconds = 12.0;
+    static constexpr double kCatchUpLimitSeconds = 45.0;
+    static constexpr double kPollFirstSeconds = 1.0;
+    static constexpr double kPollIntervalSeconds = 0.5;
+    static constexpr double kRateSettleSeconds = 1.5;
+    static constexpr double kStallLimitSeconds = 10.0;
+    static constexpr double kPausedLimitSeconds = 5.0;
+    static constexpr double kStopWaitSeconds = 0.8;
+    static constexpr double kStopWriteWaitSeconds = 0.6;
+
+    using Parts = CastSenderParts;
+
+    // `queue` and `mainQueue` must outlive the sender.
+    static std::shared_ptr<CastSender> make(CastTarget target, Render render,
+                                            dispatch::MainQueue& queue,
+                                            dispatch::MainQueue& mainQueue, Parts parts = {});
+    ~CastSender() override;
+
+    void start() override;
+    // Stops the TV's player (unless it belongs to someone else now), the
+    // stream and the channel; waits at most 0.8 s, then reports `stopped`.
+    void stop() override;
+    void send(std::optional<sendspin::TrackInfo> meta) override;
+
+    bool audible() const { return pumpState_->audible.load(); }
+
+  private:
+    struct PumpState {
+        std::atomic<bool> running{false};
+        std::atomic<bool> audible{false};
+        std::mutex exitLock;
+        std::condition_variable exitSignal;
+        bool exited = true;
+    };
+
+    CastSender(CastTarget target, Render render, dispatch::MainQueue& queue,
+               dispatch::MainQueue& mainQueue, Parts parts);
+    void begin();
+    void channelReady();
+    void handle(const CastMessage& message);
+    void receiverStatus(const nlohmann::json& json);
+    void load();
+    void loadFailed();
+    void mediaStatus(const nlohmann::json& json);
+    void setRate(double rate);
+    void streamFetched();
+    void startPolling();
+    void finish(bool stopTV, std::function<void()> then = {});
+    void report(CastStatus status);
+    void publish(double seconds);
+    nlohmann::json mediaMetadata(const std::string& address) const;
+    void startPump();
+    bool running() const { return pumpState_->running.load(); }
+    template <typename F>
+    void later(double seconds, F task);
+
+    const CastTarget target_;
+    Render render_;
+    dispatch::MainQueue& queue_;
+    dispatch::MainQueue& mainQueue_;
+    Parts parts_;
+    std::shared_ptr<PumpState> pumpState_ = std::make_shared<PumpState>();
+
+    // Everything below only on `queue_`.
+    std::shared_ptr<CastChannel> channel_;
+    std::optional<int64_t> launchRequestID_;
+    std::optional<std::string> sessionID_, transportID_;
+    std::optional<int64_t> mediaSessionID_;
+    std::optional<int64_t> loadRequestID_;
+    bool loadSent_ = false;
+    std::string address_;
+    CastLagController controller_;
+    CastLagEstimator estimator_;
+    CastLagReckoning reckoning_;
+    CastLatencyPublisher publisher_;
+    bool publishedMeasured_ = false;
+    std::map<int64_t, double> rateRequests_;
+    std::map<int64_t, double> statusSentAt_;
+    double tvRate_ = 1.0;
+    double settleUntil_ = 0;
+    std::optional<double> estimatorStreamStart_;
+    std::optional<double> pausedSince_, stalledSince_;
+    std::unique_ptr<dispatch::TimerHandle> poll_;
+    std::vector<std::unique_ptr<dispatch::TimerHandle>> timers_;
+    bool ended_ = false;
+    bool started_ = false;
+    std::optional<sendspin::TrackInfo> meta_;
+};
+
+}  // namespace vt::cast
