@@ -1,0 +1,309 @@
+#include "airplay_tool/raop_streamer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <random>
+
+#include "airplay_tool/status_writer.h"
+
+namespace vt::airplay_tool {
+
+namespace {
+
+constexpr int64_t kNsPerMs = 1'000'000;
+constexpr int64_t kSyncIntervalNs = 1'000 * kNsPerMs;
+// The receiver ignores sync packets until it has had a timing answer; it asks
+// right after RECORD, so this wait is normally over before any audio exists.
+constexpr int64_t kTimingWaitNs = 2'000 * kNsPerMs;
+constexpr int64_t kSleepSliceNs = 20 * kNsPerMs;
+constexpr int kPollSliceMs = 100;
+// Room for a start up to eight seconds ahead of the audio that fills it.
+constexpr size_t kMaxQueuedPackets = 8 * kRaopSampleRate / kFramesPerPacket;
+constexpr size_t kPacketBytes = kRtpHeaderBytes + kAlacFrameBytes;
+
+int bindUdp(const std::string& localIP, int& port, std::string& error) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        error = std::string("cannot make a UDP socket: ") + std::strerror(errno);
+        return -1;
+    }
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    if (inet_pton(AF_INET, localIP.c_str(), &a.sin_addr) != 1)
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        error = std::string("cannot bind a UDP socket: ") + std::strerror(errno);
+        close(fd);
+        return -1;
+    }
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port = ntohs(a.sin_port);
+    return fd;
+}
+
+sockaddr_in addressOf(const std::string& ip, int port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
+    return a;
+}
+
+void sleepUntilUnixNs(int64_t due, const std::atomic<bool>& stopping) {
+    while (!stopping.load()) {
+        const int64_t left = due - unixNowNs();
+        if (left <= 0) return;
+        std::this_thread::sleep_for(std::chrono::nanoseconds(std::min(left, kSleepSliceNs)));
+    }
+}
+
+}  // namespace
+
+RaopStreamer::RaopStreamer(StatusWriter& status, std::string localIP, PayloadCipher cipher)
+    : status_(status),
+      localIP_(std::move(localIP)),
+      cipher_(std::move(cipher)),
+      backlog_(kPacketBytes) {
+    std::random_device random;
+    firstSeq_ = static_cast<uint16_t>(random());
+    // Kept clear of 0, which a receiver reads as "no reference".
+    firstTimestamp_ = static_cast<uint32_t>(random()) | 0x100u;
+    ssrc_ = static_cast<uint32_t>(random());
+}
+
+RaopStreamer::~RaopStreamer() {
+    stop();
+    for (int fd : {controlFd_, timingFd_, audioFd_, wakeFd_})
+        if (fd >= 0) close(fd);
+}
+
+bool RaopStreamer::open(std::string& error) {
+    controlFd_ = bindUdp(localIP_, controlPort_, error);
+    if (controlFd_ < 0) return false;
+    timingFd_ = bindUdp(localIP_, timingPort_, error);
+    if (timingFd_ < 0) return false;
+    int audioPort = 0;
+    audioFd_ = bindUdp(localIP_, audioPort, error);
+    if (audioFd_ < 0) return false;
+    wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFd_ < 0) {
+        error = std::string("eventfd: ") + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+void RaopStreamer::setReceiver(const std::string& receiverIP, ReceiverPorts ports) {
+    receiverIP_ = receiverIP;
+    ports_ = ports;
+    sockaddr_in audio = addressOf(receiverIP, ports.audio);
+    ::connect(audioFd_, reinterpret_cast<sockaddr*>(&audio), sizeof audio);
+}
+
+void RaopStreamer::startResponder() {
+    if (!responder_.joinable()) responder_ = std::thread([this] { respond(); });
+}
+
+void RaopStreamer::respond() {
+    uint8_t buf[2048];
+    pollfd fds[3] = {{timingFd_, POLLIN, 0}, {controlFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    while (!stopping_.load()) {
+        if (poll(fds, 3, -1) < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (fds[2].revents) return;
+        if (fds[0].revents & POLLIN) {
+            sockaddr_in from{};
+            socklen_t len = sizeof from;
+            ssize_t n =
+                recvfrom(timingFd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
+            const NtpTime received = ntpFromUnixNs(unixNowNs());
+            if (n > 0) {
+                if (auto transmit = parseTimingRequest({buf, static_cast<size_t>(n)})) {
+                    auto reply = makeTimingReply(*transmit, received, ntpFromUnixNs(unixNowNs()));
+                    sendto(timingFd_, reply.data(), reply.size(), 0,
+                           reinterpret_cast<sockaddr*>(&from), len);
+                    timingExchanges_.fetch_add(1);
+                    changed_.notify_all();
+                }
+            }
+        }
+        if (fds[1].revents & POLLIN) {
+            ssize_t n = recv(controlFd_, buf, sizeof buf, 0);
+            if (n <= 0) continue;
+            auto request = parseResendRequest({buf, static_cast<size_t>(n)});
+            if (!request || receiverIP_.empty()) continue;
+            sockaddr_in to = addressOf(receiverIP_, ports_.control);
+            const uint16_t count = std::min<uint16_t>(request->count, kBacklogPackets);
+            for (uint16_t i = 0; i < count; ++i) {
+                auto original = backlog_.find(static_cast<uint16_t>(request->firstSeq + i));
+                if (original.empty()) continue;
+                auto reply = makeResendReply(original);
+                sendto(controlFd_, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                       sizeof to);
+            }
+        }
+    }
+}
+
+void RaopStreamer::begin(const StreamStart& start) {
+    if (reader_.joinable()) return;
+    reader_ = std::thread([this, start] { readInput(start); });
+    sender_ = std::thread([this] { sendPackets(); });
+}
+
+void RaopStreamer::readInput(StreamStart start) {
+    const size_t packetInputBytes = kFramesPerPacket * start.format.bytesPerFrame();
+    std::vector<uint8_t> input(packetInputBytes);
+    std::array<int16_t, kFramesPerPacket * 2> samples{};
+    int64_t frame = 0;
+    bool ended = false;
+    while (!ended && !stopping_.load()) {
+        size_t have = 0;
+        while (have < packetInputBytes && !stopping_.load()) {
+            pollfd p{start.inputFd, POLLIN, 0};
+            int rc = poll(&p, 1, kPollSliceMs);
+            if (rc < 0 && errno != EINTR) break;
+            if (rc <= 0) continue;
+            ssize_t n = read(start.inputFd, input.data() + have, packetInputBytes - have);
+            if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+            if (n <= 0) {
+                ended = true;
+                break;
+            }
+            if (frame == 0 && have == 0) {
+                std::lock_guard lock(mutex_);
+                if (!timeline_) {
+                    const int64_t now = unixNowNs();
+                    const int64_t earliest = now + int64_t{start.minLeadMs} * kNsPerMs;
+                    const int64_t at = std::max(start.requestedUnixMs * kNsPerMs, earliest);
+                    timeline_.emplace(at, firstTimestamp_, latencyFramesForLead(at - now));
+                    status_.started(start.requestedUnixMs, at / kNsPerMs);
+                    changed_.notify_all();
+                }
+            }
+            have += static_cast<size_t>(n);
+        }
+        const size_t wholeFrames = have / start.format.bytesPerFrame();
+        if (wholeFrames == 0 || stopping_.load()) continue;
+        samples.fill(0);
+        toStereo16(start.format, {input.data(), have}, samples);
+        Packet packet;
+        packet.frame = frame;
+        packAlacStereo16(samples, packet.payload);
+        frame += kFramesPerPacket;
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return queue_.size() < kMaxQueuedPackets || stopping_.load(); });
+        queue_.push_back(packet);
+        changed_.notify_all();
+    }
+    std::lock_guard lock(mutex_);
+    readerDone_ = true;
+    changed_.notify_all();
+}
+
+bool RaopStreamer::waitForTiming() {
+    const int64_t until = unixNowNs() + kTimingWaitNs;
+    while (timingExchanges_.load() == 0 && !stopping_.load() && unixNowNs() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return timingExchanges_.load() > 0;
+}
+
+void RaopStreamer::sendSync(const StreamTimeline& timeline, bool first) {
+    const SyncFields s = timeline.syncAt(unixNowNs());
+    auto packet = makeSyncPacket(first, s.rtpLessLatency, s.ntp, s.rtp);
+    sockaddr_in to = addressOf(receiverIP_, ports_.control);
+    sendto(controlFd_, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
+           sizeof to);
+}
+
+void RaopStreamer::sendPackets() {
+    std::optional<StreamTimeline> timeline;
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock,
+                      [&] { return timeline_.has_value() || stopping_.load() || readerDone_; });
+        if (!timeline_) return;
+        timeline = timeline_;
+    }
+    waitForTiming();
+    uint16_t seq = firstSeq_;
+    bool first = true;
+    int64_t lastSync = 0;
+    std::array<uint8_t, kPacketBytes> wire{};
+    while (!stopping_.load()) {
+        Packet packet;
+        {
+            std::unique_lock lock(mutex_);
+            while (queue_.empty() && !readerDone_ && !stopping_.load()) {
+                changed_.wait_for(lock, std::chrono::milliseconds(kPollSliceMs));
+                if (!first && unixNowNs() - lastSync >= kSyncIntervalNs) {
+                    sendSync(*timeline, false);
+                    lastSync = unixNowNs();
+                }
+            }
+            if (stopping_.load()) break;
+            if (queue_.empty()) break;  // the input ended and everything went out
+            packet = queue_.front();
+            queue_.pop_front();
+            changed_.notify_all();
+        }
+        sleepUntilUnixNs(timeline->sendNotBeforeUnixNs(packet.frame), stopping_);
+        if (stopping_.load()) break;
+        if (first || unixNowNs() - lastSync >= kSyncIntervalNs) {
+            sendSync(*timeline, first);
+            lastSync = unixNowNs();
+        }
+        writeAudioHeader(std::span<uint8_t, kRtpHeaderBytes>(wire.data(), kRtpHeaderBytes), first,
+                         seq, timeline->rtpOf(packet.frame), ssrc_);
+        std::copy(packet.payload.begin(), packet.payload.end(), wire.begin() + kRtpHeaderBytes);
+        if (cipher_) cipher_(std::span<uint8_t>(wire.data() + kRtpHeaderBytes, kAlacFrameBytes));
+        if (send(audioFd_, wire.data(), wire.size(), 0) < 0 && errno == ECONNREFUSED) {
+            fail("the receiver stopped taking audio");
+            break;
+        }
+        backlog_.store(seq, wire);
+        ++seq;
+        first = false;
+    }
+    if (!stopping_.load() && !failure() && !inputEnded_.exchange(true)) status_.eof();
+}
+
+void RaopStreamer::fail(const std::string& why) {
+    std::lock_guard lock(mutex_);
+    if (!failure_) failure_ = why;
+}
+
+std::optional<std::string> RaopStreamer::failure() const {
+    std::lock_guard lock(mutex_);
+    return failure_;
+}
+
+uint32_t RaopStreamer::rtpNow() const {
+    std::lock_guard lock(mutex_);
+    if (!timeline_) return firstTimestamp_;
+    return timeline_->rtpOf(std::max<int64_t>(0, timeline_->frameHeardAt(unixNowNs())));
+}
+
+void RaopStreamer::stop() {
+    stopping_.store(true);
+    if (wakeFd_ >= 0) {
+        uint64_t one = 1;
+        (void)!write(wakeFd_, &one, sizeof one);
+    }
+    changed_.notify_all();
+    for (std::thread* t : {&reader_, &sender_, &responder_})
+        if (t->joinable()) t->join();
+}
+
+}  // namespace vt::airplay_tool

@@ -1,0 +1,116 @@
+// The UDP side of an AirPlay 1 session: answers the receiver's timing
+// requests and resend requests from the moment SETUP names our ports, and
+// after START turns standard input into paced, stamped audio packets with
+// sync packets once a second.
+//
+// Threads: the responder (timing and control sockets), the reader (standard
+// input into a bounded queue of packets) and the sender (the queue onto the
+// network at each packet's time). None of them touches the RTSP connection.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "airplay_tool/alac_frame.h"
+#include "airplay_tool/packet_backlog.h"
+#include "airplay_tool/pcm_input.h"
+#include "airplay_tool/stream_timeline.h"
+#include "airplay_tool/transport_header.h"
+
+namespace vt::airplay_tool {
+
+class StatusWriter;
+
+struct StreamStart {
+    int64_t requestedUnixMs = 0;  // 0: as soon as the receiver allows
+    int minLeadMs = 0;            // the shortest lead the receiver takes
+    int inputFd = 0;
+    PcmFormat format;
+};
+
+class RaopStreamer {
+  public:
+    // Encrypts an audio payload in place; empty for a plain stream.
+    using PayloadCipher = std::function<void(std::span<uint8_t>)>;
+
+    RaopStreamer(StatusWriter& status, std::string localIP, PayloadCipher cipher);
+    ~RaopStreamer();
+
+    // Binds the control and timing sockets; false and `error` on failure.
+    bool open(std::string& error);
+    int controlPort() const { return controlPort_; }
+    int timingPort() const { return timingPort_; }
+    uint16_t firstSeq() const { return firstSeq_; }
+    uint32_t firstTimestamp() const { return firstTimestamp_; }
+
+    // Starts answering timing requests, before RECORD makes the receiver ask.
+    void startResponder();
+    // Where the receiver wants our packets (from the SETUP answer).
+    void setReceiver(const std::string& receiverIP, ReceiverPorts ports);
+    int timingExchanges() const { return timingExchanges_.load(); }
+
+    // Reads standard input and sends. `started` is printed on the first data.
+    void begin(const StreamStart& start);
+    void stop();
+
+    // The RTP time being heard now, for metadata stamps.
+    uint32_t rtpNow() const;
+    bool inputEnded() const { return inputEnded_.load(); }
+    // A fatal problem seen by a thread (sending failed: the receiver is gone).
+    std::optional<std::string> failure() const;
+
+  private:
+    struct Packet {
+        int64_t frame = 0;  // index of its first frame since START
+        std::array<uint8_t, kAlacFrameBytes> payload{};
+    };
+
+    void respond();
+    void readInput(StreamStart start);
+    void sendPackets();
+    void sendSync(const StreamTimeline& timeline, bool first);
+    void fail(const std::string& why);
+    bool waitForTiming();
+
+    StatusWriter& status_;
+    std::string localIP_;
+    PayloadCipher cipher_;
+    int controlFd_ = -1;
+    int timingFd_ = -1;
+    int audioFd_ = -1;
+    int wakeFd_ = -1;  // eventfd that ends the responder's poll
+    int controlPort_ = 0;
+    int timingPort_ = 0;
+    uint16_t firstSeq_ = 0;
+    uint32_t firstTimestamp_ = 0;
+    uint32_t ssrc_ = 0;
+    ReceiverPorts ports_;
+    std::string receiverIP_;
+
+    PacketBacklog backlog_;
+    std::atomic<bool> stopping_{false};
+    std::atomic<bool> inputEnded_{false};
+    std::atomic<int> timingExchanges_{0};
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Packet> queue_;
+    bool readerDone_ = false;
+    std::optional<StreamTimeline> timeline_;
+    std::optional<std::string> failure_;
+
+    std::thread responder_;
+    std::thread reader_;
+    std::thread sender_;
+};
+
+}  // namespace vt::airplay_tool

@@ -1,0 +1,57 @@
+// One RTSP connection to a receiver: numbered requests, one answer each, and
+// the Digest password answered once the receiver asks for it.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "airplay_tool/digest_auth.h"
+#include "airplay_tool/rtsp_message.h"
+
+namespace vt::airplay_tool {
+
+struct RtspResult {
+    std::optional<RtspResponse> response;  // nothing when the connection failed
+    std::string error;                     // why, when there is no response
+    bool triedPassword = false;            // the answer came to a request with our password
+};
+
+class RtspClient {
+  public:
+    // Connects within `timeoutMs`; nothing and `error` set on failure.
+    static std::unique_ptr<RtspClient> connect(const std::string& host, int port, int timeoutMs,
+                                               std::string& error);
+    ~RtspClient();
+    RtspClient(const RtspClient&) = delete;
+    RtspClient& operator=(const RtspClient&) = delete;
+
+    // Headers every request carries (User-Agent, DACP-ID, ...), after CSeq.
+    void addCommonHeader(std::string name, std::string value);
+    void setPassword(std::string password) { password_ = std::move(password); }
+
+    // Sends and waits up to `timeoutMs` for the answer. A 401 with a Digest
+    // challenge is answered with the password, once, when there is one.
+    RtspResult request(RtspRequest request, int timeoutMs);
+
+    int fd() const { return fd_; }
+    const std::string& localIP() const { return localIP_; }
+    const std::string& peerIP() const { return peerIP_; }
+    // Reads what the receiver sent unasked; false when it closed the connection.
+    bool drainUnsolicited();
+
+  private:
+    explicit RtspClient(int fd);
+    RtspResult exchange(const RtspRequest& request, int timeoutMs);
+
+    int fd_ = -1;
+    int cseq_ = 0;
+    std::string localIP_;
+    std::string peerIP_;
+    std::string password_;
+    std::optional<DigestChallenge> challenge_;
+    std::vector<std::pair<std::string, std::string>> common_;
+    std::string pending_;  // bytes past the last answer
+};
+
+}  // namespace vt::airplay_tool
