@@ -1,6 +1,7 @@
 // What the model holds for a Cast row, whichever way the TV is fed.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,6 +15,8 @@ struct CastStatus {
     enum class Kind { failed, connecting, buffering, streaming, unreachable, replaced, stopped };
     Kind kind = Kind::stopped;
     std::string reason;  // the words of `failed`
+    // With `unreachable`: the port the TV was to fetch from, for the firewall's advice.
+    std::optional<uint16_t> streamPort;
 
     bool operator==(const CastStatus&) const = default;
     static CastStatus failed(std::string why) { return {Kind::failed, std::move(why)}; }

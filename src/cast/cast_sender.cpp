@@ -294,7 +294,7 @@ void CastSender::load() {
     later(kFetchLimitSeconds, [](CastSender& self) {
         // The TV was told where the stream is and never came: a firewall.
         if (self.running() && self.parts_.stream->clientsServed() == 0) {
-            self.report({CastStatus::Kind::unreachable, {}});
+            self.report({CastStatus::Kind::unreachable, {}, self.parts_.stream->advertisedPort()});
             self.finish(true);
         }
     });
@@ -332,7 +332,7 @@ void CastSender::loadFailed() {
     if (parts_.stream->clientsServed() > 0)
         report(CastStatus::failed("the TV could not play the stream"));
     else
-        report({CastStatus::Kind::unreachable, {}});
+        report({CastStatus::Kind::unreachable, {}, parts_.stream->advertisedPort()});
     finish(true);
 }
 
