@@ -6,12 +6,15 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <regex>
 #include <thread>
 
+#include "airplay_tool/base64.h"
 #include "airplay_tool/child_process.h"
 #include "airplay_tool/shairport_receiver.h"
 #include "recorder.h"
@@ -79,6 +82,9 @@ class ToolRun {
         process = std::make_unique<ChildProcess>(argv, true);
     }
     ~ToolRun() {
+        // A tool that stopped reading would hold the feeder in its write.
+        stopFeed_ = true;
+        process->kill(SIGKILL);
         stopFeeding();
         process.reset();
         if (cmd_ >= 0) close(cmd_);
@@ -198,6 +204,7 @@ void printBursts(const char* what, const std::vector<HeardBurst>& bursts) {
 class ShairportTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        signal(SIGPIPE, SIG_IGN);
         ASSERT_TRUE(pulse.running()) << pulse.error();
         char tmpl[] = "/tmp/vt-raop-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -293,6 +300,132 @@ TEST_F(ShairportTest, StartAtZeroPlaysAfterTheReportedLead) {
     printBursts("heard after first write + lead", bursts);
     ASSERT_GE(bursts.size(), 4u) << receiver->log();
     expectOnTime(bursts, pulse.pipewire());
+}
+
+}  // namespace
+
+namespace {
+
+// One item of shairport-sync's metadata pipe: type and code as 8 hex digits,
+// the data base64-encoded.
+struct MetadataItem {
+    std::string type, code, data;
+};
+
+std::string hexCode(const std::string& code) {
+    char out[9];
+    std::snprintf(out, sizeof out, "%02x%02x%02x%02x", code[0], code[1], code[2], code[3]);
+    return out;
+}
+
+std::vector<MetadataItem> metadataItems(const std::string& text) {
+    static const std::regex item(
+        R"(<item><type>([0-9a-f]{8})</type><code>([0-9a-f]{8})</code><length>\d+</length>(?:\s*<data encoding="base64">\s*([A-Za-z0-9+/=\s]*)</data>)?</item>)");
+    std::vector<MetadataItem> items;
+    for (std::sregex_iterator it(text.begin(), text.end(), item), end; it != end; ++it) {
+        std::string b64 = (*it)[3];
+        b64.erase(std::remove_if(b64.begin(), b64.end(), ::isspace), b64.end());
+        auto bytes = vt::airplay_tool::base64Decode(b64);
+        items.push_back(
+            {(*it)[1], (*it)[2], bytes ? std::string(bytes->begin(), bytes->end()) : ""});
+    }
+    return items;
+}
+
+std::optional<std::string> lastItem(const std::string& text, const std::string& code) {
+    std::optional<std::string> found;
+    for (const auto& i : metadataItems(text))
+        if (i.code == hexCode(code)) found = i.data;
+    return found;
+}
+
+TEST_F(ShairportTest, PasswordRightOnePlaysWrongOneAndNoneAreRefused) {
+    startReceiver("sesame");
+    {
+        ToolRun tool(dir, {});
+        auto error = tool.process->waitForLine("[STATUS] error", 10s);
+        ASSERT_TRUE(error) << tool.process->transcript();
+        EXPECT_NE(error->find("code=auth_required http=401"), std::string::npos) << *error;
+        EXPECT_TRUE(tool.process->waitForLine("[ERROR]", 1s));
+        EXPECT_EQ(tool.process->wait(5s), 1);
+        EXPECT_FALSE(tool.process->waitForLine("[STATUS] connected", 0ms));
+    }
+    {
+        ToolRun tool(dir, {"--password", "open sesame"});
+        auto error = tool.process->waitForLine("[STATUS] error", 10s);
+        ASSERT_TRUE(error) << tool.process->transcript();
+        EXPECT_NE(error->find("code=auth_failed http=401"), std::string::npos) << *error;
+        EXPECT_TRUE(tool.process->waitForLine("[ERROR]", 1s));
+        EXPECT_EQ(tool.process->wait(5s), 1);
+    }
+    ToolRun tool(dir, {"--password", "sesame"});
+    ASSERT_TRUE(tool.process->waitForLine("[STATUS] connected", 10s)) << tool.process->transcript();
+    int64_t requested = 0;
+    auto recording = record(3.5, [&] {
+        requested = unixMs() + 1500;
+        tool.command("START_UNIX_MS=" + std::to_string(requested) + "\nACTION=START\n");
+        tool.feedTone(2.0);
+    });
+    auto bursts = heardBursts(recording, requested);
+    printBursts("with the password", bursts);
+    EXPECT_GE(bursts.size(), 3u) << receiver->log();
+    tool.command("ACTION=STOP\n");
+    EXPECT_EQ(tool.process->wait(5s), 0);
+}
+
+TEST_F(ShairportTest, MetadataArtworkAndVolumeReachTheReceiver) {
+    startReceiver();
+    const std::string artPath = dir + "/cover.png";
+    const std::string art = std::string("\x89PNG\r\n\x1a\n", 8) + std::string(3000, '\x5a');
+    std::ofstream(artPath, std::ios::binary) << art;
+
+    ToolRun tool(dir, {});
+    ASSERT_TRUE(tool.process->waitForLine("[STATUS] connected", 10s)) << tool.process->transcript();
+    tool.command("START_UNIX_MS=0\nACTION=START\n");
+    tool.feedTone(4.0);
+    ASSERT_TRUE(tool.process->waitForLine("[STATUS] started", 2s));
+    tool.command(
+        "TITLE=Blue in Green\nARTIST=Miles Davis\nALBUM=Kind of Blue\nITEMID=42\nARTWORKFILE=" +
+        artPath + "\nACTION=SENDMETA\n");
+    tool.command("VOLUME=50\nACTION=VOLUME\n");
+
+    std::string text;
+    for (int i = 0; i < 50; ++i) {
+        text = receiver->metadata();
+        if (lastItem(text, "PICT") && lastItem(text, "pvol") &&
+            lastItem(text, "pvol")->rfind("-15.00", 0) == 0)
+            break;
+        std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_EQ(lastItem(text, "minm"), "Blue in Green") << text.substr(0, 4000);
+    EXPECT_EQ(lastItem(text, "asar"), "Miles Davis");
+    EXPECT_EQ(lastItem(text, "asal"), "Kind of Blue");
+    EXPECT_EQ(lastItem(text, "PICT"), art);
+    // The receiver reports the AirPlay volume first: 50 % is -15 dB of its -30..0.
+    auto volume = lastItem(text, "pvol");
+    ASSERT_TRUE(volume);
+    EXPECT_EQ(volume->rfind("-15.00,", 0), 0u) << *volume;
+
+    tool.stopFeeding();
+    tool.command("ACTION=STOP\n");
+    EXPECT_TRUE(tool.process->waitForLine("[STATUS] stopped", 5s));
+    EXPECT_EQ(tool.process->wait(5s), 0);
+}
+
+TEST_F(ShairportTest, AReceiverThatDiesEndsTheToolWithAnError) {
+    startReceiver();
+    ToolRun tool(dir, {});
+    ASSERT_TRUE(tool.process->waitForLine("[STATUS] connected", 10s)) << tool.process->transcript();
+    tool.command("START_UNIX_MS=0\nACTION=START\n");
+    tool.feedTone(6.0);
+    ASSERT_TRUE(tool.process->waitForLine("[STATUS] started", 2s));
+    std::this_thread::sleep_for(1s);
+    receiver->kill();
+    auto error = tool.process->waitForLine("[STATUS] error", 5s);
+    ASSERT_TRUE(error) << tool.process->transcript();
+    EXPECT_NE(error->find("code=disconnected"), std::string::npos) << *error;
+    EXPECT_TRUE(tool.process->waitForLine("[ERROR]", 1s));
+    EXPECT_EQ(tool.process->wait(5s), 1);
 }
 
 }  // namespace
