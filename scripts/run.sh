@@ -63,7 +63,7 @@ fi
 cat <<EOT
 run.sh: drive it from another shell with the control tool; paste this first:
     $exports
-    $repo/build/bin/vellatonectl outputs          # what can be added: id, kind, name
+    $repo/build/bin/vellatonectl outputs          # what can be added: id, kind, name, transport
     $repo/build/bin/vellatonectl add uid:living   # add an output by its id
     $repo/build/bin/vellatonectl delay 0 100      # slot 0 plays 100 ms later
     $repo/build/bin/vellatonectl start            # take the default sink and send

@@ -13,6 +13,7 @@
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "devices/sound_server.h"
+#include "discovery/avahi_services.h"
 #include "dispatch/work_queues.h"
 #include "guard/signal_watcher.h"
 #include "model/notice_words.h"
@@ -72,6 +73,7 @@ AppRuntime::~AppRuntime() {
     server_.reset();
     bridge_.reset();
     model_.reset();
+    services_.reset();
 }
 
 bool AppRuntime::soundServerReachable() const {
@@ -103,6 +105,8 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_ = std::make_unique<model::AppModel>(*backend_, main_, *openQueue_, *settings_,
                                                std::make_unique<settings::DebugLogWriter>());
     model_->enableGuests(std::move(guests));
+    services_ = std::make_unique<discovery::AvahiServices>(main_);
+    model_->enableDiscovery(*services_);
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(

@@ -24,6 +24,9 @@ class Settings;
 namespace vt::dispatch {
 class ConcurrentQueue;
 }
+namespace vt::discovery {
+class AvahiServices;
+}
 namespace vt::guard {
 class SignalWatcher;
 }
@@ -76,6 +79,8 @@ class AppRuntime {
     std::unique_ptr<platform::PulseBackend> backend_;
     std::unique_ptr<settings::Settings> settings_;
     std::unique_ptr<dispatch::ConcurrentQueue> openQueue_;
+    // Declared before the model, which browses through it.
+    std::unique_ptr<discovery::AvahiServices> services_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;

@@ -8,6 +8,7 @@
 #include "devices/audio_devices.h"
 #include "devices/sound_server.h"
 #include "devices/system_output.h"
+#include "discovery/offer_words.h"
 #include "equaliser/eq_kind.h"
 #include "equaliser/eq_preset.h"
 #include "remote/remote_clock.h"
@@ -174,6 +175,12 @@ remote::MacState RemoteBridge::snapshot() const {
                                                kindOfTransport(d.transportType),
                                                "Audio · " + d.meta()});
     }
+    for (const discovery::AirPlayReceiver& r : model_.availableAirPlayReceivers())
+        s.extras.push_back(remote::ExtraOutput{"air:" + r.id, r.name, RowInfo::Kind::airplay,
+                                               discovery::offerWords(r)});
+    for (const discovery::CastDevice& d : model_.availableCastDevices())
+        s.extras.push_back(remote::ExtraOutput{"cast:" + d.id, d.name, RowInfo::Kind::cast,
+                                               discovery::offerWords(d)});
     s.soloSlot = model_.soloSlot();
     s.room = wire(model_.room());
     if (auto id = devices::SystemOutput::defaultOutput(backend_))
@@ -217,8 +224,10 @@ std::optional<remote::MacMessage> RemoteBridge::handle(const PhoneMessage& messa
                            m.setMasterEQ(preset->settings);
                    },
                    [&](const PhoneMessage::AddOutput& p) {
-                       const std::string prefix = "uid:";
-                       if (p.id.rfind(prefix, 0) == 0) m.addOutput(p.id.substr(prefix.size()));
+                       const std::string device = "uid:", airplay = "air:";
+                       if (p.id.rfind(device, 0) == 0) m.addOutput(p.id.substr(device.size()));
+                       if (p.id.rfind(airplay, 0) == 0)
+                           m.addAirPlayOutput(p.id.substr(airplay.size()));
                    },
                    [&](const PhoneMessage::Rename& p) { m.rename(p.slot, p.name); },
                    [&](const PhoneMessage::SetDisabled& p) {

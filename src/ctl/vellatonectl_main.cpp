@@ -25,7 +25,9 @@ using vt::remote::PhoneMessage;
 constexpr const char* kUsage =
     "usage: vellatonectl COMMAND [ARGS]\n"
     "  status              the app's state as one line of JSON\n"
-    "  outputs             outputs that can be added: id, kind, name (tab-separated)\n"
+    "  outputs             outputs that can be added: id, kind, name, transport\n"
+    "                      (tab-separated; an AirPlay or Cast one may say it is still\n"
+    "                      resolving, or what a TV is busy playing)\n"
     "  add ID              add an output by its id\n"
     "  remove SLOT         remove the output in a slot\n"
     "  remove-guest ID     remove a guest's phone by its client id and bar it\n"
@@ -110,8 +112,9 @@ int run(const std::vector<std::string>& args) {
         std::printf("%s\n", vt::remote::toJson(s).dump().c_str());
     } else if (cmd == "outputs") {
         for (const auto& e : s.extras)
-            std::printf("%s\t%s\t%s\n", e.id.c_str(),
-                        std::string(vt::remote::rawValue(e.kind)).c_str(), e.name.c_str());
+            std::printf("%s\t%s\t%s\t%s\n", e.id.c_str(),
+                        std::string(vt::remote::rawValue(e.kind)).c_str(), e.name.c_str(),
+                        e.transport.c_str());
     } else if (cmd == "add") {
         const std::string id = args[1];
         std::string name;

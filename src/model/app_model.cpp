@@ -58,6 +58,8 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 }
 
 AppModel::~AppModel() {
+    castBrowser_.reset();
+    airplayBrowser_.reset();
     // The guests' senders render from the engine on their own threads.
     guestParty_.reset();
     guestServer_.reset();

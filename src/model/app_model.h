@@ -24,6 +24,9 @@
 #include "devices/device_monitor.h"
 #include "devices/server_connection.h"
 #include "devices/sound_server.h"
+#include "discovery/airplay_browser.h"
+#include "discovery/cast_browser.h"
+#include "discovery/service_browser.h"
 #include "dispatch/main_queue.h"
 #include "engine/multi_output_engine.h"
 #include "equaliser/eq_target.h"
@@ -118,6 +121,23 @@ class AppModel {
     int guestCount() const;
     // Something changed on its own (a guest came, went or changed status).
     std::function<void()> onStateChanged;
+
+    // ---- Discovery (app_model_discovery.cpp).
+    // Starts watching the network for AirPlay receivers and Cast devices;
+    // without it both lists stay empty. `services` must outlive the model.
+    void enableDiscovery(discovery::ServiceBrowser& services);
+    const std::vector<discovery::AirPlayReceiver>& airplayReceivers() const {
+        return airplayReceivers_;
+    }
+    const std::vector<discovery::CastDevice>& castDevices() const { return castDevices_; }
+    // The discovered ones no row plays to yet, in the published order.
+    std::vector<discovery::AirPlayReceiver> availableAirPlayReceivers() const;
+    std::vector<discovery::CastDevice> availableCastDevices() const;
+    // Adds a row for a discovered receiver; false when eight regular rows
+    // exist, the receiver is not listed or already has a row.
+    bool addAirPlayOutput(const std::string& receiverID);
+    // Someone acts on a row whose receiver has not resolved yet.
+    void retryUnresolvedReceivers();
 
     // ---- The one switch.
     void startStop();
@@ -314,6 +334,11 @@ class AppModel {
     std::optional<std::map<RowId, bool>> preSolo_;
     std::optional<std::map<RowId, bool>> forcedMutes_;
     std::set<const void*> forcedMuteHolders_;
+
+    std::unique_ptr<discovery::AirPlayBrowser> airplayBrowser_;
+    std::unique_ptr<discovery::CastBrowser> castBrowser_;
+    std::vector<discovery::AirPlayReceiver> airplayReceivers_;
+    std::vector<discovery::CastDevice> castDevices_;
 
     std::optional<GuestSetup> guestSetup_;
     std::unique_ptr<guests::GuestServer> guestServer_;

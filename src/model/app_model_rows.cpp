@@ -338,8 +338,12 @@ bool AppModel::mutedToStore(const RowState& row) const {
 
 bool AppModel::isMissing(const RowState& row) const {
     if (row.isGuest()) return false;
-    // No AirPlay or Cast receiver is known to this build yet.
-    if (row.airplayID || row.castID) return true;
+    if (row.airplayID)
+        return std::none_of(airplayReceivers_.begin(), airplayReceivers_.end(),
+                            [&](const auto& r) { return r.id == *row.airplayID; });
+    if (row.castID)
+        return std::none_of(castDevices_.begin(), castDevices_.end(),
+                            [&](const auto& d) { return d.id == *row.castID; });
     if (row.deviceUID) return !deviceOf(row).has_value();
     return false;
 }

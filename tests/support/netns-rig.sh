@@ -12,6 +12,8 @@
 #                         RIG_BUS_a, RIG_BUS_b (DBUS_SYSTEM_BUS_ADDRESS values)
 #   rig_in HOST CMD...    runs CMD inside HOST, with HOST's system bus
 #   rig_bg HOST CMD...    the same in the background; rig_down kills it
+#   rig_exec HOST CMD...  becomes CMD inside HOST: `(rig_exec a prog) &` makes $!
+#                         the program's own pid
 #   rig_down              kills everything the rig started and removes both
 #                         namespaces (safe to call twice, and from a trap)
 #   rig_skip_reason       prints why the rig cannot run here, or nothing
@@ -136,9 +138,17 @@ rig_in() {
     ip netns exec "${!ns}" env DBUS_SYSTEM_BUS_ADDRESS="${!bus}" "$@"
 }
 
+# The subshell becomes the command itself (ip netns exec and env exec too),
+# so that $! and the pid kept are the command's own.
 rig_bg() {
-    rig_in "$@" &
+    (rig_exec "$@") &
     RIG_PIDS+=("$!")
+}
+
+rig_exec() {
+    local ns="RIG_NS_$1" bus="RIG_BUS_$1"
+    shift
+    exec ip netns exec "${!ns}" env DBUS_SYSTEM_BUS_ADDRESS="${!bus}" "$@"
 }
 
 rig_down() {

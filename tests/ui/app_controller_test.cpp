@@ -5,7 +5,9 @@
 #include "ui/bridge/app_controller.h"
 
 #include <QCoreApplication>
+#include <map>
 
+#include "discovery/fake_service_browser.h"
 #include "model_fixture.h"
 
 namespace vt::model::test {
@@ -38,6 +40,30 @@ TEST_F(AppControllerTest, AddingListsTheRowAndTakesItOutOfTheAddableOnes) {
     EXPECT_EQ(app.addableOutputs().size(), 3);
     for (const QVariant& v : app.addableOutputs())
         EXPECT_NE(v.toMap()["id"].toString(), QString("living"));
+}
+
+TEST_F(AppControllerTest, ThePaletteOffersDiscoveredOutputsWithWhyTheyMayNotBeReady) {
+    discovery::FakeServiceBrowser network(main);
+    ui::AppController app(launch());
+    model->enableDiscovery(network);
+    network.announce("_raop._tcp", {{"A1B2C3D4E5F6@Kitchen", {}}});
+    network.announce("_googlecast._tcp",
+                     {{"Chromecast-1",
+                       {{"id", "c1"}, {"fn", "TV"}, {"st", "1"}, {"rs", "YouTube"}},
+                       discovery::ServiceAddress{"10.0.0.8", 8009}}});
+    settle();
+    std::map<QString, QString> detail;
+    for (const QVariant& v : app.addableOutputs())
+        detail[v.toMap()["id"].toString()] = v.toMap()["detail"].toString();
+    EXPECT_EQ(detail["air:Kitchen"], QString::fromUtf8("AirPlay · resolving…"));
+    EXPECT_EQ(detail["cast:c1"], QString::fromUtf8("Google Cast · in use, playing YouTube"));
+
+    EXPECT_TRUE(app.addOutput("air:Kitchen"));
+    settle();
+    EXPECT_EQ(names(app), std::vector<std::string>{"Kitchen"});
+    for (const QVariant& v : app.addableOutputs())
+        EXPECT_NE(v.toMap()["id"].toString(), QString("air:Kitchen"));
+    model.reset();
 }
 
 TEST_F(AppControllerTest, ChangedValuesAreAnnouncedInPlaceAndNewRowsRebuildTheList) {

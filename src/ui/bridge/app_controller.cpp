@@ -7,12 +7,17 @@
 #include <cmath>
 
 #include "delay/delay_plan.h"
+#include "discovery/offer_words.h"
 #include "model/notice_words.h"
 #include "settings/preferences.h"
 
 namespace vt::ui {
 
 namespace {
+
+// The palette's ids of network outputs; a sink's id is its name as it stands.
+constexpr const char* airplayPrefix = "air:";
+constexpr const char* castPrefix = "cast:";
 
 // A meter reads the last 60 dB; a peak is held and falls back smoothly.
 double meterReading(const engine::MultiOutputEngine::Peak& peak) {
@@ -82,6 +87,22 @@ QVariantList AppController::addableOutputs() const {
         entry["detail"] = QString::fromStdString(device.meta());
         list.push_back(entry);
     }
+    // Network outputs after the computer's own, with their ids' prefixes as
+    // the remote's list gives them.
+    for (const discovery::AirPlayReceiver& receiver : model_.availableAirPlayReceivers()) {
+        QVariantMap entry;
+        entry["id"] = QString::fromStdString(airplayPrefix + receiver.id);
+        entry["name"] = QString::fromStdString(receiver.name);
+        entry["detail"] = QString::fromStdString(discovery::offerWords(receiver));
+        list.push_back(entry);
+    }
+    for (const discovery::CastDevice& device : model_.availableCastDevices()) {
+        QVariantMap entry;
+        entry["id"] = QString::fromStdString(castPrefix + device.id);
+        entry["name"] = QString::fromStdString(device.name);
+        entry["detail"] = QString::fromStdString(discovery::offerWords(device));
+        list.push_back(entry);
+    }
     return list;
 }
 
@@ -95,7 +116,13 @@ void AppController::setMasterVolume(double volume) {
 
 bool AppController::addOutput(const QString& id) {
     bool added = false;
-    act([&] { added = model_.addOutput(id.toStdString()); });
+    const std::string text = id.toStdString();
+    act([&] {
+        if (text.rfind(airplayPrefix, 0) == 0)
+            added = model_.addAirPlayOutput(text.substr(std::string(airplayPrefix).size()));
+        else
+            added = model_.addOutput(text);
+    });
     return added;
 }
 
