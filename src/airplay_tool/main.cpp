@@ -14,6 +14,10 @@
 // something fails, "[STATUS] error code=... http=... detail=..." and
 // "[ERROR] ...". Exit status: 0 after STOP or a signal, 1 after an error,
 // 2 for bad arguments. Without --cmdpipe it starts at once.
+//
+// With START_UNIX_MS=0 an AirPlay 1 receiver hears the first sample 1.5 s
+// after it was read (the lead in "[STATUS] latency lead_ms="); the
+// environment variable CLIAIRPLAY_RAOP_LEAD_MS sets another, 250 to 5000.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>

@@ -1,8 +1,10 @@
 #include "airplay_tool/raop_route.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 
 #include "airplay_tool/artwork.h"
@@ -24,8 +26,14 @@ constexpr int kHttpBusy = 453;
 constexpr int kMinStartLeadMs = 200;
 // The receiver's Audio-Latency is the least it adds, but receivers keep a
 // buffer of their own in front of the sound card (shairport-sync: 0.35 s to
-// PulseAudio, 0.2 s to ALSA) and give up on timing below it.
+// PulseAudio, 0.2 s to ALSA) and give up on timing below it. Below about
+// 1.5 s shairport-sync on PulseAudio restarts its output at the start of a
+// stream, dropping the first second or more; at 1.5 s it drops 10 ms.
 constexpr int kShortestLeadMs = 1500;
+// CLIAIRPLAY_RAOP_LEAD_MS sets another lead for receivers known to take one.
+constexpr int kMinLeadOverrideMs = 250;
+constexpr int kMaxLeadOverrideMs = 5000;
+
 constexpr double kMinVolumeDb = -30.0;
 constexpr double kMuteDb = -144.0;
 constexpr int kMaxVolume = 100;
@@ -43,6 +51,15 @@ int64_t parseInt64(const std::string& text) {
     int64_t value = 0;
     auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     return ec == std::errc() && ptr == text.data() + text.size() ? value : 0;
+}
+
+int shortestLeadMs() {
+    const char* text = std::getenv("CLIAIRPLAY_RAOP_LEAD_MS");
+    if (!text) return kShortestLeadMs;
+    const int64_t value = parseInt64(text);
+    return value > 0 ? static_cast<int>(
+                           std::clamp<int64_t>(value, kMinLeadOverrideMs, kMaxLeadOverrideMs))
+                     : kShortestLeadMs;
 }
 
 std::optional<int> parseVolume(const std::string& text) {
@@ -213,7 +230,7 @@ bool RaopRoute::connect() {
         if (frames > 0 && frames < int64_t{10} * kRaopSampleRate) deviceMinFrames = frames;
     }
     leadMs_ = std::max(
-        kShortestLeadMs,
+        shortestLeadMs(),
         static_cast<int>((deviceMinFrames * 1000 + kRaopSampleRate - 1) / kRaopSampleRate));
     if (options_.volume && !setVolume(*options_.volume)) return false;
 
