@@ -276,11 +276,19 @@ TEST_F(ShairportTest, FirstSampleIsHeardAtTheRequestedTimeAndStopTearsDown) {
                                      << receiver->log();
         expectOnTime(bursts, pulse.pipewire());
 
+        // The app ends a stream by closing standard input and then sending
+        // STOP; a signal ends it the same way.
         tool.stopFeeding();
-        tool.command("ACTION=STOP\n");
+        tool.process->closeStdin();
+        EXPECT_TRUE(tool.process->waitForLine("[STATUS] eof", 5s)) << tool.process->transcript();
+        if (std::string(mode) == "--raw")
+            tool.command("ACTION=STOP\n");
+        else
+            tool.process->kill(SIGTERM);
         ASSERT_TRUE(tool.process->waitForLine("[STATUS] stopped", 5s))
             << tool.process->transcript();
         EXPECT_EQ(tool.process->wait(5s), 0);
+        EXPECT_FALSE(tool.process->waitForLine("[STATUS] error", 0ms));
     }
 }
 
@@ -415,6 +423,21 @@ TEST_F(ShairportTest, MetadataArtworkAndVolumeReachTheReceiver) {
     tool.command("ACTION=STOP\n");
     EXPECT_TRUE(tool.process->waitForLine("[STATUS] stopped", 5s));
     EXPECT_EQ(tool.process->wait(5s), 0);
+}
+
+TEST_F(ShairportTest, ASecondSenderIsToldTheReceiverIsBusy) {
+    startReceiver();
+    ToolRun first(dir, {});
+    ASSERT_TRUE(first.process->waitForLine("[STATUS] connected", 10s));
+    ToolRun second(dir, {});
+    auto error = second.process->waitForLine("[STATUS] error", 10s);
+    ASSERT_TRUE(error) << second.process->transcript();
+    EXPECT_NE(error->find("code=connect_failed http=453"), std::string::npos) << *error;
+    EXPECT_EQ(second.process->wait(5s), 1);
+    // The first keeps its session.
+    EXPECT_FALSE(first.process->wait(0ms));
+    first.command("ACTION=STOP\n");
+    EXPECT_EQ(first.process->wait(5s), 0);
 }
 
 TEST_F(ShairportTest, AReceiverThatDiesEndsTheToolWithAnError) {
