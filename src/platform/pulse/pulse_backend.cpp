@@ -120,9 +120,16 @@ bool PulseBackend::attach() {
     auto control = PulseLoop::connect("Vellatone");
     if (!control) return false;
     auto audio = PulseLoop::connect("Vellatone streams");
-    if (audio) {
-        PulseLoop::Lock lock(*audio);
-        pa_mainloop_api_once(pa_threaded_mainloop_get_api(audio->loop()), &Callbacks::raisePriority,
+    // The capture has a connection of its own. pipewire-pulse sends a
+    // record stream's data late, by up to a few hundred milliseconds in
+    // bursts, when the same connection also carries several playback
+    // streams (pacat recording the same monitor beside it gets its data on
+    // time), and the speakers then run out of captured audio.
+    auto capture = PulseLoop::connect("Vellatone capture");
+    for (const auto& loop : {audio, capture}) {
+        if (!loop) continue;
+        PulseLoop::Lock lock(*loop);
+        pa_mainloop_api_once(pa_threaded_mainloop_get_api(loop->loop()), &Callbacks::raisePriority,
                              nullptr);
     }
     {
@@ -137,6 +144,7 @@ bool PulseBackend::attach() {
         std::lock_guard loops(loopsMutex_);
         control_ = control;
         audio_ = audio;
+        capture_ = capture;
     }
 
     PulseLoop::Lock lock(*control);
@@ -171,11 +179,12 @@ void PulseBackend::forgetServer() {
 }
 
 void PulseBackend::detach() {
-    std::shared_ptr<PulseLoop> control, audio;
+    std::shared_ptr<PulseLoop> control, audio, capture;
     {
         std::lock_guard loops(loopsMutex_);
         control = std::move(control_);
         audio = std::move(audio_);
+        capture = std::move(capture_);
     }
     if (control) {
         PulseLoop::Lock lock(*control);
@@ -205,6 +214,11 @@ std::shared_ptr<PulseLoop> PulseBackend::control() const {
 std::shared_ptr<PulseLoop> PulseBackend::audio() const {
     std::lock_guard loops(loopsMutex_);
     return audio_;
+}
+
+std::shared_ptr<PulseLoop> PulseBackend::captureLoop() const {
+    std::lock_guard loops(loopsMutex_);
+    return capture_;
 }
 
 bool PulseBackend::connected() const {
@@ -429,7 +443,8 @@ bool PulseBackend::unloadModule(uint32_t index) {
 
 StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate,
                                        CaptureCallback proc, void* clientData) {
-    return pulse::openRecordStream(audio(), sourceName, rate ? rate : 48000, proc, clientData);
+    return pulse::openRecordStream(captureLoop(), sourceName, rate ? rate : 48000, proc,
+                                   clientData);
 }
 
 StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t rate,

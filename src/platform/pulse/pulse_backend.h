@@ -63,6 +63,7 @@ class PulseBackend final : public AudioBackend {
     void forgetServer();  // on the control loop's thread, when it is lost
     std::shared_ptr<pulse::PulseLoop> control() const;
     std::shared_ptr<pulse::PulseLoop> audio() const;
+    std::shared_ptr<pulse::PulseLoop> captureLoop() const;
     bool canWrite(const std::shared_ptr<pulse::PulseLoop>& control) const;
     // Under the control loop's lock.
     void refreshSink(pulse::PulseLoop& control, const std::string& name);
@@ -73,6 +74,7 @@ class PulseBackend final : public AudioBackend {
     mutable std::mutex loopsMutex_;
     std::shared_ptr<pulse::PulseLoop> control_;
     std::shared_ptr<pulse::PulseLoop> audio_;
+    std::shared_ptr<pulse::PulseLoop> capture_;
     std::mutex reconnectMutex_;
 
     mutable std::mutex mirrorMutex_;

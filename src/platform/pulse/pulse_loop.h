@@ -1,6 +1,7 @@
 // One connection to the sound server with its own threaded main loop. The
-// backend keeps two: one for the mirror and the writes, one that carries
-// nothing but our streams, so audio never waits behind a device-list query.
+// backend keeps three: one for the mirror and the writes, one that carries
+// nothing but our playback streams, so audio never waits behind a
+// device-list query, and one for the capture alone.
 #pragma once
 
 #include <pulse/pulseaudio.h>
