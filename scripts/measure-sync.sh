@@ -179,5 +179,9 @@ else
         "${checks[@]}" living=living.monitor kitchen=kitchen.monitor den=den.monitor \
         capture=vellatone.monitor 2>"$work/syncmeter.err" || status=$?
 fi
+# Whose a gap is: the server finding one of our streams empty (underruns), or
+# the engine left without captured audio for a speaker (starved).
+awk '/ frames starved$/ { last[$1] = $4 " underruns, " $6 " frames starved" }
+     END { for (s in last) print "engine " s ": " last[s] }' "$work/engine.err" | sort
 [[ -n ${VERBOSE:-} ]] && cat "$work/syncmeter.err" "$work/engine.err" >&2
 exit "$status"

@@ -65,7 +65,10 @@ void raise_peak(std::atomic<uint32_t>& peak, float value) {
 
 void silence(re_slot* s, float* out, uint32_t n) {
     std::fill(out, out + 2 * static_cast<size_t>(n), 0.0f);
-    s->primed.store(0, std::memory_order_relaxed);
+    if (s->primed.exchange(0, std::memory_order_relaxed) != 0 || s->starving) {
+        s->starving = 1;
+        s->starved_frames.fetch_add(n, std::memory_order_relaxed);
+    }
 }
 
 double sample_rate_for(double base_ratio) {
@@ -253,6 +256,7 @@ void render_untimed(re_engine* e, re_slot* s, float* out, uint32_t n) {
     s->ppm.store(c * 1e6, std::memory_order_relaxed);
     re_render_frames(e, s, k, out, n, (1.0 + c) * ratio, gain_target);
     s->primed.store(1, std::memory_order_relaxed);
+    s->starving = 0;
 }
 
 }  // namespace
@@ -422,4 +426,5 @@ void re_engine_render_at_host(re_engine* e, int32_t slot, float* out, uint32_t f
     s->ppm.store(c_speed * 1e6, std::memory_order_relaxed);
     re_render_frames(e, s, k, out, frames, (1.0 + c_speed) * ratio, gain_target);
     s->primed.store(1, std::memory_order_relaxed);
+    s->starving = 0;
 }

@@ -82,6 +82,9 @@ void re_take_reset(re_slot* s) {
     s->late_votes = 0;
     s->coast_budget = 0.0;
     s->slewing = 0;
+    // A slot starting afresh is silent until it locks on; that is no starving.
+    s->primed.store(0, std::memory_order_relaxed);
+    s->starving = 0;
     s->late_frames.store(0.0, std::memory_order_relaxed);
     for (int m = 0; m < 4; ++m) s->mix_now[m] = s->mix[m].load(std::memory_order_relaxed);
     re_eq_reset_state(&s->eq);
@@ -202,6 +205,10 @@ double re_engine_late_ms(const re_engine* e, int32_t slot) {
 
 double re_engine_ppm(const re_engine* e, int32_t slot) {
     return e->slots[slot].ppm.load(std::memory_order_relaxed);
+}
+
+uint64_t re_engine_starved_frames(const re_engine* e, int32_t slot) {
+    return e->slots[slot].starved_frames.load(std::memory_order_relaxed);
 }
 
 void re_engine_take_peak(re_engine* e, int32_t slot, float* left, float* right) {

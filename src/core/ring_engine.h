@@ -55,6 +55,9 @@ uint8_t re_engine_timed(const re_engine* e, int32_t slot);
 double re_engine_fill_err_ms(const re_engine* e, int32_t slot);
 double re_engine_late_ms(const re_engine* e, int32_t slot);
 double re_engine_ppm(const re_engine* e, int32_t slot);
+// Frames of silence the slot played, after it had sounded, because the audio
+// it needed was not (or no longer) in the ring.
+uint64_t re_engine_starved_frames(const re_engine* e, int32_t slot);
 void re_engine_take_peak(re_engine* e, int32_t slot, float* left, float* right);
 
 // Host clock (CLOCK_MONOTONIC; ticks are nanoseconds).

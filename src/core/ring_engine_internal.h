@@ -37,6 +37,7 @@ struct re_slot {
     std::atomic<double> fill_err_frames{0.0};
     std::atomic<double> ppm{0.0};
     std::atomic<uint8_t> primed{0};
+    std::atomic<uint64_t> starved_frames{0};
     std::atomic<double> late_frames{0.0};
     std::atomic<uint8_t> timed{0};
     std::atomic<uint32_t> peak_left{0};
@@ -64,6 +65,7 @@ struct re_slot {
     uint32_t last_frames = 0;
     double coast_budget = 0.0;
     uint8_t slewing = 0;
+    uint8_t starving = 0;  // silent since it last sounded
     std::atomic<uint32_t> generation_seen{0};
     std::atomic<uint32_t> snap_generation{0};
     std::atomic<uint8_t> snap_valid{0};

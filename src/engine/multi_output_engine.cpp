@@ -520,7 +520,9 @@ bool MultiOutputEngine::takeMasterEQClip() {
 
 MultiOutputEngine::Telemetry MultiOutputEngine::telemetry(int slot) const {
     if (!validSlot(slot)) return {};
-    return {re_engine_ppm(ctx_->eng, slot), re_engine_fill_err_ms(ctx_->eng, slot)};
+    const auto& stream = outputStreams_[static_cast<size_t>(slot)];
+    return {re_engine_ppm(ctx_->eng, slot), re_engine_fill_err_ms(ctx_->eng, slot),
+            stream ? stream->underruns() : 0, re_engine_starved_frames(ctx_->eng, slot)};
 }
 
 double MultiOutputEngine::lateMs(int slot) const {

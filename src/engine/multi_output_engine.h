@@ -50,6 +50,8 @@ class MultiOutputEngine {
     struct Telemetry {
         double ppm = 0;
         double fillErrMs = 0;
+        uint64_t underruns = 0;      // times the server found the slot's stream empty
+        uint64_t starvedFrames = 0;  // silence rendered for want of captured audio
     };
     struct Peak {
         float left = 0;

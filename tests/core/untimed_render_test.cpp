@@ -35,6 +35,7 @@ TEST_F(UntimedRender, LocksOnlyOnceTheBaseLagAndABlockExist) {
     write_ramp(e.get(), 1);
     auto out = render(e.get(), 0, kBlock);
     ASSERT_EQ(primed(), 1);
+    EXPECT_EQ(re_engine_starved_frames(e.get(), 0), 0u) << "waiting to lock on is no starving";
     EXPECT_NEAR(frame_of(out, 0), written(e.get()) - 4096, 1e-3);
     EXPECT_FLOAT_EQ(out[1], RE_RAMP_STEP) << "fades in";
     EXPECT_EQ(out[2 * 240 + 1], 1.0f);
@@ -104,13 +105,21 @@ TEST_F(UntimedRender, UnderrunSilencesUntilNewAudioArrives) {
     settle();
     for (int i = 0; i < 100 && primed(); ++i) render(e.get(), 0, kBlock);
     ASSERT_EQ(primed(), 0);
+    EXPECT_EQ(re_engine_starved_frames(e.get(), 0), kBlock);
     EXPECT_EQ(s->resume_at, re_engine_frames_written(e.get()) + 1);
     render(e.get(), 0, kBlock);
     EXPECT_EQ(primed(), 0) << "history alone does not relock";
+    EXPECT_EQ(re_engine_starved_frames(e.get(), 0), 2 * kBlock) << "every silent block counts";
     auto out = cycle();
     ASSERT_EQ(primed(), 1);
     EXPECT_NEAR(frame_of(out, 0), written(e.get()) - 4096, 1e-3);
     EXPECT_FLOAT_EQ(out[1], RE_RAMP_STEP);
+    EXPECT_EQ(re_engine_starved_frames(e.get(), 0), 2 * kBlock) << "sounding again ends it";
+
+    // A reader started afresh waits for its audio without starving.
+    re_engine_reset_reader(e.get(), 0);
+    for (int i = 0; i < 3; ++i) render(e.get(), 0, kBlock);
+    EXPECT_EQ(re_engine_starved_frames(e.get(), 0), 2 * kBlock);
 }
 
 TEST_F(UntimedRender, OverrunJumpsBackWithoutCrossfade) {

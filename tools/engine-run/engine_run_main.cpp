@@ -5,9 +5,11 @@
 //   vellatone-engine-run [--seconds N] SINK=DELAY_MS...
 //
 // Prints "slot N SINK open" / "slot N SINK closed" as slots change, one line
-// a second of telemetry on standard error, and stops the engine (taking its
+// a second of telemetry on standard error, a line there whenever a speaker's
+// underruns or starved frames grow, and stops the engine (taking its
 // capture sink down again) at the end, on SIGINT or on SIGTERM.
 #include <signal.h>
+#include <time.h>
 
 #include <cmath>
 #include <csignal>
@@ -141,12 +143,33 @@ int main(int argc, char** argv) {
             }
             std::fprintf(stderr, "%s\n", line.c_str());
         });
+        // Underruns (the server found a stream empty) and starving (the engine
+        // had no captured audio for a speaker), with the wall-clock time they
+        // were seen within 50 ms: a gap in a recording of the speakers is the
+        // one or the other, or neither of ours.
+        std::vector<vt::engine::MultiOutputEngine::Telemetry> seen(outputs.size());
+        auto watchUnderruns = loop.repeat(0.05, [&] {
+            for (size_t i = 0; i < outputs.size(); ++i) {
+                const auto now = engine.telemetry(static_cast<int>(i));
+                if (now.underruns == seen[i].underruns &&
+                    now.starvedFrames == seen[i].starvedFrames)
+                    continue;
+                timespec wall{};
+                clock_gettime(CLOCK_REALTIME, &wall);
+                std::fprintf(stderr, "%s at %ld.%03ld: %llu underruns, %llu frames starved\n",
+                             outputs[i].first.c_str(), static_cast<long>(wall.tv_sec),
+                             wall.tv_nsec / 1000000, static_cast<unsigned long long>(now.underruns),
+                             static_cast<unsigned long long>(now.starvedFrames));
+                seen[i] = now;
+            }
+        });
         auto end = loop.postAfter(seconds, [&] { loop.quit(); });
         auto watchSignals = loop.repeat(0.05, [&] {
             if (gStop) loop.quit();
         });
         loop.run();
         tick.reset();
+        watchUnderruns.reset();
         follow.reset();
         monitor.stop();
         engine.stop();
