@@ -179,6 +179,12 @@ else
         "${checks[@]}" living=living.monitor kitchen=kitchen.monitor den=den.monitor \
         capture=vellatone.monitor 2>"$work/syncmeter.err" || status=$?
 fi
+# A failed run keeps what the server had in its graph, for whoever looks.
+if [[ $status != 0 && -n ${KEEP_WORK:-} ]]; then
+    pactl list sink-inputs >"$work/sink-inputs.txt" 2>&1 || true
+    pactl list sinks >"$work/sinks.txt" 2>&1 || true
+    [[ $server == pipewire ]] && { pw-dump >"$work/pw-dump.json" 2>&1 || true; }
+fi
 # Whose a gap is: the server finding one of our streams empty (underruns), or
 # the engine left without captured audio for a speaker (starved).
 awk '/ frames starved$/ { last[$1] = $4 " underruns, " $6 " frames starved" }
