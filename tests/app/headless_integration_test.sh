@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The headless application with real parts: a private PulseAudio with a
+# The headless application with real parts: a private sound server with a
 # default sink "speakers" and null sinks "living" (48 kHz), "kitchen"
 # (44.1 kHz) and "den"; vellatone --headless with a fresh config folder and
 # its own control socket; vellatonectl to drive it.
@@ -28,52 +28,13 @@ SETTLE=${SETTLE:-15}
 # milliseconds or more.
 ALIGN_LIMIT_MS=${ALIGN_LIMIT_MS:-1.0}
 
-work=$(mktemp -d /tmp/vt-headless.XXXXXX)
-app_pid= noise_pid=
-cleanup() {
-    [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null || true
-    if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null || true; wait "$app_pid" 2>/dev/null || true; fi
-    "$REPO/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1 || true
-    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "kept $work" >&2; fi
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    for f in "$work"/app*.log; do [[ -f $f ]] && { echo "--- $f" >&2; cat "$f" >&2; }; done
-    exit 1
-}
-step() { echo "== $*"; }
-
-unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
-eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" speakers:48000:Speakers \
-    living:48000:Living kitchen:44100:Kitchen den:48000:Den)"
+. "$REPO/tests/support/app_test.sh"
+noise_pid=
+app_test_on_exit() { [[ -z $noise_pid ]] || kill "$noise_pid" 2>/dev/null; }
+app_test_begin vt-headless speakers:48000:Speakers living:48000:Living kitchen:44100:Kitchen \
+    den:48000:Den
 pactl set-default-sink speakers
-
-export VELLATONE_CONFIG_DIR=$work/config
-export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
-export VELLATONE_GUEST_BIND=127.0.0.1
-export HOME=$work/home
-mkdir -p "$HOME"
-ctl() { "$BIN/vellatonectl" "$@"; }
 default_sink() { pactl get-default-sink; }
-field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
-
-launch() {
-    "$BIN/vellatone" --headless 2>"$work/app$1.log" &
-    app_pid=$!
-    for _ in $(seq 100); do
-        ctl status >/dev/null 2>&1 && return 0
-        kill -0 "$app_pid" 2>/dev/null || fail "the app exited at launch"
-        sleep 0.05
-    done
-    fail "the control socket did not answer"
-}
-terminate() {
-    kill -TERM "$app_pid"
-    wait "$app_pid" || fail "the app did not exit cleanly on SIGTERM"
-    app_pid=
-}
 
 step "launch with a fresh config folder"
 launch 1

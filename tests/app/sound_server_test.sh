@@ -30,53 +30,12 @@ REPO=$(realpath "$2")
 LOUDNESS_LIMIT_DB=0.5
 SOUND_WITHIN_S=2.0
 
-work=$(mktemp -d /tmp/vt-server.XXXXXX)
-app_pid= tone_pid=
 sinks=(speakers:48000:Speakers living:48000:Living kitchen:44100:Kitchen)
-cleanup() {
-    [[ -n $tone_pid ]] && kill "$tone_pid" 2>/dev/null || true
-    if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null || true; wait "$app_pid" 2>/dev/null || true; fi
-    "$REPO/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1 || true
-    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "kept $work" >&2; fi
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    for f in "$work"/app*.log; do [[ -f $f ]] && { echo "--- $f" >&2; cat "$f" >&2; }; done
-    exit 1
-}
-step() { echo "== $*"; }
-
-unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
-eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" "${sinks[@]}")"
-server=$("$REPO/scripts/private-pulse.sh" which "$work/pulse")
-echo "sound server: $server"
+. "$REPO/tests/support/app_test.sh"
+tone_pid=
+app_test_on_exit() { [[ -z $tone_pid ]] || kill "$tone_pid" 2>/dev/null; }
+app_test_begin vt-server "${sinks[@]}"
 pactl set-default-sink living
-
-export VELLATONE_CONFIG_DIR=$work/config
-export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
-export VELLATONE_GUEST_BIND=127.0.0.1
-export HOME=$work/home
-mkdir -p "$HOME"
-ctl() { "$BIN/vellatonectl" "$@"; }
-field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
-
-launch() {
-    "$BIN/vellatone" --headless 2>"$work/app$1.log" &
-    app_pid=$!
-    for _ in $(seq 100); do
-        ctl status >/dev/null 2>&1 && return 0
-        kill -0 "$app_pid" 2>/dev/null || fail "the app exited at launch"
-        sleep 0.05
-    done
-    fail "the control socket did not answer"
-}
-terminate() {
-    kill -TERM "$app_pid"
-    wait "$app_pid" || fail "the app did not exit cleanly on SIGTERM"
-    app_pid=
-}
 
 # A 1 kHz tone for as long as the test runs, from another program.
 sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/tone.raw" synth 300 sine 1000 vol 0.25 \
