@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <thread>
 
 #include "airplay_tool/artwork.h"
 #include "airplay_tool/base64.h"
@@ -19,6 +21,11 @@ namespace {
 constexpr int kConnectTimeoutMs = 5'000;
 constexpr int kAnswerTimeoutMs = 10'000;
 constexpr int kTeardownTimeoutMs = 2'000;
+constexpr int kFirstTimingWaitMs = 1'000;
+constexpr int kFirstTimingPollMs = 5;
+// Some AirPort receivers drop an RTSP connection that stays silent; one
+// OPTIONS this often keeps it, as other senders do.
+constexpr auto kKeepAliveInterval = std::chrono::seconds(25);
 constexpr int kHttpOK = 200;
 constexpr int kHttpUnauthorized = 401;
 constexpr int kHttpBusy = 453;
@@ -234,8 +241,12 @@ bool RaopRoute::connect() {
         static_cast<int>((deviceMinFrames * 1000 + kRaopSampleRate - 1) / kRaopSampleRate));
     if (options_.volume && !setVolume(*options_.volume)) return false;
 
-    status_.latency(leadMs_, deviceMinFrames, kFixedLatencyFrames + latencyFramesForLead(INT64_MAX),
-                    0, leadMs_);
+    // The receiver asks for the time right after RECORD and ignores sync
+    // packets until it has had an answer: "connected" waits for the first.
+    for (int waited = 0; streamer_->timingExchanges() == 0 && waited < kFirstTimingWaitMs;
+         waited += kFirstTimingPollMs)
+        std::this_thread::sleep_for(std::chrono::milliseconds(kFirstTimingPollMs));
+    status_.latency(leadMs_, deviceMinFrames, latencyFramesForLead(INT64_MAX), 0, leadMs_);
     status_.connected();
     status_.clockReadyNtp(streamer_->timingExchanges(), unixNowNs() / 1'000'000);
     return true;
@@ -316,6 +327,16 @@ Outcome RaopRoute::handle(const Command& command) {
 }
 
 Outcome RaopRoute::poll() {
+    if (rtsp_ &&
+        std::chrono::steady_clock::now() - rtsp_->lastRequestTime() >= kKeepAliveInterval) {
+        RtspRequest options = makeRequest("OPTIONS");
+        options.uri = "*";
+        RtspResult result = rtsp_->request(options, kAnswerTimeoutMs);
+        if (!result.response) {
+            status_.error(error_code::disconnected, 0, "OPTIONS: " + result.error);
+            return Outcome::failed;
+        }
+    }
     if (rtsp_ && !rtsp_->drainUnsolicited()) {
         status_.error(error_code::disconnected, 0, "the receiver closed the connection");
         return Outcome::failed;

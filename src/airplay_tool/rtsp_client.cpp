@@ -127,6 +127,7 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
         result.triedPassword = true;
     }
     const std::string wire = r.serialize();
+    lastRequest_ = std::chrono::steady_clock::now();
     size_t sent = 0;
     while (sent < wire.size()) {
         ssize_t n = send(fd_, wire.data() + sent, wire.size() - sent, MSG_NOSIGNAL);

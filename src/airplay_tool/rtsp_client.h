@@ -2,6 +2,7 @@
 // the Digest password answered once the receiver asks for it.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,6 +36,8 @@ class RtspClient {
     RtspResult request(RtspRequest request, int timeoutMs);
 
     int fd() const { return fd_; }
+    // When the last request went out (the connection's opening before any).
+    std::chrono::steady_clock::time_point lastRequestTime() const { return lastRequest_; }
     const std::string& localIP() const { return localIP_; }
     const std::string& peerIP() const { return peerIP_; }
     // Reads what the receiver sent unasked; false when it closed the connection.
@@ -52,6 +55,7 @@ class RtspClient {
     std::optional<DigestChallenge> challenge_;
     std::vector<std::pair<std::string, std::string>> common_;
     std::string pending_;  // bytes past the last answer
+    std::chrono::steady_clock::time_point lastRequest_ = std::chrono::steady_clock::now();
 };
 
 }  // namespace vt::airplay_tool
