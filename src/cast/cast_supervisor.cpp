@@ -184,30 +184,17 @@ void CastSupervisor::stopAll() {
 }
 
 void CastSupervisor::removed(int slot) {
-    stopSender(slot);
-    // Status callbacks carry their slot: a moved sender must report under its new one.
-    std::map<int, Running> moved;
-    for (auto& [s, running] : senders_) {
-        const int to = s > slot ? s - 1 : s;
-        const CastOutputSender* identity = running.sender.get();
-        running.sender->onStatus = [this, to, identity](const CastStatus& status) {
-            onStatus(to, identity, status);
-        };
-        running.sender->onLatency = [this, to, identity](double ms) {
-            const auto it = senders_.find(to);
-            if (it == senders_.end() || it->second.sender.get() != identity) return;
-            if (hooks_.latencyChanged) hooks_.latencyChanged(to, ms);
-        };
-        moved.emplace(to, std::move(running));
-    }
-    senders_ = std::move(moved);
+    // A sender renders its slot: those behind the removed row are rebuilt
+    // at their new slots, not moved.
+    std::vector<int> behind;
+    for (const auto& [s, running] : senders_)
+        if (s >= slot) behind.push_back(s);
+    for (int s : behind) stopSender(s);
     shiftDown(statuses_, slot);
     shiftDown(syncedRows_, slot);
     shiftDown(tries_, slot);
     shiftDown(held_, slot);
-    // A retry waiting for a slot that moved is simply dropped; reconcile starts it again.
-    retryTimers_.clear();
-    retryPending_.clear();
+    if (hooks_.reconcileWanted) hooks_.reconcileWanted();
 }
 
 void CastSupervisor::reconnect(int slot, const std::string& deviceID) {

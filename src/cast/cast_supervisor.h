@@ -72,7 +72,8 @@ class CastSupervisor {
                    const std::vector<CastDeviceSeen>& devices);
     void stopSender(int slot);
     void stopAll();
-    // The row at `slot` was removed: later slots move up by one.
+    // The row at `slot` was removed: later rows move up by one, and their
+    // senders are made again for their new slots.
     void removed(int slot);
     // The user asks for another try.
     void reconnect(int slot, const std::string& deviceID);

@@ -181,23 +181,33 @@ TEST_F(CastSupervisorTest, ATVWithoutTheSyncReceiverFallsBackWithNoTrace) {
     EXPECT_TRUE(last().synced);
 }
 
-TEST_F(CastSupervisorTest, OldSendersAreNotHeardAndMovedOnesSpeakForTheirNewSlot) {
+TEST_F(CastSupervisorTest, RowsBehindARemovedOneGetSendersForTheirNewSlots) {
     rows_ = {{2, "tv1"}, {4, "tv2"}};
     devices_.push_back({"tv2", "Bedroom TV", std::string("10.0.0.10"), 8009});
     reconcile();
     ASSERT_EQ(made_.size(), 2u);
     auto first = made_[0];
     auto second = made_[1];
+    second->say(CastStatus::Kind::unreachable, {}, 4000);
 
+    rows_ = {{3, "tv2"}};  // the model's rows after the removal
     supervisor_->removed(2);
     EXPECT_TRUE(first->stopped);
+    EXPECT_TRUE(supervisor_->held(3)) << "held rows stay held at their new slot";
+    EXPECT_EQ(made_.size(), 2u);
     first->say(CastStatus::Kind::failed, "late words");
-    EXPECT_FALSE(supervisor_->status(2)) << "the stopped sender is not heard";
-    second->say(CastStatus::Kind::streaming);
-    second->onLatency(1100.0);
+    EXPECT_FALSE(supervisor_->status(2)) << "a stopped sender is not heard";
+
+    supervisor_->reconnect(3, "tv2");
+    ASSERT_EQ(made_.size(), 3u);
+    EXPECT_EQ(last().target.id, "tv2");
+    EXPECT_EQ(prepared_.back().first, 3);
+    last().say(CastStatus::Kind::streaming);
+    last().onLatency(1100.0);
     EXPECT_EQ(supervisor_->status(3)->kind, CastStatus::Kind::streaming);
     EXPECT_EQ(latencies_.back(), (std::pair<int, double>{3, 1100.0}));
-    EXPECT_FALSE(supervisor_->status(4));
+    second->say(CastStatus::Kind::failed, "old");
+    EXPECT_EQ(supervisor_->status(3)->kind, CastStatus::Kind::streaming);
 }
 
 }  // namespace
