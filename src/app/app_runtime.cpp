@@ -107,6 +107,8 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_->enableGuests(std::move(guests));
     services_ = std::make_unique<discovery::AvahiServices>(main_);
     model_->enableDiscovery(*services_);
+    castQueue_ = std::make_unique<cast::CastQueue>();
+    model_->enableCast(castQueue_->queue());
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cast/cast_queue.h"
 #include "dispatch/main_queue.h"
 #include "model/app_model.h"
 
@@ -81,6 +82,8 @@ class AppRuntime {
     std::unique_ptr<dispatch::ConcurrentQueue> openQueue_;
     // Declared before the model, which browses through it.
     std::unique_ptr<discovery::AvahiServices> services_;
+    // Before the model, so that it outlives the model's Cast senders.
+    std::unique_ptr<cast::CastQueue> castQueue_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;

@@ -133,7 +133,8 @@ RowInfo RemoteBridge::rowInfo(int slot, const RowState& row) const {
         info.transport = "AirPlay · " + meta;
     } else if (row.isCast()) {
         info.kind = RowInfo::Kind::cast;
-        info.transport = "Cast · " + meta;
+        // The Cast words already say Cast.
+        info.transport = meta;
     } else {
         std::string code;
         for (const devices::AudioDevice& d : model_.outputDevices())
@@ -228,6 +229,8 @@ std::optional<remote::MacMessage> RemoteBridge::handle(const PhoneMessage& messa
                        if (p.id.rfind(device, 0) == 0) m.addOutput(p.id.substr(device.size()));
                        if (p.id.rfind(airplay, 0) == 0)
                            m.addAirPlayOutput(p.id.substr(airplay.size()));
+                       const std::string cast = "cast:";
+                       if (p.id.rfind(cast, 0) == 0) m.addCastOutput(p.id.substr(cast.size()));
                    },
                    [&](const PhoneMessage::Rename& p) { m.rename(p.slot, p.name); },
                    [&](const PhoneMessage::SetDisabled& p) {

@@ -58,6 +58,8 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 }
 
 AppModel::~AppModel() {
+    // Cast senders render from the engine on their own threads.
+    castSupervisor_.reset();
     castBrowser_.reset();
     airplayBrowser_.reset();
     // The guests' senders render from the engine on their own threads.
@@ -275,6 +277,7 @@ void AppModel::start() {
 void AppModel::stop() {
     stopFly();
     if (guestParty_) guestParty_->pause();
+    stopCastSenders();
     engine_->stop();
     restorer_.restore();
     isRunning_ = false;

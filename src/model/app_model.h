@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "cast/cast_supervisor.h"
 #include "delay/playback_mode.h"
 #include "devices/audio_device.h"
 #include "devices/device_monitor.h"
@@ -136,6 +137,16 @@ class AppModel {
     // Adds a row for a discovered receiver; false when eight regular rows
     // exist, the receiver is not listed or already has a row.
     bool addAirPlayOutput(const std::string& receiverID);
+    // The same for a discovered Cast TV.
+    bool addCastOutput(const std::string& deviceID);
+
+    // ---- Cast (app_model_cast.cpp).
+    // Without this no Cast row ever plays. `senderQueue` runs the senders'
+    // protocol work and must outlive the model.
+    void enableCast(dispatch::MainQueue& senderQueue);
+    // Tests give senders of their own.
+    void enableCast(cast::CastSupervisor::SenderFactory factory);
+    cast::CastSupervisor* castSupervisor() { return castSupervisor_.get(); }
     // Someone acts on a row whose receiver has not resolved yet.
     void retryUnresolvedReceivers();
 
@@ -273,7 +284,10 @@ class AppModel {
     // Seams for the network outputs, the mixer and the room, which come with
     // their own subsystems; until then they do nothing.
     void reconcileAirPlaySenders() {}
-    void reconcileCastSenders() {}
+    void reconcileCastSenders();
+    void castStatusChanged(int slot);
+    void castLatencyChanged(int slot, double ms);
+    void stopCastSenders();
     void startGuestServerIfNeeded();
     void rebindGuests();
     std::optional<int> addGuestRow(const std::string& clientID, const std::string& rowName);
@@ -339,6 +353,7 @@ class AppModel {
     std::unique_ptr<discovery::CastBrowser> castBrowser_;
     std::vector<discovery::AirPlayReceiver> airplayReceivers_;
     std::vector<discovery::CastDevice> castDevices_;
+    std::unique_ptr<cast::CastSupervisor> castSupervisor_;
 
     std::optional<GuestSetup> guestSetup_;
     std::unique_ptr<guests::GuestServer> guestServer_;

@@ -53,6 +53,8 @@ void AppModel::act(const Notice& notice, NoticeButton button) {
     if (button != NoticeButton::primary) return;
     if (notice.id == "start" || notice.id == "crash") {
         if (!isRunning_) startStop();
+    } else if (notice.id == "cast-firewall") {
+        for (int slot : noticeSlots(notice.id)) reconnect(slot);
     } else if (notice.id == "device-failed") {
         for (int slot : noticeSlots(notice.id)) pushRow(slot);
     } else if (notice.id == "driver") {
@@ -64,7 +66,7 @@ void AppModel::act(const Notice& notice, NoticeButton button) {
 }
 
 std::string AppModel::meta(const RowState& row) const {
-    return rowMeta(row, deviceOf(row));
+    return rowMeta(row, deviceOf(row), row.isCast() && !row.castStatus && isMissing(row));
 }
 
 }  // namespace vt::model

@@ -142,6 +142,7 @@ void AppModel::removeRow(int slot) {
     refreshLatencyWatches();
     storeOutputCount();
     rebindGuests();
+    if (castSupervisor_) castSupervisor_->removed(slot);
 }
 
 bool AppModel::canUndoRemove() const {
@@ -352,12 +353,19 @@ bool AppModel::canReconnect(int slot) const {
     if (!isRunning_ || validSlot(slot) < 0) return false;
     const RowState& row = rows_[slot];
     if (!row.airplayID && !row.castID) return false;
+    if (row.castID && castSupervisor_) {
+        using Kind = cast::CastStatus::Kind;
+        const auto status = castSupervisor_->status(slot);
+        if (castSupervisor_->held(slot) || (status && status->kind == Kind::failed)) return true;
+    }
     return isMissing(row) || row.heldAfterRestart;
 }
 
 void AppModel::reconnect(int slot) {
     if (!canReconnect(slot)) return;
-    if (rows_[slot].castID) reconcileCastSenders();
+    if (rows_[slot].castID && castSupervisor_) {
+        castSupervisor_->reconnect(slot, *rows_[slot].castID);
+    }
     if (rows_[slot].airplayID) reconcileAirPlaySenders();
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "cast/cast_supervisor.h"
 #include "guests/guest_party.h"
 
 namespace vt::model {
@@ -83,18 +84,35 @@ std::optional<Notice> rowNotice(const RowState& row) {
             .tone = Notice::Tone::fault,
         };
     }
-    // The network rows' notices come with their senders.
+    if (row.isCast() && row.castStatus &&
+        row.castStatus->kind == cast::CastStatus::Kind::unreachable) {
+        const std::string port = row.castStatus->streamPort
+                                     ? "TCP port " + std::to_string(*row.castStatus->streamPort)
+                                     : "TCP";
+        return Notice{
+            .id = "cast-firewall",
+            .title = "The firewall blocks " + row.shownName(),
+            .line =
+                "A Cast TV fetches the sound from this computer, and the firewall turns it away.",
+            .why = "In your firewall, allow incoming connections to Vellatone on " + port +
+                   ", then press Try again.",
+            .primary = "Try again",
+            .tone = Notice::Tone::fault,
+        };
+    }
+    // The other network rows' notices come with their senders.
     return std::nullopt;
 }
 
-std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device) {
+std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device,
+                    bool missing) {
     std::string words;
     if (row.isGuest()) {
         words =
             guests::guestSubtitle(row.guestStatus.value_or(guests::GuestSender::Status::waiting),
                                   row.latencySource == settings::LatencySource::none);
     } else if (row.isCast()) {
-        words = "Cast · not on network";
+        words = cast::castSubtitle(row.castStatus, row.streamLatencyMs, row.castSynced, missing);
     } else if (row.isAirPlay()) {
         words = "AirPlay · unavailable";
     } else if (row.deviceUID) {

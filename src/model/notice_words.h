@@ -39,7 +39,9 @@ std::optional<Notice> rowNotice(const RowState& row);
 
 // The line under a row's name: the device's transport and rate, or what a
 // network row is doing, with the row's delay when it has one. `device` is
-// the row's device when it is present.
-std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device);
+// the row's device when it is present; `missing`, that a network row's
+// receiver is not on the network.
+std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device,
+                    bool missing = false);
 
 }  // namespace vt::model

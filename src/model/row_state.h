@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "cast/cast_output_sender.h"
 #include "equaliser/eq_settings.h"
 #include "guests/guest_sender.h"
 #include "settings/latency_source.h"
@@ -23,6 +24,7 @@ struct RowState {
     std::optional<std::string> deviceUID, deviceName;
     std::optional<std::string> airplayID, airplayName;
     std::optional<std::string> castID, castName;
+    std::optional<cast::CastStatus> castStatus;
     bool castSynced = false;
     std::optional<std::string> guestID, guestName;
     std::optional<guests::GuestSender::Status> guestStatus;

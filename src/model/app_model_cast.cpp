@@ -1,0 +1,126 @@
+// Cast TVs as rows. The supervisor decides which rows get a sender, retries
+// and holds them; the model gives it the rows and devices it has, and turns
+// what the senders report into the rows' status and latency.
+#include <algorithm>
+#include <atomic>
+
+#include "cast/cast_sender.h"
+#include "model/app_model.h"
+#include "model/row_records.h"
+
+namespace vt::model {
+
+void AppModel::enableCast(dispatch::MainQueue& senderQueue) {
+    enableCast([this, &senderQueue](const cast::CastTarget& target, int slot, bool) {
+        // The sender renders its slot until the supervisor replaces it; rows
+        // that move get new senders.
+        auto render = [this, slot](float* into, size_t frames) {
+            engine_->renderAirPlay(slot, into, static_cast<uint32_t>(frames));
+        };
+        return std::static_pointer_cast<cast::CastOutputSender>(
+            cast::CastSender::make(target, std::move(render), senderQueue, main_));
+    });
+}
+
+void AppModel::enableCast(cast::CastSupervisor::SenderFactory factory) {
+    cast::CastSupervisor::Hooks hooks;
+    hooks.prepareSlot = [this](int slot, double rateHz) {
+        engine_->prepareAirPlaySlot(slot, rateHz);
+    };
+    hooks.statusChanged = [this](int slot) { castStatusChanged(slot); };
+    hooks.latencyChanged = [this](int slot, double ms) { castLatencyChanged(slot, ms); };
+    hooks.reconcileWanted = [this] { reconcileCastSenders(); };
+    castSupervisor_ =
+        std::make_unique<cast::CastSupervisor>(main_, std::move(factory), std::move(hooks));
+}
+
+bool AppModel::addCastOutput(const std::string& deviceID) {
+    if (regularRowCount() >= maxRegularOutputs) return false;
+    const auto available = availableCastDevices();
+    auto device = std::find_if(available.begin(), available.end(),
+                               [&](const auto& d) { return d.id == deviceID; });
+    if (device == available.end()) return false;
+
+    RowState row;
+    row.id = newRowId();
+    row.castID = device->id;
+    row.castName = device->name;
+    if (auto key = row.memoryKey()) {
+        if (auto memory = settings_.rememberedOutput(*key)) applyRemembered(row, *memory);
+        row.customName = settings_.customName(*key);
+    }
+    stampNewRow(row);
+
+    const bool wasMuted = row.muted;
+    const int slot = insertRegularRow(std::move(row));
+    if (preSolo_) {
+        (*preSolo_)[rows_[slot].id] = wasMuted;
+        setMutedWithoutRemembering(slot, true);
+    }
+    afterAdding(slot);
+    if (isRunning_) reconcileCastSenders();
+    return true;
+}
+
+void AppModel::reconcileCastSenders() {
+    if (!castSupervisor_) return;
+    std::vector<cast::CastRowWanted> wanted;
+    for (int slot = 0; slot < int(rows_.size()); ++slot) {
+        const RowState& row = rows_[slot];
+        // A row held after a restart waits for the user's word.
+        if (row.castID && !row.disabled && !row.heldAfterRestart)
+            wanted.push_back({slot, *row.castID});
+    }
+    std::vector<cast::CastDeviceSeen> devices;
+    devices.reserve(castDevices_.size());
+    for (const auto& d : castDevices_) devices.push_back({d.id, d.name, d.host, d.port});
+    castSupervisor_->reconcile(isRunning_, wanted, devices);
+    for (int slot = 0; slot < int(rows_.size()); ++slot)
+        if (rows_[slot].castID && !castSupervisor_->hasSender(slot) &&
+            !castSupervisor_->held(slot) && !castSupervisor_->status(slot))
+            rows_[slot].castStatus.reset();
+}
+
+void AppModel::castStatusChanged(int slot) {
+    if (validSlot(slot) < 0 || !rows_[slot].castID || !castSupervisor_) return;
+    RowState& row = rows_[slot];
+    row.castStatus = castSupervisor_->status(slot);
+    row.castSynced = castSupervisor_->synced(slot);
+    using Kind = cast::CastStatus::Kind;
+    if (row.castStatus) {
+        switch (row.castStatus->kind) {
+            case Kind::connecting:
+            case Kind::buffering:
+                if (!row.connectingSince) row.connectingSince = main_.now();
+                break;
+            case Kind::streaming:
+            case Kind::unreachable:
+            case Kind::replaced:
+                row.connectingSince.reset();
+                row.connectStalled = false;
+                break;
+            default:
+                break;
+        }
+    }
+    stateChanged();
+}
+
+void AppModel::castLatencyChanged(int slot, double ms) {
+    if (validSlot(slot) < 0 || !rows_[slot].castID) return;
+    rows_[slot].streamLatencyMs = ms;
+    pushDelays();
+    stateChanged();
+}
+
+void AppModel::stopCastSenders() {
+    if (castSupervisor_) castSupervisor_->stopAll();
+    for (RowState& row : rows_) {
+        if (!row.castID) continue;
+        row.castStatus.reset();
+        row.connectingSince.reset();
+        row.streamLatencyMs = 0;
+    }
+}
+
+}  // namespace vt::model
