@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Measures how well a Google Cast TV plays in time with a local speaker, with
+# real parts: the fake TV (tests/cast/fake-tv) on one host of the network
+# namespace rig, advertised through its avahi-daemon, and vellatone --headless
+# on the other, which finds it by discovery alone. A private sound server
+# (PulseAudio, or PipeWire with VELLATONE_TEST_SERVER=pipewire) has the
+# speaker "living" and the TV's sink "tv"; noise is played into the capture
+# sink, and once the TV's row is locked both monitors are recorded from one
+# process, each placed in time by the server's timing snapshots.
+#
+#   scripts/measure-cast-sync.sh [wav]     the WAV stream with lag control
+#   DURATION=30                            seconds recorded after the lock
+#   LIMIT_MS=5                             exit 1 above this error
+#   BIN=build/bin                          where the binaries are
+#
+# Prints "cast lock: N s" (from the TV's first played sound to the row's
+# lock) and "alignment cast-speaker: median error X ms, max error Y ms".
+set -euo pipefail
+REPO=$(cd "$(dirname "$0")/.." && pwd)
+BIN=$(realpath "${BIN:-$REPO/build/bin}")
+mode=${1:-wav}
+DURATION=${DURATION:-30}
+LIMIT_MS=${LIMIT_MS:-}
+[[ $mode == wav ]] || { echo "measure-cast-sync: only the wav path exists so far" >&2; exit 2; }
+
+source "$REPO/tests/support/netns-rig.sh"
+if reason=$(rig_skip_reason) && [[ -n $reason ]]; then
+    echo "measure-cast-sync: skipped: $reason" >&2
+    exit 77
+fi
+for tool in vellatone vellatonectl vellatone-syncmeter; do
+    [[ -x $BIN/$tool ]] || { echo "measure-cast-sync: $BIN/$tool is missing; build it first" >&2; exit 2; }
+done
+for cmd in node npm avahi-publish pacat sox openssl; do
+    command -v "$cmd" >/dev/null || { echo "measure-cast-sync: $cmd is not installed" >&2; exit 2; }
+done
+fake=$REPO/tests/cast/fake-tv
+[[ -d $fake/node_modules/castv2 ]] || (cd "$fake" && npm ci --no-audit --no-fund >/dev/null)
+
+source "$REPO/tests/support/app_test.sh"
+app_test_on_exit() {
+    exec 3>&- 2>/dev/null || true
+    rig_down
+}
+app_test_begin vellatone-cast-sync living:48000:Living tv:44100:TV
+
+step "two hosts; the TV on b, found by discovery from a"
+rig_up "$work/rig" || fail "the rig did not come up"
+tv_id=0f1e2d3c4b5a69788796a5b4c3d2e1f0
+mkfifo "$work/tv.in"
+rig_bg b bash -c "exec node '$fake/fake-tv.mjs' --host $RIG_ADDR_b --port 8009 --publish 'Lounge TV' \
+    --id $tv_id <'$work/tv.in' >'$work/tv.log' 2>&1"
+exec 3>"$work/tv.in"
+(rig_exec a "$BIN/vellatone" --headless 2>"$work/app1.log") &
+app_pid=$!
+for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.05; done
+for _ in $(seq 150); do
+    ctl outputs 2>/dev/null | grep -qP "^cast:$tv_id\tcast\tLounge TV\tGoogle Cast\$" && break
+    sleep 0.1
+done
+ctl outputs | grep -qP "^cast:$tv_id\t.*Google Cast\$" || fail "the TV was not found: $(ctl outputs)"
+
+step "a speaker and the TV, playing noise"
+ctl add uid:living >/dev/null || fail "add uid:living"
+ctl add "cast:$tv_id" >/dev/null || fail "add cast:$tv_id"
+ctl start >/dev/null || fail "start"
+sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/noise.raw" \
+    synth $((DURATION + 90)) whitenoise vol 0.5 sinc -12k 2>/dev/null
+pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le --latency-msec=100 \
+    --client-name=measure-cast-noise <"$work/noise.raw" &
+noise_pid=$!
+
+cast_words() { ctl status | field "[r['transport'] for r in s['rows'] if r['kind']=='cast'][0]"; }
+played_at="" locked_at=""
+for _ in $(seq 900); do
+    now=$(date +%s.%N)
+    [[ -z $played_at ]] && grep -q '"state":"PLAYING"' "$work/tv.log" && played_at=$now
+    if cast_words | grep -q '^Cast · streaming'; then locked_at=$now; break; fi
+    sleep 0.1
+done
+[[ -n $locked_at && -n $played_at ]] || fail "the TV never locked: $(cast_words); $(grep -v '"message"' "$work/tv.log" | tail -5)"
+lock=$(awk -v a="$played_at" -v b="$locked_at" 'BEGIN { printf "%.1f", b - a }')
+# The delay plan moves the speaker once the lag is published; let it settle.
+sleep 3
+echo "cast row: $(cast_words)"
+
+limit=()
+[[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")
+status=0
+"$BIN/vellatone-syncmeter" --seconds "$DURATION" --windows 12 "${limit[@]}" --expect cast-speaker=0 \
+    speaker=living.monitor cast=tv.monitor 2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
+kill "$noise_pid" 2>/dev/null || true
+echo "cast lock: $lock s"
+grep -E '^(alignment|dropouts|silence)' "$work/syncmeter.out" || cat "$work/syncmeter.err"
+[[ -n ${VERBOSE:-} ]] && cat "$work/syncmeter.err"
+if [[ $status -ne 0 ]]; then fail "alignment outside ${LIMIT_MS:-?} ms"; fi
+exit 0
