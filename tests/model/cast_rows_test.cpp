@@ -123,5 +123,38 @@ TEST_F(CastRowsTest, ARowAwayFromTheNetworkSaysSoAndARemovedRowBeforeItRebuildsI
     EXPECT_EQ(m.meta(m.rows()[1]), "Cast · not on network");
 }
 
+TEST_F(CastRowsTest, ACastRowIsKeptBetweenRunsAndPlaysWhenItsTVIsBack) {
+    AppModel& m = launchWithTV();
+    ASSERT_TRUE(m.addOutput("living"));
+    ASSERT_TRUE(m.addCastOutput("c1"));
+    m.rename(1, std::string("Big screen"));
+    settle();
+
+    AppModel& again = launch();
+    again.enableDiscovery(network);
+    again.enableCast([this](const cast::CastTarget& target, int, bool) {
+        auto sender = std::make_shared<ScriptedSender>();
+        sender->target = target;
+        senders.push_back(sender);
+        return sender;
+    });
+    settle();
+    ASSERT_EQ(again.rows().size(), 2u);
+    EXPECT_EQ(again.rows()[1].castID, "c1");
+    EXPECT_EQ(again.rows()[1].shownName(), "Big screen");
+    again.startStop();
+    settle();
+    EXPECT_TRUE(senders.empty()) << "its TV has not been seen yet";
+    EXPECT_EQ(again.meta(again.rows()[1]), "Cast · not on network");
+    network.announce("_googlecast._tcp", {{"Chromecast-1",
+                                           {{"id", "c1"}, {"fn", "Lounge TV"}},
+                                           discovery::ServiceAddress{"10.0.0.9", 8009}}});
+    settle();
+    ASSERT_EQ(senders.size(), 1u);
+    EXPECT_TRUE(senders[0]->started);
+    again.startStop();
+    settle();
+}
+
 }  // namespace
 }  // namespace vt::model::test
