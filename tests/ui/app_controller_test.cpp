@@ -63,6 +63,9 @@ TEST_F(AppControllerTest, ThePaletteOffersDiscoveredOutputsWithWhyTheyMayNotBeRe
     EXPECT_EQ(names(app), std::vector<std::string>{"Kitchen"});
     for (const QVariant& v : app.addableOutputs())
         EXPECT_NE(v.toMap()["id"].toString(), QString("air:Kitchen"));
+    EXPECT_TRUE(app.addOutput("cast:c1"));
+    settle();
+    EXPECT_EQ(names(app), (std::vector<std::string>{"Kitchen", "TV"}));
     model.reset();
 }
 

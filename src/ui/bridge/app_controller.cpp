@@ -120,6 +120,8 @@ bool AppController::addOutput(const QString& id) {
     act([&] {
         if (text.rfind(airplayPrefix, 0) == 0)
             added = model_.addAirPlayOutput(text.substr(std::string(airplayPrefix).size()));
+        else if (text.rfind(castPrefix, 0) == 0)
+            added = model_.addCastOutput(text.substr(std::string(castPrefix).size()));
         else
             added = model_.addOutput(text);
     });
