@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Runs a command in network and mount namespaces of its own: loopback up, a
-# private system bus and an avahi-daemon on loopback, which shairport-sync
-# needs to start. Receivers and the tool under test then listen and talk only
-# inside, and /run/avahi-daemon is a private tmpfs, so other tests' daemons
-# are untouched.
+# Runs a command in network, mount and process namespaces of its own:
+# loopback up, a private system bus and an avahi-daemon on loopback, which
+# shairport-sync needs to start. Receivers and the tool under test then listen
+# and talk only inside, /run/avahi-daemon is a private tmpfs, so other tests'
+# daemons are untouched, and whatever the command leaves running, even when
+# it is killed by a timeout, ends with the namespace.
 #   tests/airplay_tool/with_receiver_namespace.sh COMMAND [ARGS...]
 set -euo pipefail
 if [ -z "${VT_RECEIVER_NAMESPACE:-}" ]; then
     export VT_RECEIVER_NAMESPACE=1
-    exec unshare -n -m --propagation private "$0" "$@"
+    exec unshare -n -m -p -f --kill-child --mount-proc --propagation private "$0" "$@"
 fi
 dir=$(mktemp -d /tmp/vt-receiver-ns-XXXXXX)
 cleanup() {
