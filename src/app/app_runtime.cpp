@@ -18,6 +18,8 @@
 #include "guard/signal_watcher.h"
 #include "model/notice_words.h"
 #include "platform/pulse/pulse_backend.h"
+#include "secrets/secret_store.h"
+#include "settings/config_paths.h"
 #include "settings/debug_log_writer.h"
 #include "settings/settings.h"
 
@@ -74,6 +76,7 @@ AppRuntime::~AppRuntime() {
     bridge_.reset();
     model_.reset();
     services_.reset();
+    secrets_.reset();
 }
 
 bool AppRuntime::soundServerReachable() const {
@@ -109,6 +112,8 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_->enableDiscovery(*services_);
     castQueue_ = std::make_unique<cast::CastQueue>();
     model_->enableCast(castQueue_->queue());
+    secrets_ = secrets::openSecretStore(settings::dataDir());
+    model_->enableAirPlay(*secrets_);
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(

@@ -28,6 +28,9 @@ class ConcurrentQueue;
 namespace vt::discovery {
 class AvahiServices;
 }
+namespace vt::secrets {
+class SecretStore;
+}
 namespace vt::guard {
 class SignalWatcher;
 }
@@ -84,6 +87,7 @@ class AppRuntime {
     std::unique_ptr<discovery::AvahiServices> services_;
     // Before the model, so that it outlives the model's Cast senders.
     std::unique_ptr<cast::CastQueue> castQueue_;
+    std::unique_ptr<secrets::SecretStore> secrets_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;

@@ -130,7 +130,7 @@ RowInfo RemoteBridge::rowInfo(int slot, const RowState& row) const {
         info.transport = meta;
     } else if (row.isAirPlay()) {
         info.kind = RowInfo::Kind::airplay;
-        info.transport = "AirPlay · " + meta;
+        info.transport = meta;  // its subtitle names AirPlay already
     } else if (row.isCast()) {
         info.kind = RowInfo::Kind::cast;
         // The Cast words already say Cast.

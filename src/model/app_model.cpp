@@ -62,6 +62,8 @@ AppModel::~AppModel() {
     castSupervisor_.reset();
     castBrowser_.reset();
     airplayBrowser_.reset();
+    // Senders render from the engine on their pump threads.
+    airplay_.reset();
     // The guests' senders render from the engine on their own threads.
     guestParty_.reset();
     guestServer_.reset();
@@ -270,6 +272,7 @@ void AppModel::start() {
     captureRefused_ = false;
     refreshCaptureAvailable();
     startTelemetry();
+    if (airplay_) airplay_->engineStarted();
     reconcileAirPlaySenders();
     reconcileCastSenders();
 }
@@ -278,6 +281,7 @@ void AppModel::stop() {
     stopFly();
     if (guestParty_) guestParty_->pause();
     stopCastSenders();
+    if (airplay_) airplay_->stopAll();
     engine_->stop();
     restorer_.restore();
     isRunning_ = false;

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "airplay/airplay_sender.h"
+#include "airplay/airplay_supervisor.h"
 #include "cast/cast_supervisor.h"
 #include "delay/playback_mode.h"
 #include "devices/audio_device.h"
@@ -40,6 +42,8 @@
 #include "model/notice.h"
 #include "model/row_state.h"
 #include "platform/audio_backend.h"
+#include "secrets/airplay_password_store.h"
+#include "secrets/secret_store.h"
 #include "settings/debug_log_writer.h"
 #include "settings/settings.h"
 #include "stage/room_types.h"
@@ -149,6 +153,25 @@ class AppModel {
     cast::CastSupervisor* castSupervisor() { return castSupervisor_.get(); }
     // Someone acts on a row whose receiver has not resolved yet.
     void retryUnresolvedReceivers();
+
+    // ---- AirPlay outputs (app_model_airplay.cpp).
+    // Without it AirPlay rows never play. `secrets` keeps the receivers'
+    // passwords and must outlive the model.
+    void enableAirPlay(secrets::SecretStore& secrets);
+    airplay::AirPlaySupervisor* airplay() { return airplay_.get(); }
+    // The row's receiver leads a group of its own (false when not listed).
+    bool leadsOwnGroup(int slot) const;
+    // The password sheet: opens for the row's receiver; says so when the
+    // receiver refused the password kept here.
+    bool canEnterPassword(int slot) const;
+    void beginPassword(int slot);
+    void submitPassword(const std::string& text);
+    void endPassword();
+    const std::optional<std::string>& passwordReceiverID() const { return passwordReceiverID_; }
+    const std::optional<std::string>& passwordReceiverName() const { return passwordReceiverName_; }
+    bool passwordRejected() const { return passwordRejected_; }
+    // This computer's id towards AirPlay receivers, made once and kept.
+    std::string airplayDeviceID();
 
     // ---- The one switch.
     void startStop();
@@ -283,7 +306,11 @@ class AppModel {
 
     // Seams for the network outputs, the mixer and the room, which come with
     // their own subsystems; until then they do nothing.
-    void reconcileAirPlaySenders() {}
+    void reconcileAirPlaySenders() {
+        if (airplay_) airplay_->reconcile();
+    }
+    std::optional<std::string> airplayRoute(const std::string& receiverID) const;
+    void setAirplayRoute(const std::string& receiverID, const std::optional<std::string>& route);
     void reconcileCastSenders();
     void castStatusChanged(int slot);
     void castLatencyChanged(int slot, double ms);
@@ -354,6 +381,10 @@ class AppModel {
     std::vector<discovery::AirPlayReceiver> airplayReceivers_;
     std::vector<discovery::CastDevice> castDevices_;
     std::unique_ptr<cast::CastSupervisor> castSupervisor_;
+    std::unique_ptr<secrets::AirPlayPasswordStore> passwords_;
+    std::unique_ptr<airplay::AirPlaySupervisor> airplay_;
+    std::optional<std::string> passwordReceiverID_, passwordReceiverName_;
+    bool passwordRejected_ = false;
 
     std::optional<GuestSetup> guestSetup_;
     std::unique_ptr<guests::GuestServer> guestServer_;

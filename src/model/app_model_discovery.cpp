@@ -12,7 +12,7 @@ void AppModel::enableDiscovery(discovery::ServiceBrowser& services) {
     airplayBrowser_ = std::make_unique<discovery::AirPlayBrowser>(services, main_);
     airplayBrowser_->onChange = [this](const std::vector<discovery::AirPlayReceiver>& list) {
         airplayReceivers_ = list;
-        reconcileAirPlaySenders();
+        if (airplay_) airplay_->setReceivers(list);
         stateChanged();
     };
     castBrowser_ = std::make_unique<discovery::CastBrowser>(services, main_);

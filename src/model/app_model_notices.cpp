@@ -1,4 +1,6 @@
 // Notices derived from the model's state, and what their buttons do.
+#include <cstdio>
+
 #include "model/app_model.h"
 #include "model/notice_words.h"
 
@@ -66,6 +68,19 @@ void AppModel::act(const Notice& notice, NoticeButton button) {
 }
 
 std::string AppModel::meta(const RowState& row) const {
+    if (row.isAirPlay() && !row.isCast()) {
+        int slot = -1;
+        for (int s = 0; s < int(rows_.size()); ++s)
+            if (rows_[s].id == row.id) slot = s;
+        std::string words = airplay::airplaySubtitle(isMissing(row), row.airplayStatus,
+                                                     row.streamLatencyMs, leadsOwnGroup(slot));
+        if (row.delayMs != 0) {
+            char buf[48];
+            std::snprintf(buf, sizeof buf, " · %.0f ms", row.delayMs);
+            words += buf;
+        }
+        return words;
+    }
     return rowMeta(row, deviceOf(row), row.isCast() && !row.castStatus && isMissing(row));
 }
 

@@ -143,6 +143,8 @@ void AppModel::removeRow(int slot) {
     storeOutputCount();
     rebindGuests();
     if (castSupervisor_) castSupervisor_->removed(slot);
+    // The AirPlay rows behind it moved: their senders start afresh.
+    if (airplay_) airplay_->rebuild(slot);
 }
 
 bool AppModel::canUndoRemove() const {
@@ -358,6 +360,14 @@ bool AppModel::canReconnect(int slot) const {
         const auto status = castSupervisor_->status(slot);
         if (castSupervisor_->held(slot) || (status && status->kind == Kind::failed)) return true;
     }
+    if (row.airplayID && airplay_ && !isMissing(row)) {
+        // Given up, or failed and waiting for nobody: the user may try again.
+        const auto status = airplay_->status(slot);
+        if (airplay_->isExhausted(slot) || !airplay_->hasSender(slot)) return true;
+        if (status && status->kind != airplay::AirPlayStatus::Kind::streaming &&
+            status->kind != airplay::AirPlayStatus::Kind::connecting)
+            return true;
+    }
     return isMissing(row) || row.heldAfterRestart;
 }
 
@@ -366,7 +376,11 @@ void AppModel::reconnect(int slot) {
     if (rows_[slot].castID && castSupervisor_) {
         castSupervisor_->reconnect(slot, *rows_[slot].castID);
     }
-    if (rows_[slot].airplayID) reconcileAirPlaySenders();
+    if (rows_[slot].airplayID) {
+        rows_[slot].heldAfterRestart = false;
+        retryUnresolvedReceivers();
+        if (airplay_) airplay_->reconnect(slot);
+    }
 }
 
 std::vector<int> AppModel::heldSlots() const {

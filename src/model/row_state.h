@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "airplay/airplay_status.h"
 #include "cast/cast_output_sender.h"
 #include "equaliser/eq_settings.h"
 #include "guests/guest_sender.h"
@@ -25,6 +26,7 @@ struct RowState {
     std::optional<std::string> airplayID, airplayName;
     std::optional<std::string> castID, castName;
     std::optional<cast::CastStatus> castStatus;
+    std::optional<airplay::AirPlayStatus> airplayStatus;
     bool castSynced = false;
     std::optional<std::string> guestID, guestName;
     std::optional<guests::GuestSender::Status> guestStatus;

@@ -1,0 +1,132 @@
+#!/usr/bin/env bash
+# AirPlay with real parts: Debian's shairport-sync as the receiver on host b
+# of the namespace rig, playing through its "pa" backend into the null sink
+# "airport" of a private sound server (the receiver's room); the headless
+# app on host a with a speaker "living" on the same server. Checks: the
+# receiver is listed by discovery alone; add and start make it play (sound
+# at airport's monitor, the row streaming with its lag); a receiver with a
+# password asks for it and plays once it is given; stop leaves no tool
+# process behind.
+#
+#   airplay_e2e_test.sh BIN_DIR REPO_DIR
+set -uo pipefail
+
+BIN=$(realpath "$1")
+REPO=$(realpath "$2")
+source "$REPO/tests/support/netns-rig.sh"
+if reason=$(rig_skip_reason) && [[ -n $reason ]]; then
+    echo "skipped: $reason"
+    exit 77
+fi
+command -v shairport-sync >/dev/null || { echo "skipped: shairport-sync is not installed"; exit 77; }
+[[ -x $BIN/vellatone-airplay ]] || { echo "skipped: no vellatone-airplay built"; exit 77; }
+
+work=$(mktemp -d /tmp/vt-airplay-e2e.XXXXXX)
+app_pid= receiver_pid= noise_pid=
+cleanup() {
+    [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null
+    if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null; wait "$app_pid" 2>/dev/null; fi
+    rig_down
+    "$REPO/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1
+    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "kept $work" >&2; fi
+}
+trap cleanup EXIT
+fail() {
+    echo "FAIL: $*" >&2
+    pactl list sink-inputs 2>&1 | grep -E 'Sink Input|Sink:|application.name|Volume|Mute|Corked' >&2
+    for f in "$work"/app*.log "$work"/receiver*.log; do
+        [[ -f $f ]] && { echo "--- $f" >&2; tail -40 "$f" >&2; }
+    done
+    exit 1
+}
+step() { echo "== $*"; }
+
+unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
+eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" speakers:48000:Speakers \
+    living:48000:Living airport:44100:Airport)" || fail "no private sound server"
+pactl set-default-sink speakers
+export VELLATONE_CONFIG_DIR=$work/config VELLATONE_DATA_DIR=$work/data
+export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
+export VELLATONE_GUEST_BIND=127.0.0.1
+export VELLATONE_CLIAIRPLAY=$BIN/vellatone-airplay
+export HOME=$work/home
+mkdir -p "$HOME"
+ctl() { "$BIN/vellatonectl" "$@"; }
+field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
+row_transport() { ctl status | field "[r['transport'] for r in s['rows'] if r['kind']=='airplay'][0]"; }
+
+receiver() {  # name [password]
+    local conf=$work/shairport-$1.conf
+    {
+        printf 'general = { name = "%s"; port = 5000; output_backend = "pa"; ' "$1"
+        printf 'mdns_backend = "avahi"; udp_port_base = 6001;'
+        [[ -n ${2:-} ]] && printf ' password = "%s";' "$2"
+        printf ' };\npa = { server = "%s"; sink = "airport"; };\n' "$PULSE_SERVER"
+    } >"$conf"
+    (rig_exec b shairport-sync -c "$conf" -u >"$work/receiver-$1.log" 2>&1) &
+    receiver_pid=$!
+    RIG_PIDS+=("$receiver_pid")
+}
+stop_receiver() {
+    kill "$receiver_pid" 2>/dev/null
+    wait "$receiver_pid" 2>/dev/null
+    receiver_pid=
+}
+launch() {
+    (rig_exec a "$BIN/vellatone" --headless 2>"$work/app$1.log") &
+    app_pid=$!
+    for _ in $(seq 100); do
+        ctl status >/dev/null 2>&1 && return 0
+        kill -0 "$app_pid" 2>/dev/null || fail "the app exited at launch"
+        sleep 0.05
+    done
+    fail "the control socket did not answer"
+}
+await() {  # seconds, description, command...
+    local seconds=$1 what=$2
+    shift 2
+    for _ in $(seq $((seconds * 10))); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    fail "$what"
+}
+# Peak level at the receiver's sink over half a second of its monitor.
+airport_level() {
+    timeout 3 parec -d airport.monitor --rate=44100 --channels=1 --format=s16le \
+        --latency-msec=20 2>/dev/null | head -c 44100 |
+        python3 -c "import sys,array; a=array.array('h',sys.stdin.buffer.read()); print(max((abs(x) for x in a), default=0))"
+}
+plays() { (( $(airport_level) > 1000 )); }
+tools_running() { pgrep -f "^$BIN/vellatone-airplay " >/dev/null; }
+
+step "two hosts; shairport-sync on b, the app on a"
+rig_up "$work/rig" || fail "the rig did not come up"
+receiver Kitchen
+launch 1
+await 15 "the receiver was not listed" bash -c "'$BIN/vellatonectl' outputs | grep -q '^air:Kitchen	airplay	Kitchen	AirPlay$'"
+
+step "add and start: the receiver plays what the computer plays"
+ctl add air:Kitchen >/dev/null || fail "add"
+ctl add uid:living >/dev/null || fail "add living"
+sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/noise.raw" synth 120 whitenoise vol 0.5 2>/dev/null
+ctl start >/dev/null || fail "start"
+pacat --playback --rate=48000 --channels=2 --format=float32le --client-name=e2e-noise <"$work/noise.raw" &
+noise_pid=$!
+await 20 "the row never said it streams: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '*'s lag, auto-synced'* ]]"
+await 10 "no sound reached the receiver's room (level $(airport_level), row: $(row_transport))" plays
+echo "row: $(row_transport)"
+
+step "stop: no tool process is left"
+ctl stop >/dev/null || fail "stop"
+await 5 "a vellatone-airplay process is still running" bash -c "! pgrep -f '^$BIN/vellatone-airplay ' >/dev/null"
+
+step "a receiver with a password asks for it"
+stop_receiver
+receiver Kitchen secret
+sleep 2
+ctl start >/dev/null || fail "start again"
+await 20 "the row never asked for its password: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'needs its password'* ]]"
+ctl stop >/dev/null
+kill -TERM "$app_pid"; wait "$app_pid"; app_pid=
+echo PASS

@@ -1,0 +1,98 @@
+// AirPlay rows through the model: the tool found beside it or named by the
+// environment, a row's sender started with Start and stopped with Stop, the
+// subtitle it shows, and the password sheet.
+#include <stdlib.h>
+
+#include <chrono>
+#include <thread>
+
+#include "discovery/fake_service_browser.h"
+#include "model_fixture.h"
+#include "secrets/file_secret_store.h"
+
+namespace vt::model::test {
+namespace {
+
+using Kind = airplay::AirPlayStatus::Kind;
+
+class AirPlayModelTest : public ModelTest {
+  protected:
+    AirPlayModelTest() {
+        setenv("VELLATONE_CLIAIRPLAY", VELLATONE_FAKE_AIRPLAY_TOOL, 1);
+        setenv("FAKE_TOOL_DIR", dir.c_str(), 1);
+        for (const char* v :
+             {"FAKE_TOOL_OUT", "FAKE_TOOL_ERR", "FAKE_TOOL_ON_START", "FAKE_TOOL_EXIT"})
+            unsetenv(v);
+    }
+    ~AirPlayModelTest() override { model.reset(); }
+
+    AppModel& launchWithKitchen() {
+        AppModel& m = launch();
+        m.enableDiscovery(network);
+        m.enableAirPlay(secrets);
+        m.addOutput("living");
+        network.announce("_raop._tcp", {{"A1B2C3D4E5F6@Kitchen",
+                                         {{"et", "0,1"}},
+                                         discovery::ServiceAddress{"192.0.2.7", 5000}}});
+        settle();
+        EXPECT_TRUE(m.addAirPlayOutput("Kitchen"));
+        settle();
+        return m;
+    }
+    // Real time passes for the tool; the model's queue runs in between.
+    bool waitFor(const std::function<bool()>& done) {
+        for (int i = 0; i < 500; ++i) {
+            settle();
+            if (done()) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+    const RowState& kitchen() { return model->rows()[1]; }
+
+    discovery::FakeServiceBrowser network{main};
+    secrets::FileSecretStore secrets{dir / "data"};
+};
+
+TEST_F(AirPlayModelTest, StartPlaysTheRowAndItsLagReachesTheSubtitleAndTheDelays) {
+    setenv("FAKE_TOOL_OUT", "[STATUS] route protocol=raop timing=ntp\\n", 1);
+    setenv("FAKE_TOOL_ERR", "[STATUS] connected\\n", 1);
+    setenv("FAKE_TOOL_ON_START",
+           "[STATUS] latency lead_ms=2210\\n[STATUS] started requested_unix_ms=0 at_unix_ms=9\\n",
+           1);
+    AppModel& m = launchWithKitchen();
+    EXPECT_EQ(m.meta(kitchen()), "AirPlay");
+    EXPECT_FALSE(m.airplay()->hasSender(1));  // nothing plays before Start
+    m.startStop();
+    ASSERT_TRUE(waitFor([&] { return kitchen().streamLatencyMs > 0; }));
+    EXPECT_TRUE(kitchen().connected);
+    EXPECT_EQ(m.meta(kitchen()), "AirPlay · streaming · 2.2 s lag, auto-synced");
+    // The speaker is held back by the receiver's lag.
+    EXPECT_NEAR(engineDelay(0) - engineDelay(1), 2210, 1);
+    m.startStop();
+    EXPECT_FALSE(m.airplay()->hasSender(1));
+    EXPECT_EQ(kitchen().streamLatencyMs, 0);
+    EXPECT_EQ(m.meta(kitchen()), "AirPlay");
+}
+
+TEST_F(AirPlayModelTest, ARefusedPasswordOpensTheSheetOnceAndTheAnswerIsKeptAndTried) {
+    setenv("FAKE_TOOL_ERR", "[STATUS] error code=auth_failed http=401\\n[ERROR] refused\\n", 1);
+    AppModel& m = launchWithKitchen();
+    m.startStop();
+    ASSERT_TRUE(waitFor([&] { return m.passwordReceiverID().has_value(); }));
+    EXPECT_EQ(m.passwordReceiverID(), "Kitchen");
+    EXPECT_EQ(m.passwordReceiverName(), "Kitchen");
+    EXPECT_FALSE(m.passwordRejected());
+    EXPECT_EQ(m.meta(kitchen()), "AirPlay · needs its password");
+
+    m.submitPassword("hunter2");
+    EXPECT_FALSE(m.passwordReceiverID());
+    EXPECT_EQ(secrets.get("Vellatone AirPlay password", "Kitchen"), "hunter2");
+    // The new try is refused too: the sheet says the kept one was refused.
+    ASSERT_TRUE(waitFor([&] { return m.passwordReceiverID().has_value(); }));
+    EXPECT_TRUE(m.passwordRejected());
+    m.startStop();
+}
+
+}  // namespace
+}  // namespace vt::model::test
