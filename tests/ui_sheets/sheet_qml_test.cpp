@@ -8,7 +8,9 @@
 #include <QQuickStyle>
 #include <QQuickWindow>
 
+#include "discovery/fake_service_browser.h"
 #include "equaliser/eq_preset.h"
+#include "secrets/file_secret_store.h"
 #include "sheet_fixture.h"
 
 Q_IMPORT_QML_PLUGIN(Vellatone_SheetsPlugin)
@@ -117,6 +119,61 @@ TEST_F(SheetQmlTest, InvitationWordsAndCopy) {
     QObject* qr = named("invite.qr");
     EXPECT_GE(qr->property("width").toDouble(), 200);
     EXPECT_FALSE(named("invite.firewallHint")->property("visible").toBool());
+}
+
+}  // namespace
+}  // namespace vt::ui::test
+
+namespace vt::ui::test {
+namespace {
+
+// A receiver's password asked for, typed and kept; asked again when the
+// one kept was refused.
+class PasswordSheetTest : public SheetQmlTest {
+  protected:
+    void SetUp() override {
+        SheetQmlTest::SetUp();
+        model->enableDiscovery(network);
+        model->enableAirPlay(secrets);
+        network.announce(
+            "_raop._tcp",
+            {{"A1B2C3D4E5F6@Kitchen", {}, discovery::ServiceAddress{"192.0.2.7", 5000}}});
+        settle();
+        ASSERT_TRUE(model->addAirPlayOutput("Kitchen"));
+        settle();
+    }
+    void TearDown() override {
+        engine.reset();
+        app.reset();
+        model.reset();
+    }
+    discovery::FakeServiceBrowser network{main};
+    secrets::FileSecretStore secrets{dir / "data"};
+};
+
+TEST_F(PasswordSheetTest, TheWordsAskForThePasswordAndJoinKeepsIt) {
+    app->beginPassword(2);
+    ASSERT_TRUE(show("PasswordSheet { id: s; app: testApp }"));
+    EXPECT_EQ(named("password.title")->property("text").toString(), "Kitchen requires a password");
+    EXPECT_FALSE(named("password.rejected")->property("visible").toBool());
+    EXPECT_FALSE(named("password.join")->property("enabled").toBool());
+    named("password.field")->setProperty("text", "hunter2");
+    pump();
+    QMetaObject::invokeMethod(named("password.join"), "clicked");
+    pump();
+    EXPECT_EQ(secrets.get("Vellatone AirPlay password", "Kitchen"), "hunter2");
+    EXPECT_FALSE(model->passwordReceiverID());
+}
+
+TEST_F(PasswordSheetTest, OpeningWithAPasswordKeptSaysItWasRefusedAndCancelKeepsIt) {
+    secrets.set("Vellatone AirPlay password", "Kitchen", "old");
+    app->beginPassword(2);
+    ASSERT_TRUE(show("PasswordSheet { id: s; app: testApp }"));
+    EXPECT_TRUE(named("password.rejected")->property("visible").toBool());
+    QMetaObject::invokeMethod(named("password.cancel"), "clicked");
+    pump();
+    EXPECT_FALSE(model->passwordReceiverID());
+    EXPECT_EQ(secrets.get("Vellatone AirPlay password", "Kitchen"), "old");
 }
 
 }  // namespace

@@ -128,6 +128,18 @@ bool AppController::addOutput(const QString& id) {
     return added;
 }
 
+void AppController::submitPassword(const QString& text) {
+    act([&] { model_.submitPassword(text.toStdString()); });
+}
+
+void AppController::cancelPassword() {
+    act([&] { model_.endPassword(); });
+}
+
+void AppController::beginPassword(int slot) {
+    act([&] { model_.beginPassword(slot); });
+}
+
 void AppController::removeOutput(int slot) {
     act([&] {
         if (model_.canRemove(slot)) model_.removeOutput(slot);

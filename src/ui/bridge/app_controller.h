@@ -40,6 +40,8 @@ class AppController : public QObject {
     Q_PROPERTY(QString visualiserStyle READ visualiserStyle NOTIFY changed)
     Q_PROPERTY(bool visualiserHidden READ visualiserHidden NOTIFY changed)
     Q_PROPERTY(bool hasSheets READ hasSheets CONSTANT)
+    Q_PROPERTY(QString passwordReceiverName READ passwordReceiverName NOTIFY changed)
+    Q_PROPERTY(bool passwordRejected READ passwordRejected NOTIFY changed)
     Q_PROPERTY(bool hasVisualiser READ hasVisualiser CONSTANT)
 
   public:
@@ -78,6 +80,14 @@ class AppController : public QObject {
     Q_INVOKABLE void startStop();
     Q_INVOKABLE void setMasterVolume(double volume);
     Q_INVOKABLE bool addOutput(const QString& id);
+    // The password sheet: empty while no receiver asks.
+    QString passwordReceiverName() const {
+        return QString::fromStdString(model_.passwordReceiverName().value_or(""));
+    }
+    bool passwordRejected() const { return model_.passwordRejected(); }
+    Q_INVOKABLE void submitPassword(const QString& text);
+    Q_INVOKABLE void cancelPassword();
+    Q_INVOKABLE void beginPassword(int slot);
     Q_INVOKABLE void removeOutput(int slot);
     Q_INVOKABLE void undoRemove();
     Q_INVOKABLE void rename(int slot, const QString& name);

@@ -228,4 +228,12 @@ ApplicationWindow {
         id: sheets
         overlay: window.Overlay.overlay
     }
+
+    // The model asks for a receiver's password by itself, once per row.
+    Connections {
+        target: App
+        function onChanged() {
+            if (App.hasSheets && App.passwordReceiverName !== "") sheets.openPassword()
+        }
+    }
 }

@@ -36,4 +36,9 @@ QtObject {
     function openInvitation() {
         open("InvitationSheet {}", (sheet) => {})
     }
+
+    function openPassword() {
+        if (host.current && host.current.objectName === "passwordSheet") return
+        open("PasswordSheet {}", (sheet) => {})
+    }
 }
