@@ -4,9 +4,9 @@
 # "airport" of a private sound server (the receiver's room); the headless
 # app on host a with a speaker "living" on the same server. Checks: the
 # receiver is listed by discovery alone; add and start make it play (sound
-# at airport's monitor, the row streaming with its lag); a receiver with a
-# password asks for it and plays once it is given; stop leaves no tool
-# process behind.
+# at airport's monitor, the row streaming with its lag); a receiver that dies
+# mid-stream plays again when it is back; stop leaves no tool process
+# behind; a receiver with a password asks for it.
 #
 #   airplay_e2e_test.sh BIN_DIR REPO_DIR
 set -uo pipefail
@@ -116,6 +116,14 @@ noise_pid=$!
 await 20 "the row never said it streams: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '*'s lag, auto-synced'* ]]"
 await 10 "no sound reached the receiver's room (level $(airport_level), row: $(row_transport))" plays
 echo "row: $(row_transport)"
+
+step "the receiver dies mid-stream, and plays again when it is back"
+stop_receiver
+await 20 "the row still says it streams" bash -c "[[ \$('$BIN/vellatonectl' status) != *'streaming · '* ]]"
+echo "row: $(row_transport)"
+receiver Kitchen
+await 30 "the row never streamed again: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '*'s lag, auto-synced'* ]]"
+await 10 "no sound reached the receiver's room again" plays
 
 step "stop: no tool process is left"
 ctl stop >/dev/null || fail "stop"
