@@ -183,10 +183,18 @@ bool AirPlaySupervisor::stillFor(int slot, const std::string& id) const {
 }
 
 void AirPlaySupervisor::later(double seconds, int slot, std::function<void()> task) {
+    // Timers that have run are let go here, so that a row retried every few
+    // seconds for hours keeps no trail of them.
+    for (auto it = timers_.begin(); it != timers_.end();)
+        it = *it->second.fired ? timers_.erase(it) : std::next(it);
     std::weak_ptr<bool> alive = alive_;
-    timers_.emplace(slot, main_.postAfter(seconds, [alive, task = std::move(task)] {
+    auto fired = std::make_shared<bool>(false);
+    // Marked after it ran, so that a timer is never let go while it runs.
+    auto handle = main_.postAfter(seconds, [alive, fired, task = std::move(task)] {
         if (auto a = alive.lock(); a && *a) task();
-    }));
+        *fired = true;
+    });
+    timers_.emplace(slot, Timer{fired, std::move(handle)});
 }
 
 void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlayStatus& reported) {
@@ -314,13 +322,10 @@ void AirPlaySupervisor::recoverSharedClock() {
     ++clockRecoveries_;
     recoveringClock_ = true;
     stopAll();
-    std::weak_ptr<bool> alive = alive_;
-    timers_.emplace(-1, main_.postAfter(clockRecoverySeconds, [this, alive] {
-        auto a = alive.lock();
-        if (!a || !*a) return;
+    later(clockRecoverySeconds, -1, [this] {
         recoveringClock_ = false;
         if (hooks_.engineRunning()) reconcile();
-    }));
+    });
 }
 
 std::string airplaySubtitle(bool missing, const std::optional<AirPlayStatus>& status,

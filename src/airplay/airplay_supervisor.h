@@ -88,6 +88,8 @@ class AirPlaySupervisor {
     const AirPlaySender* sender(int slot) const;
     const std::vector<discovery::AirPlayReceiver>& receivers() const { return receivers_; }
     std::optional<discovery::AirPlayReceiver> receiver(const std::string& id) const;
+    // Delayed actions held, for tests: bounded however long a row retries.
+    size_t timersHeld() const { return timers_.size(); }
 
   private:
     void start(int slot, const discovery::AirPlayReceiver& receiver);
@@ -110,7 +112,11 @@ class AirPlaySupervisor {
     std::optional<AirPlaySender::Metadata> track_;
     bool recoveringClock_ = false;
     int clockRecoveries_ = 0;
-    std::multimap<int, std::unique_ptr<dispatch::TimerHandle>> timers_;
+    struct Timer {
+        std::shared_ptr<bool> fired;
+        std::unique_ptr<dispatch::TimerHandle> handle;
+    };
+    std::multimap<int, Timer> timers_;  // by slot; -1 for the clock recovery
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

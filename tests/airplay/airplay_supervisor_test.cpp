@@ -142,6 +142,12 @@ TEST_F(SupervisorTest, FailuresAreRetriedAtOneAndAHalfThreeSixAndEightSecondsThe
     fail();
     queue_.advance(6.01);
     EXPECT_EQ(count(), 12u);
+    for (int i = 0; i < 100; ++i) {
+        fail();
+        queue_.advance(6.01);
+    }
+    EXPECT_EQ(count(), 112u);
+    EXPECT_LE(sup_->timersHeld(), 2u);
     last()->say(Kind::streaming);
     for (int i = 0; i < 5; ++i) {
         fail();
@@ -149,7 +155,7 @@ TEST_F(SupervisorTest, FailuresAreRetriedAtOneAndAHalfThreeSixAndEightSecondsThe
     }
     fail();
     queue_.advance(60);
-    EXPECT_EQ(count(), 16u);  // streaming ended the keep-trying
+    EXPECT_EQ(count(), 116u);  // streaming ended the keep-trying
 }
 
 TEST_F(SupervisorTest, AReceiverWaitingForApprovalIsAskedThreeTimesThenLeftSayingWhy) {
