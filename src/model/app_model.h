@@ -298,6 +298,9 @@ class AppModel {
     void tick();
 
     // Rows.
+    // A new row from its output's identity: remembered settings, colour and
+    // place, then in the list and the engine. Returns its slot.
+    int addNewRow(RowState row);
     int insertRegularRow(RowState row);
     void stampNewRow(RowState& row) const;
     void afterAdding(int slot);

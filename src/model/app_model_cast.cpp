@@ -45,19 +45,7 @@ bool AppModel::addCastOutput(const std::string& deviceID) {
     row.id = newRowId();
     row.castID = device->id;
     row.castName = device->name;
-    if (auto key = row.memoryKey()) {
-        if (auto memory = settings_.rememberedOutput(*key)) applyRemembered(row, *memory);
-        row.customName = settings_.customName(*key);
-    }
-    stampNewRow(row);
-
-    const bool wasMuted = row.muted;
-    const int slot = insertRegularRow(std::move(row));
-    if (preSolo_) {
-        (*preSolo_)[rows_[slot].id] = wasMuted;
-        setMutedWithoutRemembering(slot, true);
-    }
-    afterAdding(slot);
+    addNewRow(std::move(row));
     if (isRunning_) reconcileCastSenders();
     return true;
 }

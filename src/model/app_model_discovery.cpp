@@ -54,19 +54,7 @@ bool AppModel::addAirPlayOutput(const std::string& receiverID) {
     row.id = newRowId();
     row.airplayID = receiver->id;
     row.airplayName = receiver->name;
-    if (auto key = row.memoryKey()) {
-        if (auto memory = settings_.rememberedOutput(*key)) applyRemembered(row, *memory);
-        row.customName = settings_.customName(*key);
-    }
-    stampNewRow(row);
-
-    const bool wasMuted = row.muted;
-    const int slot = insertRegularRow(std::move(row));
-    if (preSolo_) {
-        (*preSolo_)[rows_[slot].id] = wasMuted;
-        setMutedWithoutRemembering(slot, true);
-    }
-    afterAdding(slot);
+    addNewRow(std::move(row));
     if (isRunning_) reconcileAirPlaySenders();
     return true;
 }

@@ -40,6 +40,12 @@ bool AppModel::addOutput(const std::string& uid) {
     row.deviceUID = device->uid;
     row.deviceName = device->name;
     row.place = defaultPlace(*device);
+    addNewRow(std::move(row));
+    return true;
+}
+
+int AppModel::addNewRow(RowState row) {
+    // What the user set for this output before comes back with it.
     if (auto key = row.memoryKey()) {
         if (auto memory = settings_.rememberedOutput(*key)) applyRemembered(row, *memory);
         row.customName = settings_.customName(*key);
@@ -53,7 +59,7 @@ bool AppModel::addOutput(const std::string& uid) {
         setMutedWithoutRemembering(slot, true);
     }
     afterAdding(slot);
-    return true;
+    return slot;
 }
 
 int AppModel::insertRegularRow(RowState row) {
