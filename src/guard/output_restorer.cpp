@@ -1,6 +1,7 @@
 #include "guard/output_restorer.h"
 
 #include <chrono>
+#include <cmath>
 #include <thread>
 
 #include "engine/engine_error.h"
@@ -13,6 +14,8 @@ using platform::SinkInfo;
 using Engine = engine::MultiOutputEngine;
 
 namespace {
+
+constexpr double kVolumeSameWithin = 0.01;
 
 std::optional<SinkInfo> byName(const std::vector<SinkInfo>& sinks,
                                const std::optional<std::string>& name) {
@@ -57,7 +60,9 @@ void OutputRestorer::dropCaptureSinkWeMade() {
 }
 
 void OutputRestorer::switchToCaptureSink() {
+    const bool made = !findCaptureSink(backend_.sinks());
     const SinkInfo capture = ensureCaptureSink();
+    heldCaptureVolume_.reset();
     const std::vector<SinkInfo> sinks = backend_.sinks();
 
     // Taken again after the server came back: what is owed is still the sink
@@ -82,6 +87,8 @@ void OutputRestorer::switchToCaptureSink() {
         settings_.setPendingRestoreUID(saved->name);
         settings_.setLastOutputUID(saved->name);
         copyVolume(backend_, *saved, capture);
+        if (made && saved->hasVolume && capture.hasVolume)
+            heldCaptureVolume_ = HeldVolume{saved->volumeScalar, std::nullopt};
     }
 
     // The owed sink may not be back yet (a restarted server makes its sinks
@@ -116,6 +123,7 @@ void OutputRestorer::restore() {
 
     savedDefaultUID_.reset();
     moved_.clear();
+    heldCaptureVolume_.reset();
     if (givenBack) {
         settings_.setPendingRestoreUID(std::nullopt);
         dropCaptureSinkWeMade();
@@ -128,11 +136,27 @@ void OutputRestorer::restore() {
     }
 }
 
+void OutputRestorer::holdCaptureVolume(double now) {
+    if (!heldCaptureVolume_) return;
+    HeldVolume& held = *heldCaptureVolume_;
+    if (!held.since) held.since = now;
+    const std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks());
+    if (!capture || now - *held.since > kCaptureVolumeHoldSeconds) {
+        heldCaptureVolume_.reset();
+        return;
+    }
+    // Within a hundredth: the server rounds a volume to its own steps.
+    if (std::fabs(capture->volumeScalar - held.scalar) <= kVolumeSameWithin) return;
+    backend_.setSinkVolume(capture->id, held.scalar);
+    heldCaptureVolume_.reset();
+}
+
 void OutputRestorer::serverLost() {
     // The streams' indices and our module died with the server; the sink to
     // give back is still owed.
     moved_.clear();
     madeModule_.reset();
+    heldCaptureVolume_.reset();
 }
 
 std::optional<std::string> OutputRestorer::handBackIfStranded() {

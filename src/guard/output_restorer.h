@@ -45,6 +45,16 @@ class OutputRestorer {
     // it, keeps what is owed. switchToCaptureSink takes it again when it is back.
     void serverLost();
 
+    // A capture sink just made may have a volume put on it by the server a
+    // moment later: WirePlumber keeps every sink's last volume by name (it
+    // does not honour the opt-out property here) and gives it back when a
+    // sink of that name appears, after the copy switchToCaptureSink made.
+    // Called on every telemetry tick while running: the first change within
+    // `kCaptureVolumeHoldSeconds` of making the sink is put back to the copy,
+    // once; anything after that is the user's.
+    void holdCaptureVolume(double now);
+    static constexpr double kCaptureVolumeHoldSeconds = 3.0;
+
     // The default sink is the capture sink.
     bool defaultIsCapture();
     bool captureExists();
@@ -65,6 +75,13 @@ class OutputRestorer {
     // The module of a capture sink this object loaded, unloaded once the
     // default sink is safely elsewhere.
     std::optional<uint32_t> madeModule_;
+    // The volume copied onto a capture sink made by switchToCaptureSink, held
+    // until the first tick after kCaptureVolumeHoldSeconds.
+    struct HeldVolume {
+        double scalar = 1;
+        std::optional<double> since;  // the first tick that saw it
+    };
+    std::optional<HeldVolume> heldCaptureVolume_;
 };
 
 }  // namespace vt::guard

@@ -27,6 +27,33 @@ TEST_F(OutputRestorerTest, TakingTheOutputMovesOtherProgramsButNeverOurs) {
     EXPECT_NEAR(capture->volumeScalar, 0.6, 1e-9) << "the level carries over";
 }
 
+// WirePlumber puts back the last volume a sink of that name had, a moment
+// after the sink appears and after our copy.
+TEST_F(OutputRestorerTest, AStaleVolumeTheServerPutsOnANewCaptureSinkIsUndoneOnce) {
+    restorer.switchToCaptureSink();
+    restorer.holdCaptureVolume(10.0);
+    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's stored value arrives
+    restorer.holdCaptureVolume(10.1);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.6, 1e-9);
+    backend.setSinkVolumeByUser("vellatone", 0.4);  // the user's volume keys
+    restorer.holdCaptureVolume(10.2);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.4, 1e-9) << "only once";
+
+    // Past the hold, a change is the user's even when it is the first.
+    restorer.restore();
+    restorer.switchToCaptureSink();
+    restorer.holdCaptureVolume(20.0);
+    backend.setSinkVolumeByUser("vellatone", 0.2);
+    restorer.holdCaptureVolume(20.0 + OutputRestorer::kCaptureVolumeHoldSeconds + 0.1);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.2, 1e-9);
+
+    // A capture sink that was there already is the user's as it is.
+    restorer.switchToCaptureSink();
+    backend.setSinkVolumeByUser("vellatone", 0.3);
+    restorer.holdCaptureVolume(30.0);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+}
+
 TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {
     restorer.switchToCaptureSink();
     const uint32_t lateComer = addStream(idOf("vellatone"));  // started while we ran

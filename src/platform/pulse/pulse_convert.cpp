@@ -75,8 +75,10 @@ std::string nullSinkArguments(const std::string& name, const std::string& descri
     args += " rate=" + std::to_string(rate);
     args += " channels=" + std::to_string(channels);
     if (float32) args += " format=float32le";
-    // Opted out of WirePlumber's restore: a restarted PipeWire would
-    // otherwise put back the volume the sink had last, after ours.
+    // Opted out of WirePlumber's restore. WirePlumber 0.4.13 (Debian 12)
+    // compares the property with a boolean and so never sees it: it still
+    // puts back the volume a sink of this name had last, after ours, which
+    // OutputRestorer::holdCaptureVolume undoes.
     args += " sink_properties=\"device.description='" + keep(description, descriptionChar) + "' " +
             kOwnSinkProperty + "=1 state.restore-props=false state.restore-target=false\"";
     return args;
