@@ -97,6 +97,11 @@ void OutputRestorer::switchToCaptureSink() {
         savedDefaultUID_ = owedName;
         settings_.setPendingRestoreUID(owedName);
     }
+    // Taken again after a restart: the system volume carries on as it was.
+    if (made && owedName && systemVolume_ && capture.hasVolume) {
+        backend_.setSinkVolume(capture.id, *systemVolume_);
+        heldCaptureVolume_ = HeldVolume{*systemVolume_, std::nullopt};
+    }
     // What played on the default sink until now; the server may move the
     // streams that follow the default itself, the rest are moved here.
     const std::optional<std::string> previousDefault = backend_.defaultSinkName();
@@ -124,6 +129,7 @@ void OutputRestorer::restore() {
     savedDefaultUID_.reset();
     moved_.clear();
     heldCaptureVolume_.reset();
+    systemVolume_.reset();
     if (givenBack) {
         settings_.setPendingRestoreUID(std::nullopt);
         dropCaptureSinkWeMade();
@@ -137,10 +143,11 @@ void OutputRestorer::restore() {
 }
 
 void OutputRestorer::holdCaptureVolume(double now) {
+    const std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks());
+    if (capture && !heldCaptureVolume_) systemVolume_ = capture->volumeScalar;
     if (!heldCaptureVolume_) return;
     HeldVolume& held = *heldCaptureVolume_;
     if (!held.since) held.since = now;
-    const std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks());
     if (!capture || now - *held.since > kCaptureVolumeHoldSeconds) {
         heldCaptureVolume_.reset();
         return;

@@ -51,7 +51,10 @@ class OutputRestorer {
     // sink of that name appears, after the copy switchToCaptureSink made.
     // Called on every telemetry tick while running: the first change within
     // `kCaptureVolumeHoldSeconds` of making the sink is put back to the copy,
-    // once; anything after that is the user's.
+    // once; anything after that is the user's. It also notes the capture
+    // sink's volume, the system volume, so that a capture sink made again
+    // after the server restarted starts at it: the speaker it was copied
+    // from may not be back yet, and the server's kept volume is stale.
     void holdCaptureVolume(double now);
     static constexpr double kCaptureVolumeHoldSeconds = 3.0;
 
@@ -82,6 +85,7 @@ class OutputRestorer {
         std::optional<double> since;  // the first tick that saw it
     };
     std::optional<HeldVolume> heldCaptureVolume_;
+    std::optional<double> systemVolume_;  // the capture sink's, at the last tick
 };
 
 }  // namespace vt::guard

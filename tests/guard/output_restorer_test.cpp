@@ -54,6 +54,26 @@ TEST_F(OutputRestorerTest, AStaleVolumeTheServerPutsOnANewCaptureSinkIsUndoneOnc
     EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
 }
 
+// After a restart the capture sink may be made again before the speaker
+// it copied is back, and the server's kept volume for it is stale.
+TEST_F(OutputRestorerTest, ACaptureSinkMadeAgainAfterARestartKeepsTheSystemVolume) {
+    restorer.switchToCaptureSink();
+    restorer.holdCaptureVolume(1.0);
+    restorer.holdCaptureVolume(1.0 + OutputRestorer::kCaptureVolumeHoldSeconds + 0.1);
+    backend.setSinkVolumeByUser("vellatone", 0.3);  // the volume keys while playing
+    restorer.holdCaptureVolume(5.0);
+
+    backend.removeSink("vellatone");  // the server died and came back without
+    backend.removeSink("speakers");   // our sink, and the speaker not yet
+    restorer.serverLost();
+    restorer.switchToCaptureSink();
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume
+    restorer.holdCaptureVolume(10.0);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+    EXPECT_EQ(settings->pendingRestoreUID(), "speakers") << "still owed";
+}
+
 TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {
     restorer.switchToCaptureSink();
     const uint32_t lateComer = addStream(idOf("vellatone"));  // started while we ran
