@@ -18,7 +18,8 @@
 # - crash: speakers at 50 %, Start, kill -9, relaunch: the speakers are at
 #   50 % again, and no capture sink is left after the next quit;
 # - a player started after a stop, a quit and a crash-and-relaunch plays on
-#   the user's speaker.
+#   the user's speaker, and neither server keeps a target for it (or any
+#   other program's stream) on the capture sink.
 set -euo pipefail
 
 BIN=$(realpath "$1")
@@ -252,4 +253,18 @@ start_tone
 player_on living || fail "a player started after a crash and relaunch is not on living"
 terminate
 pactl list short sinks | grep -q vellatone && fail "a capture sink is left after the quit"
+
+step "no stored target of another program's stream points at the capture sink"
+# What each server keeps about streams: WirePlumber's restore-stream state
+# (keys with their targets), PulseAudio's module-stream-restore database (a
+# record per stream key, with the device it was moved to, if any). Our own
+# streams' keys start with "vellatone-stream:".
+if [[ $server == pipewire ]]; then
+    stored=$(grep -i target "$work/pulse/home/.local/state/wireplumber/restore-stream" 2>/dev/null |
+        grep vellatone | grep -v 'vellatone-stream:' || true)
+else
+    stored=$(find "$work/pulse/home/.config/pulse" -name '*stream-volumes.tdb' -exec strings -n 3 {} + |
+        grep vellatone | grep -v '^&vellatone-stream:' || true)
+fi
+[[ -z $stored ]] || fail "the server keeps a target on the capture sink: $stored"
 echo "PASS"
