@@ -21,38 +21,19 @@ fi
 command -v shairport-sync >/dev/null || { echo "skipped: shairport-sync is not installed"; exit 77; }
 [[ -x $BIN/vellatone-airplay ]] || { echo "skipped: no vellatone-airplay built"; exit 77; }
 
-work=$(mktemp -d /tmp/vt-airplay-e2e.XXXXXX)
-app_pid= receiver_pid= noise_pid=
-cleanup() {
+source "$REPO/tests/support/app_test.sh"
+receiver_pid= noise_pid=
+app_test_on_exit() {
     [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null
     if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null; wait "$app_pid" 2>/dev/null; fi
+    app_pid=
     rig_down
-    "$REPO/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1
-    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "kept $work" >&2; fi
 }
-trap cleanup EXIT
-fail() {
-    echo "FAIL: $*" >&2
-    pactl list sink-inputs 2>&1 | grep -E 'Sink Input|Sink:|application.name|Volume|Mute|Corked' >&2
-    for f in "$work"/app*.log "$work"/receiver*.log; do
-        [[ -f $f ]] && { echo "--- $f" >&2; tail -40 "$f" >&2; }
-    done
-    exit 1
-}
-step() { echo "== $*"; }
-
-unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
-eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" speakers:48000:Speakers \
-    living:48000:Living airport:44100:Airport)" || fail "no private sound server"
+app_test_extra_logs='receiver*.log'
+app_test_begin vt-airplay-e2e speakers:48000:Speakers living:48000:Living airport:44100:Airport
 pactl set-default-sink speakers
-export VELLATONE_CONFIG_DIR=$work/config VELLATONE_DATA_DIR=$work/data
-export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
-export VELLATONE_GUEST_BIND=127.0.0.1
+export VELLATONE_DATA_DIR=$work/data
 export VELLATONE_CLIAIRPLAY=$BIN/vellatone-airplay
-export HOME=$work/home
-mkdir -p "$HOME"
-ctl() { "$BIN/vellatonectl" "$@"; }
-field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
 row_transport() { ctl status | field "[r['transport'] for r in s['rows'] if r['kind']=='airplay'][0]"; }
 
 receiver() {  # name [password]
@@ -75,12 +56,7 @@ stop_receiver() {
 launch() {
     (rig_exec a "$BIN/vellatone" --headless 2>"$work/app$1.log") &
     app_pid=$!
-    for _ in $(seq 100); do
-        ctl status >/dev/null 2>&1 && return 0
-        kill -0 "$app_pid" 2>/dev/null || fail "the app exited at launch"
-        sleep 0.05
-    done
-    fail "the control socket did not answer"
+    await_app
 }
 await() {  # seconds, description, command...
     local seconds=$1 what=$2

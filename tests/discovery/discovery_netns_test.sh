@@ -21,34 +21,14 @@ if reason=$(rig_skip_reason) && [[ -n $reason ]]; then
 fi
 command -v avahi-publish >/dev/null || { echo "skipped: avahi-utils is not installed"; exit 77; }
 
-work=$(mktemp -d /tmp/vt-discovery.XXXXXX)
-app_pid=
-cleanup() {
+source "$REPO/tests/support/app_test.sh"
+app_test_on_exit() {
     if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null; wait "$app_pid" 2>/dev/null; fi
+    app_pid=
     rig_down
-    "$REPO/scripts/private-pulse.sh" stop "$work/pulse" >/dev/null 2>&1
-    if [[ -z ${KEEP_WORK:-} ]]; then rm -rf "$work"; else echo "kept $work" >&2; fi
 }
-trap cleanup EXIT
-fail() {
-    echo "FAIL: $*" >&2
-    for f in "$work"/app*.log "$work"/rig/*/avahi.log; do
-        [[ -f $f ]] && { echo "--- $f" >&2; cat "$f" >&2; }
-    done
-    exit 1
-}
-step() { echo "== $*"; }
-
-unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
-eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" speakers:48000:Speakers)" ||
-    fail "no private sound server"
-export VELLATONE_CONFIG_DIR=$work/config
-export VELLATONE_CONTROL_SOCKET=$work/control/control.sock
-export VELLATONE_GUEST_BIND=127.0.0.1
-export HOME=$work/home
-mkdir -p "$HOME"
-ctl() { "$BIN/vellatonectl" "$@"; }
-field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
+app_test_extra_logs='rig/*/avahi.log'
+app_test_begin vt-discovery speakers:48000:Speakers
 
 # Runs the app on host a (or, with "outside", on no rig at all).
 launch() {
@@ -60,12 +40,7 @@ launch() {
         (rig_exec a "$BIN/vellatone" --headless 2>"$work/$log") &
     fi
     app_pid=$!
-    for _ in $(seq 100); do
-        ctl status >/dev/null 2>&1 && return 0
-        kill -0 "$app_pid" 2>/dev/null || fail "the app exited at launch"
-        sleep 0.05
-    done
-    fail "the control socket did not answer"
+    await_app
 }
 # Waits up to 15 s for `ctl outputs` to satisfy a grep pattern.
 await_outputs() {

@@ -7,6 +7,9 @@
 #   app_test_begin NAME name:rate:Description...   work folder, server, environment
 #   app_test_on_exit  a function the test may define: runs first at exit
 #   launch N          starts vellatone --headless, logging to $work/appN.log
+#   await_app         waits for the app started as $app_pid to answer (for tests
+#                     that start it their own way, e.g. inside a namespace)
+#   app_test_extra_logs  more log globs under $work that `fail` prints
 #   terminate         SIGTERM; fails unless the app exits cleanly
 #   ctl ...           vellatonectl;  field EXPR  reads `vellatonectl status` JSON (s)
 #   fail MESSAGE      prints the message and every app log, exits 1
@@ -17,6 +20,7 @@
 app_pid=
 work=
 server=
+app_test_extra_logs=
 
 app_test_cleanup() {
     if declare -F app_test_on_exit >/dev/null; then app_test_on_exit || true; fi
@@ -33,6 +37,9 @@ fail() {
     echo "FAIL: $*" >&2
     local f
     for f in "$work"/app*.log; do [[ -f $f ]] && { echo "--- $f" >&2; cat "$f" >&2; }; done
+    for f in $(cd "$work" && eval "echo $app_test_extra_logs"); do
+        [[ -f $work/$f ]] && { echo "--- $work/$f" >&2; tail -40 "$work/$f" >&2; }
+    done
     # Where everything played when it failed, if the server still answers.
     if timeout 5 pactl info >/dev/null 2>&1; then
         echo "--- default sink $(timeout 5 pactl get-default-sink)" >&2
@@ -51,7 +58,7 @@ app_test_begin() {
     work=$(mktemp -d "/tmp/$name.XXXXXX")
     trap app_test_cleanup EXIT
     unset PULSE_SINK PULSE_SOURCE PULSE_SERVER
-    eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" "$@")"
+    eval "$("$REPO/scripts/private-pulse.sh" start "$work/pulse" "$@")" || fail "no private sound server"
     server=$("$REPO/scripts/private-pulse.sh" which "$work/pulse")
     echo "sound server: $server"
 
@@ -68,6 +75,10 @@ field() { python3 -c "import json,sys; s=json.load(sys.stdin); print($1)"; }
 launch() {
     "$BIN/vellatone" --headless 2>"$work/app$1.log" &
     app_pid=$!
+    await_app
+}
+
+await_app() {
     local _
     for _ in $(seq 100); do
         ctl status >/dev/null 2>&1 && return 0
