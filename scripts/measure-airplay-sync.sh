@@ -53,12 +53,8 @@ CONF
 rig_bg b bash -c "exec shairport-sync -c '$work/shairport.conf' -u >'$work/receiver.log' 2>&1"
 (rig_exec a "$BIN/vellatone" --headless 2>"$work/app1.log") &
 app_pid=$!
-for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.05; done
-for _ in $(seq 150); do
-    ctl outputs 2>/dev/null | grep -qP '^air:Kitchen\tairplay\tKitchen\tAirPlay$' && break
-    sleep 0.1
-done
-ctl outputs | grep -qP '^air:Kitchen\t' || fail "the receiver was not found: $(ctl outputs)"
+await_app
+await_outputs '^air:Kitchen\tairplay\tKitchen\tAirPlay$'
 
 step "a speaker and the receiver, playing noise"
 ctl add uid:living >/dev/null || fail "add uid:living"

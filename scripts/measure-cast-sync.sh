@@ -53,12 +53,8 @@ rig_bg b bash -c "exec node '$fake/fake-tv.mjs' --host $RIG_ADDR_b --port 8009 -
 exec 3>"$work/tv.in"
 (rig_exec a "$BIN/vellatone" --headless 2>"$work/app1.log") &
 app_pid=$!
-for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.05; done
-for _ in $(seq 150); do
-    ctl outputs 2>/dev/null | grep -qP "^cast:$tv_id\tcast\tLounge TV\tGoogle Cast\$" && break
-    sleep 0.1
-done
-ctl outputs | grep -qP "^cast:$tv_id\t.*Google Cast\$" || fail "the TV was not found: $(ctl outputs)"
+await_app
+await_outputs "^cast:$tv_id\tcast\tLounge TV\tGoogle Cast\$"
 
 step "a speaker and the TV, playing noise"
 ctl add uid:living >/dev/null || fail "add uid:living"

@@ -80,7 +80,7 @@ step "two hosts; shairport-sync on b, the app on a"
 rig_up "$work/rig" || fail "the rig did not come up"
 receiver Kitchen
 launch 1
-await 15 "the receiver was not listed" bash -c "'$BIN/vellatonectl' outputs | grep -q '^air:Kitchen	airplay	Kitchen	AirPlay$'"
+await_outputs '^air:Kitchen\tairplay\tKitchen\tAirPlay$'
 
 step "add and start: the receiver plays what the computer plays"
 ctl add air:Kitchen >/dev/null || fail "add"

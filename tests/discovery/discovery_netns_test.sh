@@ -42,15 +42,6 @@ launch() {
     app_pid=$!
     await_app
 }
-# Waits up to 15 s for `ctl outputs` to satisfy a grep pattern.
-await_outputs() {
-    for _ in $(seq 150); do
-        ctl outputs >"$work/outputs" 2>&1
-        grep -qP "$1" "$work/outputs" && return 0
-        sleep 0.1
-    done
-    fail "outputs never matched $1: $(cat "$work/outputs")"
-}
 
 step "two hosts, each with its own bus and avahi-daemon"
 rig_up "$work/rig" || fail "the rig did not come up"

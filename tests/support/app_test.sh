@@ -9,6 +9,8 @@
 #   launch N          starts vellatone --headless, logging to $work/appN.log
 #   await_app         waits for the app started as $app_pid to answer (for tests
 #                     that start it their own way, e.g. inside a namespace)
+#   await_outputs RE  waits up to 15 s for a line of `vellatonectl outputs` to
+#                     match the Perl regex RE (discovery is asynchronous)
 #   app_test_extra_logs  more log globs under $work that `fail` prints
 #   terminate         SIGTERM; fails unless the app exits cleanly
 #   ctl ...           vellatonectl;  field EXPR  reads `vellatonectl status` JSON (s)
@@ -86,6 +88,16 @@ await_app() {
         sleep 0.05
     done
     fail "the control socket did not answer"
+}
+
+await_outputs() {
+    local _
+    for _ in $(seq 150); do
+        ctl outputs >"$work/outputs" 2>&1 || true
+        grep -qP "$1" "$work/outputs" && return 0
+        sleep 0.1
+    done
+    fail "outputs never matched $1: $(cat "$work/outputs")"
 }
 
 terminate() {
