@@ -17,7 +17,8 @@
 # the graph instead (the highest priority.driver wins).
 #
 #   DURATION=60 scripts/measure-sync.sh        # seconds recorded (default 60)
-#   LIMIT_MS=0.1 scripts/measure-sync.sh       # exit 1 above this error or on a dropout
+#   LIMIT_MS=0.1 scripts/measure-sync.sh       # exit 1 above this error, or on a speaker
+#                                              # silent over 5 ms longer than the capture
 #   LIMIT_MS_PIPEWIRE=0.5                      # the same on PipeWire (LIMIT_MS if unset)
 #   BIN=build/bin                              # where the binaries are
 #   NICE=-15                                   # priority of the measured processes
@@ -162,7 +163,7 @@ fi
 limit=()
 [[ $server == pipewire && -n ${LIMIT_MS_PIPEWIRE:-} ]] && LIMIT_MS=$LIMIT_MS_PIPEWIRE
 [[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")
-checks=(--expect living-kitchen=0 --expect living-den=100 --latency 'capture->living')
+checks=(--expect living-kitchen=0 --expect living-den=100 --latency 'capture->living' --capture capture)
 status=0
 if [[ $server == pipewire ]]; then
     skip=$(awk -v now="$(date +%s.%N)" -v then="$recording_started" 'BEGIN { print now - then }')

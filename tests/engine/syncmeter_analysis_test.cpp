@@ -1,6 +1,6 @@
 // The sync meter's arithmetic on made-up recordings whose answer is known:
 // an offset of a fraction of a sample between two sinks of different rates,
-// one of which runs fast, and gaps inside a recording.
+// one of which runs fast, and gaps inside a recording and against the capture.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -65,6 +65,19 @@ TEST(SyncMeterAnalysis, DropoutsCountOnlyGapsInsideTheSoundLongerThanTheLimit) {
     Dropouts d = findDropouts(l, r, 48000, 1.0);
     EXPECT_EQ(d.runs, 2u);
     EXPECT_NEAR(d.longestMs, 10.0, 1e-9);
+}
+
+TEST(SyncMeterAnalysis, ASpeakerGapIsJudgedByTheCaptureGapNearIt) {
+    // The capture stalled 30 ms at 10 s; a speaker fell silent 34 ms a little
+    // later (fine), 36 ms (too long), and 8 ms at 20 s with the capture whole.
+    std::vector<Dropout> capture{{10.0, 30.0}, {40.0, 200.0}};
+    auto v = judgeGaps({{10.08, 34.0}, {10.02, 36.0}, {20.0, 8.0}}, capture, 0.5, 5.0);
+    ASSERT_EQ(v.size(), 3u);
+    EXPECT_FALSE(v[0].excessive);
+    EXPECT_DOUBLE_EQ(v[0].captureMs, 30.0);
+    EXPECT_TRUE(v[1].excessive);
+    EXPECT_TRUE(v[2].excessive) << "a capture gap 20 s away excuses nothing";
+    EXPECT_DOUBLE_EQ(v[2].captureMs, 0.0);
 }
 
 TEST(SyncMeterClock, FitsASinkThatRunsFastAndIgnoresStrayAnswers) {

@@ -231,4 +231,23 @@ Dropouts findDropouts(const std::vector<float>& left, const std::vector<float>& 
     return d;
 }
 
+std::vector<GapVerdict> judgeGaps(const std::vector<Dropout>& speaker,
+                                  const std::vector<Dropout>& capture, double nearSec,
+                                  double slackMs) {
+    std::vector<GapVerdict> verdicts;
+    verdicts.reserve(speaker.size());
+    for (const Dropout& g : speaker) {
+        const double from = g.atSec - nearSec;
+        const double to = g.atSec + g.ms / 1000.0 + nearSec;
+        double captureMs = 0;
+        for (const Dropout& c : capture) {
+            if (c.atSec + c.ms / 1000.0 >= from && c.atSec <= to) {
+                captureMs = std::max(captureMs, c.ms);
+            }
+        }
+        verdicts.push_back({g, captureMs, g.ms > captureMs + slackMs});
+    }
+    return verdicts;
+}
+
 }  // namespace vt::syncmeter

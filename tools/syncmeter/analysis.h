@@ -60,4 +60,22 @@ struct Dropouts {
 Dropouts findDropouts(const std::vector<float>& left, const std::vector<float>& right, double rate,
                       double minMs);
 
+// A speaker's gap set against the capture it plays from. A capture that fell
+// silent (the player or the whole machine stalled) leaves the speakers
+// nothing to play, so a speaker may be silent as long as the capture was near
+// that moment, plus a little slack; anything beyond is the engine's fault.
+struct GapVerdict {
+    Dropout gap;             // the speaker's
+    double captureMs = 0;    // the longest capture gap near it, 0 if none
+    bool excessive = false;  // longer than captureMs + slack
+};
+
+// Every gap of `speaker` against the gaps of `capture` that overlap it
+// widened by `nearSec` on either side (the speaker plays the capture a
+// fraction of a second later; a stall hits both at once). Both lists on one
+// time line.
+std::vector<GapVerdict> judgeGaps(const std::vector<Dropout>& speaker,
+                                  const std::vector<Dropout>& capture, double nearSec,
+                                  double slackMs);
+
 }  // namespace vt::syncmeter

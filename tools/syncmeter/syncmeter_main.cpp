@@ -14,6 +14,10 @@
 // MS is measured at K points along the run. --latency prints the median offset
 // of B against A. Every recording is checked for runs of digital silence
 // longer than 1 ms inside the sound, and for sound in at least half of it.
+// With --capture NAME, that recording is what the others play from: a gap
+// at another is judged against the capture's gaps around it and fails only
+// when longer than they were by over --gap-slack-ms (5 by default); the
+// capture's own gaps are the player's or the machine's and only printed.
 // With --limit-ms the exit status is 1 when an error exceeds L or a recording
 // fails either check.
 #include <algorithm>
@@ -33,6 +37,11 @@ namespace {
 
 using vt::syncmeter::Recording;
 
+// How far from a speaker's gap a capture gap may lie and still be its cause:
+// the speakers play the capture well under this later, and a stall of the
+// whole machine silences both at the same moment.
+constexpr double kGapNearSec = 0.5;
+
 struct Pair {
     std::string a, b;
     double expectedMs = 0;
@@ -42,6 +51,7 @@ struct Pair {
     std::fprintf(stderr,
                  "usage: vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]\n"
                  "       [--raw FILE [--rate R] [--channels C] [--skip S]]\n"
+                 "       [--capture NAME [--gap-slack-ms MS]]\n"
                  "       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...\n");
     std::exit(2);
 }
@@ -62,6 +72,8 @@ int main(int argc, char** argv) {
     double rawRate = 48000;
     double rawSkip = 0;
     int rawChannels = 0;
+    std::string captureName;
+    double gapSlackMs = 5.0;
     std::vector<Pair> expects, latencies;
     std::vector<vt::syncmeter::RecordRequest> requests;
     for (int i = 1; i < argc; ++i) {
@@ -78,6 +90,10 @@ int main(int argc, char** argv) {
             rawChannels = std::atoi(next().c_str());
         } else if (arg == "--skip") {
             rawSkip = std::atof(next().c_str());
+        } else if (arg == "--capture") {
+            captureName = next();
+        } else if (arg == "--gap-slack-ms") {
+            gapSlackMs = std::atof(next().c_str());
         } else if (arg == "--seconds") {
             seconds = std::atof(next().c_str());
         } else if (arg == "--windows") {
@@ -173,6 +189,31 @@ int main(int argc, char** argv) {
         for (const auto& pt : points) offsets.push_back(pt.offsetMs);
         std::printf("latency %s->%s: %.1f ms\n", p.a.c_str(), p.b.c_str(), median(offsets));
     }
+    // Gaps on the host time line, so that a speaker's can be set against the
+    // capture's.
+    auto gapsOf = [](const Recording& r) {
+        auto d = vt::syncmeter::findDropouts(r.left, r.right, r.rate, 1.0);
+        const double period =
+            vt::syncmeter::periodOf({&r.left, r.rate, r.firstFramePlayedSec, r.secondsPerFrame});
+        for (auto& gap : d.list) gap.atSec = r.firstFramePlayedSec + gap.atSec * r.rate * period;
+        return d;
+    };
+    std::vector<vt::syncmeter::Dropout> captureGaps;
+    if (!captureName.empty()) {
+        auto it = byName.find(captureName);
+        if (it == byName.end()) {
+            std::fprintf(stderr, "vellatone-syncmeter: nothing recorded as %s\n",
+                         captureName.c_str());
+            return 2;
+        }
+        auto d = gapsOf(*it->second);
+        captureGaps = d.list;
+        if (d.runs > 0) {
+            std::printf(
+                "dropouts %s (the capture): %zu runs of silence over 1 ms, longest %.1f ms\n",
+                captureName.c_str(), d.runs, d.longestMs);
+        }
+    }
     bool clean = true;
     for (const auto& r : recs) {
         size_t sounding = 0;
@@ -185,17 +226,39 @@ int main(int argc, char** argv) {
             std::printf("silence %s: sound in only %.0f%% of the recording\n", r.name.c_str(),
                         share * 100.0);
         }
-        auto d = vt::syncmeter::findDropouts(r.left, r.right, r.rate, 1.0);
-        if (d.runs > 0) {
+        if (r.name == captureName) continue;
+        auto d = gapsOf(r);
+        if (d.runs == 0) continue;
+        if (captureName.empty()) {
             clean = false;
             std::printf("dropouts %s: %zu runs of silence over 1 ms, longest %.1f ms\n",
                         r.name.c_str(), d.runs, d.longestMs);
             for (const auto& gap : d.list)
-                std::fprintf(stderr, "  gap %s at %7.3f s: %.1f ms\n", r.name.c_str(), gap.atSec,
+                std::fprintf(stderr, "  gap %s at %.3f s: %.1f ms\n", r.name.c_str(), gap.atSec,
                              gap.ms);
+            continue;
         }
+        auto verdicts = vt::syncmeter::judgeGaps(d.list, captureGaps, kGapNearSec, gapSlackMs);
+        size_t excessive = 0;
+        double worstCaptureMs = 0, worstMs = 0;
+        for (const auto& v : verdicts) {
+            if (v.excessive) ++excessive;
+            if (v.gap.ms > worstMs) worstMs = v.gap.ms, worstCaptureMs = v.captureMs;
+            std::fprintf(stderr, "  gap %s at %.3f s: %.1f ms, the capture's near it %.1f ms%s\n",
+                         r.name.c_str(), v.gap.atSec, v.gap.ms, v.captureMs,
+                         v.excessive ? " (too long)" : "");
+        }
+        std::printf(
+            "dropouts %s: %zu runs of silence over 1 ms, longest %.1f ms against the "
+            "capture's %.1f ms there; %zu longer than the capture's plus %.0f ms\n",
+            r.name.c_str(), d.runs, worstMs, worstCaptureMs, excessive, gapSlackMs);
+        if (excessive > 0) clean = false;
     }
-    if (clean) std::printf("dropouts: none (no run of zeros over 1 ms on any recording)\n");
+    if (clean) {
+        std::printf(captureName.empty()
+                        ? "dropouts: none (no run of zeros over 1 ms on any recording)\n"
+                        : "dropouts: none beyond the capture's own\n");
+    }
     if (limitMs >= 0 && !clean) ok = false;
     return ok ? 0 : 1;
 }
