@@ -44,7 +44,10 @@ struct re_slot {
     std::atomic<uint32_t> peak_right{0};
 
     // Render state: the rendering thread's own, except for the few fields
-    // that re_engine_reset clears from a control thread (atomics below).
+    // that re_engine_reset clears from a control thread (atomics below). A
+    // control thread's reset of the rest only raises reset_pending; the
+    // rendering thread clears them itself in re_take_reset, so they stay
+    // plain.
     double read_pos = 0.0;
     double delay_seen = 0.0;
     double integral = 0.0;
