@@ -1,0 +1,46 @@
+// Other programs' playback streams (sink inputs) as the mixer sees them, and
+// the seam through which it reads and sets their volumes. The sound server's
+// implementation lives in platform/pulse (PulseSinkInputs); tests script a
+// fake.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vt::mixer {
+
+// The server's volume steps: 0x10000 is full, 0 silent.
+using RawVolume = uint32_t;
+inline constexpr RawVolume kFullVolume = 0x10000;
+
+struct AppStream {
+    uint32_t index = UINT32_MAX;
+    // application.name, application.id, application.process.id,
+    // application.process.binary, media.role, ...
+    std::map<std::string, std::string> properties;
+    std::vector<RawVolume> volume;  // one per channel
+    bool corked = false;            // paused: present but not playing
+    bool ours = false;              // one of our own streams
+    bool operator==(const AppStream&) const = default;
+};
+
+class AppStreams {
+  public:
+    virtual ~AppStreams() = default;
+    // Any non-real-time thread: the streams as last reported, in index order.
+    virtual std::vector<AppStream> streams() = 0;
+    // Sends the volume without waiting for the answer; a stream that has gone
+    // meanwhile is no error. Never blocks on the server.
+    virtual void setVolume(uint32_t index, const std::vector<RawVolume>& volume) = 0;
+    // Called on the server's thread after the streams changed (or the server
+    // came and went); receivers hop to their own queue.
+    virtual void setChangeHandler(std::function<void()> handler) = 0;
+    // The server's volume law: a step value as a linear gain and back.
+    virtual double toLinear(RawVolume v) const = 0;
+    virtual RawVolume fromLinear(double linear) const = 0;
+};
+
+}  // namespace vt::mixer
