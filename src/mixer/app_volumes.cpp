@@ -1,0 +1,205 @@
+#include "mixer/app_volumes.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vt::mixer {
+
+namespace {
+
+std::map<uint32_t, AppStream> byIndex(const std::vector<AppStream>& streams) {
+    std::map<uint32_t, AppStream> out;
+    for (const AppStream& s : streams) out[s.index] = s;
+    return out;
+}
+
+std::vector<RawVolume> volumeOf(const nlohmann::json& j) {
+    std::vector<RawVolume> out;
+    if (!j.is_array() || j.size() > 32) return {};
+    for (const auto& v : j) {
+        if (!v.is_number_unsigned() || v.get<uint64_t>() > 4 * kFullVolume) return {};
+        out.push_back(RawVolume(v.get<uint64_t>()));
+    }
+    return out;
+}
+
+}  // namespace
+
+AppVolumes::AppVolumes(AppStreams& streams, dispatch::MainQueue& main, settings::Settings& settings)
+    : streams_(streams), main_(main), settings_(settings) {}
+
+AppVolumes::~AppVolumes() = default;
+
+void AppVolumes::restorePending(AppStreams& streams, settings::Settings& settings) {
+    const nlohmann::json note = settings.value(settingsKey);
+    if (note.is_null()) return;
+    const auto present = byIndex(streams.streams());
+    if (note.is_object()) {
+        for (const auto& [key, entry] : note.items()) {
+            if (!entry.is_object()) continue;
+            uint32_t index = 0;
+            try {
+                index = uint32_t(std::stoul(key));
+            } catch (...) {
+                continue;
+            }
+            auto it = present.find(index);
+            const std::vector<RawVolume> original =
+                volumeOf(entry.value("volume", nlohmann::json()));
+            // The same stream, still there: the index is the server's, and
+            // is not reused while the server runs.
+            if (it == present.end() || original.size() != it->second.volume.size()) continue;
+            streams.setVolume(index, original);
+        }
+    }
+    settings.removeValue(settingsKey);
+}
+
+const std::vector<RawVolume>* AppVolumes::originalOf(uint32_t stream) const {
+    auto it = held_.find(stream);
+    return it == held_.end() ? nullptr : &it->second.original;
+}
+
+std::vector<RawVolume> AppVolumes::scaled(const std::vector<RawVolume>& original,
+                                          double gain) const {
+    if (gain == 1.0) return original;
+    std::vector<RawVolume> out;
+    for (RawVolume v : original) out.push_back(streams_.fromLinear(streams_.toLinear(v) * gain));
+    return out;
+}
+
+bool AppVolumes::same(const std::vector<RawVolume>& a, const std::vector<RawVolume>& b) const {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (std::fabs(streams_.toLinear(a[i]) - streams_.toLinear(b[i])) > kSameWithin)
+            return false;
+    return true;
+}
+
+void AppVolumes::apply(const GainTable& gains) {
+    wanted_ = gains;
+    streamsChanged();
+}
+
+void AppVolumes::streamsChanged() {
+    const auto present = byIndex(streams_.streams());
+    const double now = main_.now();
+    bool changedNote = false;
+
+    // Gone streams, and volumes set by someone else.
+    for (auto it = held_.begin(); it != held_.end();) {
+        auto p = present.find(it->first);
+        if (p == present.end()) {
+            it = held_.erase(it);
+            changedNote = true;
+            continue;
+        }
+        Held& h = it->second;
+        const std::vector<RawVolume>& seen = p->second.volume;
+        if (!h.ramping && now >= h.quietUntil && !same(seen, h.sent)) {
+            // Not ours: the new level is the user's, and stays as it is.
+            h.original = h.gain > 1e-3 ? scaled(seen, 1.0 / h.gain) : seen;
+            h.sent = seen;
+            changedNote = true;
+        }
+        ++it;
+    }
+
+    // What each stream should play at now.
+    std::map<uint32_t, std::pair<std::string, double>> target;
+    for (const auto& [app, wish] : wanted_)
+        for (uint32_t index : wish.streams) target[index] = {app, wish.gain};
+
+    for (const auto& [index, want] : target) {
+        auto p = present.find(index);
+        if (p == present.end() || p->second.volume.empty()) continue;
+        auto it = held_.find(index);
+        if (it == held_.end()) {
+            if (want.second == 1.0) continue;
+            Held h;
+            h.app = want.first;
+            h.original = p->second.volume;
+            h.sent = h.original;
+            it = held_.emplace(index, std::move(h)).first;
+            // The original is on disk before the stream is turned down.
+            persist();
+            changedNote = false;
+        }
+        Held& h = it->second;
+        const double to = want.second;
+        if ((h.ramping ? h.rampTo : h.gain) != to) startRamp(index, h, to);
+    }
+    // Streams no longer wished for go back to their originals.
+    for (auto& [index, h] : held_)
+        if (!target.contains(index) && (h.ramping ? h.rampTo : h.gain) != 1.0)
+            startRamp(index, h, 1.0);
+
+    if (changedNote) persist();
+    if (!rampTimer_ &&
+        std::any_of(held_.begin(), held_.end(), [](const auto& e) { return e.second.ramping; }))
+        rampTimer_ = main_.repeat(kRampSeconds / kRampSteps, [this] { step(); });
+}
+
+void AppVolumes::startRamp(uint32_t, Held& h, double to) {
+    h.rampFrom = h.gain;
+    h.rampTo = to;
+    h.rampStart = main_.now();
+    h.ramping = true;
+}
+
+void AppVolumes::send(uint32_t index, Held& h, double gain) {
+    h.gain = gain;
+    h.sent = scaled(h.original, gain);
+    h.quietUntil = main_.now() + kEchoSeconds;
+    streams_.setVolume(index, h.sent);
+}
+
+void AppVolumes::step() {
+    const double now = main_.now();
+    bool released = false;
+    for (auto it = held_.begin(); it != held_.end();) {
+        Held& h = it->second;
+        if (!h.ramping) {
+            ++it;
+            continue;
+        }
+        const double t = std::clamp((now - h.rampStart) / kRampSeconds, 0.0, 1.0);
+        // Equal steps in amplitude; the last one lands exactly.
+        const double gain = t >= 1.0 ? h.rampTo : h.rampFrom + (h.rampTo - h.rampFrom) * t;
+        send(it->first, h, gain);
+        if (t >= 1.0) {
+            h.ramping = false;
+            if (gain == 1.0) {
+                // Back at its own level: nothing of ours remains on it.
+                it = held_.erase(it);
+                released = true;
+                continue;
+            }
+        }
+        ++it;
+    }
+    if (released) persist();
+    if (std::none_of(held_.begin(), held_.end(), [](const auto& e) { return e.second.ramping; }))
+        rampTimer_.reset();
+}
+
+void AppVolumes::restoreAll() {
+    rampTimer_.reset();
+    for (auto& [index, h] : held_) streams_.setVolume(index, h.original);
+    held_.clear();
+    wanted_.clear();
+    settings_.removeValue(settingsKey);
+}
+
+void AppVolumes::persist() {
+    if (held_.empty()) {
+        if (!settings_.value(settingsKey).is_null()) settings_.removeValue(settingsKey);
+        return;
+    }
+    nlohmann::json note = nlohmann::json::object();
+    for (const auto& [index, h] : held_)
+        note[std::to_string(index)] = {{"app", h.app}, {"volume", h.original}};
+    if (settings_.value(settingsKey) != note) settings_.setValue(settingsKey, note);
+}
+
+}  // namespace vt::mixer

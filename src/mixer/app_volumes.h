@@ -1,0 +1,100 @@
+// Per-app volume on the sound server's own stream volumes: an app at gain g
+// plays with each of its streams at its original volume times g (in the
+// server's linear terms, channel by channel, so a balance stays as it was).
+//
+// What makes it safe to stop at any moment:
+// - The original of each stream we touch is written to the settings
+//   ("pendingRestoreAppVolumes") before its first change; it is given back
+//   when the app's gain returns to 1, on quit, and by the next launch when
+//   this run died (restorePending).
+// - A volume someone else sets while we run (a desktop's volume panel)
+//   becomes the stream's new original, divided by our gain, so it is kept
+//   rather than fought.
+// - A gain change ramps in a few steps over kRampSeconds, so a dragged slider
+//   moves the sound without clicks; the servers have no ramp of their own
+//   for a client's volume.
+//
+// Main thread only. Writes go out without waiting for the server.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dispatch/main_queue.h"
+#include "mixer/app_streams.h"
+#include "settings/settings.h"
+
+namespace vt::mixer {
+
+// The wish for one app: its streams and the gain they should play at.
+struct AppGain {
+    std::vector<uint32_t> streams;
+    double gain = 1.0;
+    bool operator==(const AppGain&) const = default;
+};
+using GainTable = std::map<std::string, AppGain>;
+
+class AppVolumes {
+  public:
+    static constexpr const char* settingsKey = "pendingRestoreAppVolumes";
+    static constexpr double kRampSeconds = 0.03;
+    static constexpr int kRampSteps = 3;
+    // After a write, the server's echo of earlier steps is not someone
+    // else's change.
+    static constexpr double kEchoSeconds = 0.5;
+    // Linear difference below which an observed volume is the one we set
+    // (the servers round to their own steps).
+    static constexpr double kSameWithin = 2e-3;
+
+    AppVolumes(AppStreams& streams, dispatch::MainQueue& main, settings::Settings& settings);
+    ~AppVolumes();
+    AppVolumes(const AppVolumes&) = delete;
+    AppVolumes& operator=(const AppVolumes&) = delete;
+
+    // What a run that died left turned down goes back to its original, for
+    // every stream that is still there; the note is then cleared.
+    static void restorePending(AppStreams& streams, settings::Settings& settings);
+
+    // The whole wish: apps missing from it play at their own level.
+    void apply(const GainTable& gains);
+    // The streams changed: new streams of a held app get its gain, changes
+    // made elsewhere become originals, gone streams are forgotten.
+    void streamsChanged();
+    // Every stream back to its original, now, and the note cleared.
+    void restoreAll();
+
+    // For tests and the strips: the original we keep for a stream.
+    const std::vector<RawVolume>* originalOf(uint32_t stream) const;
+
+  private:
+    struct Held {
+        std::string app;
+        std::vector<RawVolume> original;
+        std::vector<RawVolume> sent;  // the last volume we wrote
+        double gain = 1.0;            // what `sent` stands for
+        double rampFrom = 1.0;
+        double rampTo = 1.0;
+        double rampStart = 0;
+        bool ramping = false;
+        double quietUntil = 0;
+    };
+
+    std::vector<RawVolume> scaled(const std::vector<RawVolume>& original, double gain) const;
+    bool same(const std::vector<RawVolume>& a, const std::vector<RawVolume>& b) const;
+    void startRamp(uint32_t index, Held& held, double to);
+    void step();
+    void send(uint32_t index, Held& held, double gain);
+    void persist();
+
+    AppStreams& streams_;
+    dispatch::MainQueue& main_;
+    settings::Settings& settings_;
+    GainTable wanted_;
+    std::map<uint32_t, Held> held_;
+    std::unique_ptr<dispatch::TimerHandle> rampTimer_;
+};
+
+}  // namespace vt::mixer
