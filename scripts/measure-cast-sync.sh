@@ -8,20 +8,32 @@
 # sink, and once the TV's row is locked both monitors are recorded from one
 # process, each placed in time by the server's timing snapshots.
 #
-#   scripts/measure-cast-sync.sh [wav]     the WAV stream with lag control
+#   scripts/measure-cast-sync.sh [wav|sync]
+#     sync: the clock-synced receiver, which the fake TV runs in headless
+#           Chromium; the row must say "…, clock-synced"
+#     wav:  the WAV stream with lag control, reached the way a TV without
+#           that receiver makes the app reach it: the app asks for another
+#           application id (VELLATONE_CAST_SYNC_APP), the TV refuses it, and
+#           the row falls back with no failure shown
 #   DURATION=30                            seconds recorded after the lock
 #   LIMIT_MS=5                             exit 1 above this error
 #   BIN=build/bin                          where the binaries are
 #
-# Prints "cast lock: N s" (from the TV's first played sound to the row's
-# lock) and "alignment cast-speaker: median error X ms, max error Y ms".
+# Prints "cast lock: N s" (wav: from the TV's first played sound to the
+# row's lock; sync: from the application's launch to the row's streaming),
+# the row's words, and "alignment cast-speaker: median error X ms, max
+# error Y ms".
 set -euo pipefail
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 BIN=$(realpath "${BIN:-$REPO/build/bin}")
 mode=${1:-wav}
 DURATION=${DURATION:-30}
 LIMIT_MS=${LIMIT_MS:-}
-[[ $mode == wav ]] || { echo "measure-cast-sync: only the wav path exists so far" >&2; exit 2; }
+case $mode in
+wav) export VELLATONE_CAST_SYNC_APP=0BADCAFE ;;
+sync) unset VELLATONE_CAST_SYNC_APP ;;
+*) echo "measure-cast-sync: wav or sync" >&2; exit 2 ;;
+esac
 
 source "$REPO/tests/support/netns-rig.sh"
 if reason=$(rig_skip_reason) && [[ -n $reason ]]; then
@@ -36,6 +48,12 @@ for cmd in node npm avahi-publish pacat sox openssl; do
 done
 fake=$REPO/tests/cast/fake-tv
 [[ -d $fake/node_modules/castv2 ]] || (cd "$fake" && npm ci --no-audit --no-fund >/dev/null)
+if [[ $mode == sync ]]; then
+    command -v chromium >/dev/null || { echo "measure-cast-sync: chromium is not installed" >&2; exit 2; }
+    browser=$REPO/tests/guests/e2e
+    [[ -d $browser/node_modules/playwright-core ]] ||
+        (cd "$browser" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund >/dev/null)
+fi
 
 source "$REPO/tests/support/app_test.sh"
 app_test_on_exit() {
@@ -67,18 +85,29 @@ pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le --lat
 noise_pid=$!
 
 cast_words() { ctl status | field "[r['transport'] for r in s['rows'] if r['kind']=='cast'][0]"; }
-played_at="" locked_at=""
+started='"state":"PLAYING"'
+[[ $mode == sync ]] && started='"event":"launched"'
+played_at="" locked_at="" seen=""
 for _ in $(seq 900); do
     now=$(date +%s.%N)
-    [[ -z $played_at ]] && grep -q '"state":"PLAYING"' "$work/tv.log" && played_at=$now
-    if cast_words | grep -q '^Cast · streaming'; then locked_at=$now; break; fi
+    [[ -z $played_at ]] && grep -q "$started" "$work/tv.log" && played_at=$now
+    words=$(cast_words)
+    seen+="$words"$'\n'
+    if grep -q '^Cast · streaming' <<<"$words"; then locked_at=$now; break; fi
     sleep 0.1
 done
 [[ -n $locked_at && -n $played_at ]] || fail "the TV never locked: $(cast_words); $(grep -v '"message"' "$work/tv.log" | tail -5)"
 lock=$(awk -v a="$played_at" -v b="$locked_at" 'BEGIN { printf "%.1f", b - a }')
+# The fallback leaves no trace: the row never said it failed.
+! grep -q 'unavailable' <<<"$seen" || fail "the row showed a failure on its way: $(sort -u <<<"$seen")"
 # The delay plan moves the speaker once the lag is published; let it settle.
 sleep 3
-echo "cast row: $(cast_words)"
+words=$(cast_words)
+echo "cast row: $words"
+case $mode in
+sync) [[ $words == *", clock-synced" ]] || fail "not clock-synced: $words" ;;
+wav) [[ $words == *", auto-synced" ]] || fail "not on the WAV stream: $words" ;;
+esac
 
 limit=()
 [[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")

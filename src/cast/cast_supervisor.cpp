@@ -4,12 +4,11 @@
 #include <cmath>
 #include <cstdio>
 
+#include "cast/cast_sync_sender.h"
+
 namespace vt::cast {
 namespace {
 
-// What a clock-synced receiver says when the TV cannot run it: the row
-// falls back to the WAV stream at once and never shows it.
-constexpr std::string_view kSyncReceiverUnavailable = "sync receiver unavailable";
 constexpr double kWavRateHz = 44100.0;
 constexpr double kSyncedRateHz = 48000.0;
 

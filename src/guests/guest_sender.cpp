@@ -5,6 +5,7 @@
 #include <random>
 #include <utility>
 
+#include "sendspin/lead.h"
 #include "sendspin/protocol.h"
 
 namespace vt::guests {
@@ -28,12 +29,7 @@ std::string freshUUID() {
 }  // namespace
 
 double sendspinLeadMs() {
-    if (const char* text = std::getenv("VELLATONE_SENDSPIN_LEAD_MS"); text && *text) {
-        char* end = nullptr;
-        const double value = std::strtod(text, &end);
-        if (end && *end == '\0' && std::isfinite(value)) return value;
-    }
-    return 500.0;
+    return sendspin::configuredLeadMs();
 }
 
 double GuestSender::streamLatencyMs() {

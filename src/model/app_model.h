@@ -149,8 +149,9 @@ class AppModel {
     // Without this no Cast row ever plays. `senderQueue` runs the senders'
     // protocol work and must outlive the model.
     void enableCast(dispatch::MainQueue& senderQueue);
-    // Tests give senders of their own.
-    void enableCast(cast::CastSupervisor::SenderFactory factory);
+    // Tests give senders of their own; with `trySync` a TV is asked for the
+    // clock-synced receiver first.
+    void enableCast(cast::CastSupervisor::SenderFactory factory, bool trySync = false);
     cast::CastSupervisor* castSupervisor() { return castSupervisor_.get(); }
     // Someone acts on a row whose receiver has not resolved yet.
     void retryUnresolvedReceivers();

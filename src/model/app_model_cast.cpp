@@ -5,24 +5,36 @@
 #include <atomic>
 
 #include "cast/cast_sender.h"
+#include "cast/cast_sync_sender.h"
 #include "model/app_model.h"
 #include "model/row_records.h"
 
 namespace vt::model {
 
 void AppModel::enableCast(dispatch::MainQueue& senderQueue) {
-    enableCast([this, &senderQueue](const cast::CastTarget& target, int slot, bool) {
+    const std::string name = guestSetup_ && !guestSetup_->options.computerName.empty()
+                                 ? guestSetup_->options.computerName
+                                 : std::string("Vellatone");
+    auto factory = [this, &senderQueue, name](const cast::CastTarget& target, int slot,
+                                              bool synced) {
         // The sender renders its slot until the supervisor replaces it; rows
         // that move get new senders.
         auto render = [this, slot](float* into, size_t frames) {
             engine_->renderAirPlay(slot, into, static_cast<uint32_t>(frames));
         };
+        if (synced) {
+            cast::CastSyncSender::Parts parts;
+            parts.senderName = name;
+            return std::static_pointer_cast<cast::CastOutputSender>(cast::CastSyncSender::make(
+                target, std::move(render), senderQueue, main_, std::move(parts)));
+        }
         return std::static_pointer_cast<cast::CastOutputSender>(
             cast::CastSender::make(target, std::move(render), senderQueue, main_));
-    });
+    };
+    enableCast(std::move(factory), true);
 }
 
-void AppModel::enableCast(cast::CastSupervisor::SenderFactory factory) {
+void AppModel::enableCast(cast::CastSupervisor::SenderFactory factory, bool trySync) {
     cast::CastSupervisor::Hooks hooks;
     hooks.prepareSlot = [this](int slot, double rateHz) {
         engine_->prepareAirPlaySlot(slot, rateHz);
@@ -30,8 +42,8 @@ void AppModel::enableCast(cast::CastSupervisor::SenderFactory factory) {
     hooks.statusChanged = [this](int slot) { castStatusChanged(slot); };
     hooks.latencyChanged = [this](int slot, double ms) { castLatencyChanged(slot, ms); };
     hooks.reconcileWanted = [this] { reconcileCastSenders(); };
-    castSupervisor_ =
-        std::make_unique<cast::CastSupervisor>(main_, std::move(factory), std::move(hooks));
+    castSupervisor_ = std::make_unique<cast::CastSupervisor>(main_, std::move(factory),
+                                                             std::move(hooks), trySync);
 }
 
 bool AppModel::addCastOutput(const std::string& deviceID) {

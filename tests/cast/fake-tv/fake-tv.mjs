@@ -4,12 +4,17 @@
 // the URL, fills a buffer of its own before it plays, plays in real time
 // into a sink of the test's sound server (through pacat), resamples for
 // SET_PLAYBACK_RATE, and reports as currentTime what it has really played,
-// answering a little late now and then as TVs do.
+// answering a little late now and then as TVs do. It also runs the
+// clock-synced receiver application (--sync-app, our id by default): on its
+// LAUNCH it opens receiver/receiver.html in headless Chromium, which joins
+// the sender's Sendspin server and plays at the stamps into the same sink.
+// Any other application id gets LAUNCH_ERROR, as from a TV without it.
 //
 //   node fake-tv.mjs [--port 8009] [--host 127.0.0.1] [--sink tv]
 //                    [--buffer 2.5] [--jitter 0.02] [--refuse-rate-2]
 //                    [--mode normal|firewall|close|silent]
 //                    [--publish NAME] [--id HEX32] [--no-audio]
+//                    [--sync-app ID]
 //
 // Modes: "firewall" never fetches the stream; "close" ends the connection
 // 3 s after LOAD; "silent" stops answering anything (heartbeats too) 3 s
@@ -24,7 +29,8 @@ import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import http from 'node:http';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
-import { join } from 'node:path';
+import { dirname, extname, join, normalize } from 'node:path';
+import { fileURLToPath } from 'node:url';
 import readline from 'node:readline';
 
 const require = createRequire(import.meta.url);
@@ -35,6 +41,7 @@ const NS = {
     connection: 'urn:x-cast:com.google.cast.tp.connection',
     receiver: 'urn:x-cast:com.google.cast.receiver',
     media: 'urn:x-cast:com.google.cast.media',
+    sendspin: 'urn:x-cast:sendspin',
 };
 const MEDIA_APP = 'CC1AD845';
 const RATE_HZ = 44100;
@@ -47,7 +54,7 @@ const ALL_BASIC_MEDIA = 12303;
 
 function parseArgs(argv) {
     const o = { port: 8009, host: '127.0.0.1', sink: 'tv', buffer: 2.5, jitter: 0.02, refuseRate2: false,
-        mode: 'normal', publish: null, id: randomUUID().replaceAll('-', ''), audio: true };
+        mode: 'normal', publish: null, id: randomUUID().replaceAll('-', ''), audio: true, syncApp: 'FAB7FE2B' };
     for (let i = 2; i < argv.length; ++i) {
         const a = argv[i];
         const next = () => argv[++i];
@@ -61,6 +68,7 @@ function parseArgs(argv) {
         else if (a === '--publish') o.publish = next();
         else if (a === '--id') o.id = next();
         else if (a === '--no-audio') o.audio = false;
+        else if (a === '--sync-app') o.syncApp = next();
         else throw new Error(`unknown argument ${a}`);
     }
     return o;
@@ -260,6 +268,102 @@ const output = (() => {
     return { write: (b) => pacat.stdin.write(b), end: () => pacat.kill() };
 })();
 
+// --- the clock-synced receiver application ---------------------------------
+
+const here = dirname(fileURLToPath(import.meta.url));
+// The page and the guest player it is built on, served to Chromium only.
+const PAGE_ROOTS = [join(here, 'receiver'), join(here, '../../../web/guest')];
+const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.css': 'text/css' };
+
+class SyncReceiver {
+    constructor() {
+        this.browser = null;
+        this.page = null;
+        this.pending = [];
+        this.generation = 0;
+        this.pages = http.createServer((req, res) => {
+            const path = normalize(decodeURIComponent(new URL(req.url, 'http://x').pathname));
+            for (const root of PAGE_ROOTS) {
+                const file = join(root, path);
+                if (!file.startsWith(root + '/')) continue;
+                try {
+                    const body = readFileSync(file);
+                    res.writeHead(200, { 'Content-Type': TYPES[extname(file)] || 'application/octet-stream' });
+                    res.end(body);
+                    return;
+                } catch { /* the next root */ }
+            }
+            res.writeHead(404);
+            res.end();
+        });
+        this.pagesReady = new Promise((resolve) => this.pages.listen(0, '127.0.0.1', resolve));
+    }
+
+    async open(onMessage) {
+        const generation = ++this.generation;
+        await this.closePage();
+        this.pending = [];
+        try {
+            await this.pagesReady;
+            if (!this.browser) {
+                const { launchChromium } = await import('../../guests/e2e/chromium.mjs');
+                process.env.PULSE_SINK = opts.sink;
+                this.browser = await launchChromium(process.env.PULSE_SERVER);
+            }
+            if (generation !== this.generation) return;
+            const page = await (await this.browser.newContext()).newPage();
+            page.on('pageerror', (e) => report('receiver-error', { message: e.message }));
+            await page.exposeFunction('castSend', (message) => generation === this.generation && onMessage(message));
+            await page.goto(`http://127.0.0.1:${this.pages.address().port}/receiver.html`);
+            await page.waitForFunction(() => window.receiverReady === true, null, { timeout: 15000 });
+            if (generation !== this.generation) {
+                await page.context().close();
+                return;
+            }
+            this.page = page;
+            report('receiver-ready');
+            for (const message of this.pending.splice(0)) this.deliver(message);
+        } catch (e) {
+            report('receiver-error', { message: e.message });
+        }
+    }
+
+    deliver(message) {
+        if (!this.page) {
+            this.pending.push(message);
+            return;
+        }
+        this.page.evaluate((m) => window.castReceive(m), message).catch(() => {});
+    }
+
+    async closePage() {
+        const page = this.page;
+        this.page = null;
+        if (page) await page.context().close().catch(() => {});
+    }
+
+    close() {
+        ++this.generation;
+        this.closePage();
+    }
+
+    async quit() {
+        this.close();
+        if (this.browser) await this.browser.close().catch(() => {});
+        this.pages.close();
+    }
+}
+
+const syncReceiver = new SyncReceiver();
+
+function fromSyncReceiver(message) {
+    if (!app || app.appId !== opts.syncApp) return;
+    for (const key of senders) {
+        const [clientId, sourceId] = key.split('|');
+        send(clientId, app.transportId, sourceId, NS.sendspin, message);
+    }
+}
+
 // --- the receiver ---------------------------------------------------------
 
 const dir = mkdtempSync(join(tmpdir(), 'fake-tv-'));
@@ -290,7 +394,7 @@ function receiverStatus(requestId) {
         status: {
             applications: app ? [{ appId: app.appId, displayName: app.displayName, sessionId: app.sessionId,
                 transportId: app.transportId, statusText: app.displayName, isIdleScreen: false,
-                namespaces: [{ name: NS.media }] }] : [],
+                namespaces: [{ name: app.appId === MEDIA_APP ? NS.media : NS.sendspin }] }] : [],
             isActiveInput: true, isStandBy: false,
             volume: { level: 1, muted: false, controlType: 'attenuation', stepInterval: 0.05 },
         },
@@ -318,8 +422,10 @@ function broadcastMedia() {
 
 function launch(appId) {
     if (app && app.appId === MEDIA_APP) player.finish('INTERRUPTED');
+    if (app && app.appId === opts.syncApp) syncReceiver.close();
     const sessionId = randomUUID();
     app = { appId, sessionId, transportId: sessionId, displayName: appId === MEDIA_APP ? 'Default Media Receiver' : 'Other' };
+    if (appId === opts.syncApp) syncReceiver.open(fromSyncReceiver);
     report('launched', { appId, sessionId });
 }
 
@@ -345,7 +451,7 @@ function onReceiver(clientId, source, message) {
         send(clientId, 'receiver-0', source, NS.receiver, receiverStatus(requestId));
         break;
     case 'LAUNCH':
-        if (message.appId !== MEDIA_APP) {
+        if (message.appId !== MEDIA_APP && message.appId !== opts.syncApp) {
             send(clientId, 'receiver-0', source, NS.receiver, { type: 'LAUNCH_ERROR', requestId, reason: 'NOT_FOUND' });
             break;
         }
@@ -356,6 +462,7 @@ function onReceiver(clientId, source, message) {
     case 'STOP':
         if (app && message.sessionId === app.sessionId) {
             player.finish('CANCELLED');
+            if (app.appId === opts.syncApp) syncReceiver.close();
             for (const key of senders) {
                 const [c, s] = key.split('|');
                 send(c, app.transportId, s, NS.connection, { type: 'CLOSE' });
@@ -444,6 +551,9 @@ server.on('message', (clientId, source, destination, namespace, data) => {
     report('message', { namespace: namespace.split('.').pop(), type: message.type });
     if (namespace === NS.receiver && destination === 'receiver-0') onReceiver(clientId, source, message);
     else if (namespace === NS.media && app && destination === app.transportId) onMedia(clientId, source, message);
+    else if (namespace === NS.sendspin && app && app.appId === opts.syncApp && destination === app.transportId) {
+        syncReceiver.deliver(message);
+    }
 });
 
 // Broadcast the media status now and then, as TVs do.
@@ -471,10 +581,11 @@ readline.createInterface({ input: process.stdin }).on('line', (line) => {
     else if (command === 'status') report('status', { state: player.state, currentTime: player.currentTime(), rate: player.rate, buffered: player.buffered / 176400 });
 });
 
-function quit() {
+async function quit() {
     player.stop();
     output.end();
     if (publisher) publisher.kill();
+    await syncReceiver.quit();
     process.exit(0);
 }
 process.on('SIGTERM', quit);
