@@ -271,6 +271,28 @@ nlohmann::json CastSender::mediaMetadata(const std::string& address) const {
     return metadata;
 }
 
+nlohmann::json CastSender::media() const {
+    const std::string url = "http://" + address_ + ":" +
+                            std::to_string(parts_.stream->advertisedPort()) + "/stream.wav";
+    return {{"contentId", url},
+            {"contentUrl", url},
+            {"streamType", "LIVE"},
+            {"contentType", "audio/wav"},
+            {"metadata", mediaMetadata(address_)}};
+}
+
+void CastSender::sendMetadata() {
+    if (!running() || !transportID_ || !mediaSessionID_ || !currentItemID_) return;
+    // The loaded item with new words and picture: a new LOAD would make the
+    // TV fetch the stream again and lose its lock, an update of the item in
+    // its queue does not.
+    nlohmann::json item = {{"itemId", *currentItemID_}, {"media", media()}};
+    channel_->send(*transportID_, kMediaNamespace,
+                   {{"type", "QUEUE_UPDATE"},
+                    {"mediaSessionId", *mediaSessionID_},
+                    {"items", nlohmann::json::array({std::move(item)})}});
+}
+
 void CastSender::load() {
     const auto address = parts_.localAddress(*target_.host);
     if (!address) {
@@ -279,16 +301,8 @@ void CastSender::load() {
         return;
     }
     address_ = *address;
-    const std::string url = "http://" + address_ + ":" +
-                            std::to_string(parts_.stream->advertisedPort()) + "/stream.wav";
-    nlohmann::json media = {{"contentId", url},
-                            {"contentUrl", url},
-                            {"streamType", "LIVE"},
-                            {"contentType", "audio/wav"},
-                            {"metadata", mediaMetadata(address_)}};
-    loadRequestID_ =
-        channel_->send(*transportID_, kMediaNamespace,
-                       {{"type", "LOAD"}, {"autoplay", true}, {"media", std::move(media)}});
+    loadRequestID_ = channel_->send(*transportID_, kMediaNamespace,
+                                    {{"type", "LOAD"}, {"autoplay", true}, {"media", media()}});
     loadSent_ = true;
     report({CastStatus::Kind::buffering, {}});
     later(kFetchLimitSeconds, [](CastSender& self) {
@@ -366,6 +380,7 @@ void CastSender::mediaStatus(const nlohmann::json& json) {
     if (list == json.end() || !list->is_array() || list->empty() || !(*list)[0].is_object()) return;
     const nlohmann::json& status = (*list)[0];
     if (const auto id = integer(status, "mediaSessionId")) mediaSessionID_ = *id;
+    if (const auto id = integer(status, "currentItemId")) currentItemID_ = *id;
 
     const std::string state = text(status, "playerState");
     if (state == "IDLE") {
@@ -545,10 +560,8 @@ void CastSender::send(std::optional<sendspin::TrackInfo> meta) {
         auto self = weak.lock();
         if (!self) return;
         self->meta_ = meta;
-        // The picture changes at once; the TV keeps the title it was loaded
-        // with, since a new LOAD would make it fetch the stream again and
-        // lose its lock.
         self->parts_.stream->setArtwork(meta ? meta->artworkPath : std::nullopt);
+        self->sendMetadata();
     });
 }
 

@@ -100,6 +100,8 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
     void report(CastStatus status);
     void publish(double seconds);
     nlohmann::json mediaMetadata(const std::string& address) const;
+    nlohmann::json media() const;
+    void sendMetadata();
     void startPump();
     bool running() const { return pumpState_->running.load(); }
     template <typename F>
@@ -117,6 +119,7 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
     std::optional<int64_t> launchRequestID_;
     std::optional<std::string> sessionID_, transportID_;
     std::optional<int64_t> mediaSessionID_;
+    std::optional<int64_t> currentItemID_;  // the loaded stream's place in the TV's queue
     std::optional<int64_t> loadRequestID_;
     bool loadSent_ = false;
     std::string address_;

@@ -132,6 +132,7 @@ class CastSenderTest : public ::testing::Test {
         nlohmann::json status = {{"mediaSessionId", 1},
                                  {"playerState", playerState},
                                  {"currentTime", media_},
+                                 {"currentItemId", 1},
                                  {"playbackRate", rate_}};
         nlohmann::json out = {{"type", "MEDIA_STATUS"}, {"requestId", id}};
         out["status"] = nlohmann::json::array({status});
@@ -340,6 +341,27 @@ TEST_F(CastSenderTest, AStallRaisesTheTargetAndTooLongAStallFails) {
     EXPECT_EQ(statuses_.back(), "failed: the TV stopped receiving the stream");
     answer();
     EXPECT_EQ(stopsSent_, 1);
+}
+
+TEST_F(CastSenderTest, ANewTrackReachesTheTVWithoutALoadThatWouldLoseTheLock) {
+    sender_->send(sendspin::TrackInfo{"Song", "Band", "Album", std::string("/tmp/cover.jpg")});
+    startAndConnect();
+    EXPECT_EQ(shared_->written[3].json()["media"]["metadata"]["title"], "Song");
+    run(2);
+    sender_->send(sendspin::TrackInfo{"Next", "", "", std::nullopt});
+    queue_.drain();
+    const CastMessage& update = shared_->written.back();
+    ASSERT_EQ(update.type(), "QUEUE_UPDATE");
+    const auto json = update.json();
+    EXPECT_EQ(json["mediaSessionId"], 1);
+    EXPECT_EQ(json["items"][0]["itemId"], 1);
+    EXPECT_EQ(json["items"][0]["media"]["metadata"]["title"], "Next");
+    EXPECT_FALSE(json["items"][0]["media"]["metadata"].contains("artist"));
+    EXPECT_EQ(json["items"][0]["media"]["contentId"], loadURL_);
+    EXPECT_EQ(stream_->artwork, std::nullopt);
+    int loads = 0;
+    for (const auto& m : shared_->written) loads += m.type() == "LOAD";
+    EXPECT_EQ(loads, 1);
 }
 
 }  // namespace

@@ -405,8 +405,9 @@ function mediaStatus(requestId) {
     const status = player.mediaSessionId === 0 ? [] : [{
         mediaSessionId: player.mediaSessionId, playerState: player.state, idleReason: player.idleReason,
         currentTime: player.currentTime(), playbackRate: player.rate, supportedMediaCommands: ALL_BASIC_MEDIA,
-        volume: { level: 1, muted: false },
-        media: { contentId: player.contentId, contentType: 'audio/wav', streamType: 'LIVE', duration: null },
+        volume: { level: 1, muted: false }, currentItemId: player.mediaSessionId,
+        media: { contentId: player.contentId, contentType: 'audio/wav', streamType: 'LIVE', duration: null,
+            metadata: player.metadata },
     }];
     return { type: 'MEDIA_STATUS', requestId, status };
 }
@@ -502,6 +503,7 @@ function onMedia(clientId, source, message) {
             break;
         }
         player.load(url, ++mediaSessionCount);
+        player.metadata = message.media.metadata;
         report('loaded', { url, title: message.media.metadata && message.media.metadata.title });
         reply(mediaStatus(requestId));
         if (opts.mode === 'close') setTimeout(() => everyClient((c) => server.clients[c].socket.destroy()), 3000);
@@ -518,6 +520,17 @@ function onMedia(clientId, source, message) {
         player.setRate(Number(message.playbackRate) || 1);
         reply(mediaStatus(requestId));
         break;
+    case 'QUEUE_UPDATE': {
+        if (!sessionOk()) break;
+        // The one item we hold: new words and picture, the stream untouched.
+        const item = Array.isArray(message.items) ? message.items.find((i) => i.itemId === player.mediaSessionId) : null;
+        if (item && item.media && item.media.metadata) {
+            player.metadata = item.media.metadata;
+            report('metadata', { title: player.metadata.title });
+        }
+        reply(mediaStatus(requestId));
+        break;
+    }
     case 'PLAY': case 'PAUSE':
         if (!sessionOk()) break;
         reply(mediaStatus(requestId));
