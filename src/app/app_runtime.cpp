@@ -10,6 +10,7 @@
 #include "app/control_path.h"
 #include "app/control_server.h"
 #include "app/guest_root.h"
+#include "app/local_command.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "devices/sound_server.h"
@@ -122,6 +123,15 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
             auto reply = bridge_->handle(m);
             if (onChange_) onChange_();
             return reply;
+        },
+        [this](const std::string& line) {
+            std::optional<PasswordCommand> c = decodeLocalCommand(line);
+            if (!c) return false;
+            // What the password sheet does: open for the row, then Join.
+            model_->beginPassword(c->slot);
+            if (model_->passwordReceiverID()) model_->submitPassword(c->password);
+            if (onChange_) onChange_();
+            return true;
         });
     try {
         server_->start();
@@ -170,6 +180,16 @@ void AppRuntime::logNotices() {
         portSaid_ = true;
     }
     for (const std::string& line : noticeLog_->newLines(model_->notices())) say(line);
+    // The password sheet, without a window: said once each time it opens.
+    std::string prompt;
+    if (const auto& name = model_->passwordReceiverName()) {
+        prompt = "vellatone: " + *name + " requires a password";
+        if (model_->passwordRejected())
+            prompt += ". It refused the password saved here. Enter the current one.";
+        prompt += " (vellatonectl password SLOT reads it from standard input)";
+    }
+    if (prompt != passwordPrompt_ && !prompt.empty()) say(prompt);
+    passwordPrompt_ = prompt;
     std::string words;
     if (model_->guestServerError())
         words = "vellatone: " + *model_->guestServerError();

@@ -97,6 +97,7 @@ class AppRuntime {
     std::function<void()> onChange_;
     std::string controlSocket_;
     std::string guestWords_;
+    std::string passwordPrompt_;
     bool portSaid_ = false;
     bool shutDown_ = false;
 };

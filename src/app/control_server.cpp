@@ -86,11 +86,12 @@ bool answers(const std::filesystem::path& path) {
 }  // namespace
 
 ControlServer::ControlServer(dispatch::MainQueue& main, std::filesystem::path path,
-                             Snapshot snapshot, Handler handler)
+                             Snapshot snapshot, Handler handler, LocalHandler local)
     : main_(main),
       path_(std::move(path)),
       snapshot_(std::move(snapshot)),
       handler_(std::move(handler)),
+      local_(std::move(local)),
       io_(std::make_shared<Io>()),
       alive_(std::make_shared<bool>(true)) {}
 
@@ -269,6 +270,10 @@ void ControlServer::handleLine(uint64_t client, const std::string& line) {
     if (line.empty()) return;
     std::optional<remote::PhoneMessage> message = remote::tryDecodePhoneMessage(line);
     if (!message) {
+        if (local_ && local_(line)) {
+            publish(false);
+            return;
+        }
         // A line that is not a message ends the link, as on the remote's wire.
         io_->close(client);
         return;

@@ -27,6 +27,9 @@ class ControlServer {
   public:
     using Snapshot = std::function<remote::MacState()>;
     using Handler = std::function<std::optional<remote::MacMessage>(const remote::PhoneMessage&)>;
+    // A line that is no phone message: true when it was a local command and
+    // was dealt with, false to end the link as for any bad line.
+    using LocalHandler = std::function<bool(const std::string& line)>;
 
     // At most this many clients at once; more are turned away.
     static constexpr int maxClients = 16;
@@ -34,7 +37,7 @@ class ControlServer {
     static constexpr size_t maxQueuedBytes = 16 << 20;
 
     ControlServer(dispatch::MainQueue& main, std::filesystem::path path, Snapshot snapshot,
-                  Handler handler);
+                  Handler handler, LocalHandler local = {});
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -57,6 +60,7 @@ class ControlServer {
     std::filesystem::path path_;
     Snapshot snapshot_;
     Handler handler_;
+    LocalHandler local_;
     std::shared_ptr<Io> io_;
     std::thread thread_;
     // Main thread: the last state each client was sent.

@@ -4,12 +4,14 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "app/control_path.h"
+#include "app/local_command.h"
 #include "ctl/arguments.h"
 #include "ctl/control_client.h"
 #include "remote/message_codec.h"
@@ -36,6 +38,8 @@ constexpr const char* kUsage =
     "  mute SLOT on|off    mute or unmute a slot\n"
     "  master 0..1         set the master volume\n"
     "  start | stop        start or stop sending\n"
+    "  password SLOT       give the AirPlay receiver in a slot its password, read\n"
+    "                      from the first line of standard input; it is kept\n"
     "  send 'JSON'         send one message line as it is\n"
     "The socket is $VELLATONE_CONTROL_SOCKET, else $XDG_RUNTIME_DIR/vellatone/control.sock.\n";
 
@@ -79,9 +83,9 @@ int run(const std::vector<std::string>& args) {
     if (args.empty()) throw UsageError{"No command given."};
     const std::string& cmd = args[0];
     static const std::map<std::string, size_t> arity = {
-        {"status", 1}, {"outputs", 1}, {"add", 2},  {"remove", 2},
-        {"delay", 3},  {"volume", 3},  {"mute", 3}, {"master", 2},
-        {"start", 1},  {"stop", 1},    {"send", 2}, {"remove-guest", 2}};
+        {"status", 1}, {"outputs", 1},      {"add", 2},     {"remove", 2}, {"delay", 3},
+        {"volume", 3}, {"mute", 3},         {"master", 2},  {"start", 1},  {"stop", 1},
+        {"send", 2},   {"remove-guest", 2}, {"password", 2}};
     auto it = arity.find(cmd);
     if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
     if (args.size() != it->second)
@@ -94,7 +98,8 @@ int run(const std::vector<std::string>& args) {
     if (cmd == "master") numberArg(args, 1, 0, 1, "volume");
     if (cmd == "mute" && !vt::ctl::parseSwitch(args[2]))
         throw UsageError{"\"" + args[2] + "\" is neither on nor off."};
-    if ((cmd == "remove" || cmd == "delay" || cmd == "volume" || cmd == "mute") &&
+    if ((cmd == "remove" || cmd == "delay" || cmd == "volume" || cmd == "mute" ||
+         cmd == "password") &&
         !vt::ctl::parseSlot(args[1]))
         throw UsageError{"\"" + args[1] + "\" is not a slot number."};
     std::optional<PhoneMessage> raw;
@@ -206,6 +211,18 @@ int run(const std::vector<std::string>& args) {
         } else {
             std::printf("stopped; the computer plays through its own output again\n");
         }
+    } else if (cmd == "password") {
+        const int slot = slotArg(args, 1, s);
+        const vt::remote::RowInfo& row = *rowIn(s, slot);
+        if (row.kind != vt::remote::RowInfo::Kind::airplay)
+            throw ControlError("The output in slot " + args[1] + " is not an AirPlay receiver.");
+        // From standard input, so that it shows in no process list.
+        std::string password;
+        if (!std::getline(std::cin, password)) throw UsageError{"No password on standard input."};
+        if (!password.empty() && password.back() == '\r') password.pop_back();
+        c.sendLine(vt::app::encodeLocalCommand({slot, password}));
+        c.sync();
+        std::printf("password kept for %s; trying it\n", row.name.c_str());
     } else if (cmd == "send") {
         c.sendLine(args[1]);
         c.sync();

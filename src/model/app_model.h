@@ -29,6 +29,7 @@
 #include "devices/sound_server.h"
 #include "discovery/airplay_browser.h"
 #include "discovery/cast_browser.h"
+#include "discovery/local_interfaces.h"
 #include "discovery/service_browser.h"
 #include "dispatch/main_queue.h"
 #include "engine/multi_output_engine.h"
@@ -41,6 +42,7 @@
 #include "guests/guest_party.h"
 #include "guests/guest_server.h"
 #include "model/notice.h"
+#include "model/notice_words.h"
 #include "model/row_state.h"
 #include "platform/audio_backend.h"
 #include "secrets/airplay_password_store.h"
@@ -174,6 +176,10 @@ class AppModel {
     bool passwordRejected() const { return passwordRejected_; }
     // This computer's id towards AirPlay receivers, made once and kept.
     std::string airplayDeviceID();
+    // At launch: drops kept pairings made under another device id, and the
+    // timing flags of the last run.
+    void pruneAirplayCredentials(const std::string& deviceID);
+    void clearAirplayNTPFlags();
 
     // ---- The one switch.
     void startStop();
@@ -271,8 +277,14 @@ class AppModel {
     void act(const Notice& notice, NoticeButton button);
     std::vector<int> noticeSlots(const std::string& id) const;
     std::string meta(const RowState& row) const;
+    // Where the "multihomed" check reads this computer's interfaces; tests
+    // give their own.
+    void setLocalInterfaces(std::function<std::vector<discovery::LocalInterface>()> read) {
+        localInterfaces_ = std::move(read);
+    }
 
   private:
+    RowNoticeFacts rowNoticeFacts(int slot) const;
     int validSlot(int slot) const { return slot >= 0 && slot < int(rows_.size()) ? slot : -1; }
     int slotOf(RowId id) const;
     RowId newRowId() { return nextRowId_++; }
@@ -389,6 +401,8 @@ class AppModel {
     std::unique_ptr<cast::CastSupervisor> castSupervisor_;
     std::unique_ptr<secrets::AirPlayPasswordStore> passwords_;
     std::unique_ptr<airplay::AirPlaySupervisor> airplay_;
+    std::function<std::vector<discovery::LocalInterface>()> localInterfaces_ =
+        discovery::localIPv4Interfaces;
     std::optional<std::string> passwordReceiverID_, passwordReceiverName_;
     bool passwordRejected_ = false;
 

@@ -12,6 +12,8 @@ namespace vt::model {
 namespace {
 constexpr const char* routesKey = "airplayRoutes";
 constexpr const char* deviceIDKey = "airplayDeviceID";
+constexpr const char* credentialsKey = "airplayCreds";
+constexpr const char* ntpFlagKey = "airplayNTP";
 constexpr double airplayRate = 44100.0;
 }  // namespace
 
@@ -68,6 +70,25 @@ void AppModel::enableAirPlay(secrets::SecretStore& secrets) {
     hooks.deviceID = [this] { return airplayDeviceID(); };
     airplay_ = std::make_unique<airplay::AirPlaySupervisor>(main_, std::move(hooks));
     airplay_->setReceivers(airplayReceivers_);
+    pruneAirplayCredentials(airplayDeviceID());
+    clearAirplayNTPFlags();
+}
+
+void AppModel::pruneAirplayCredentials(const std::string& deviceID) {
+    const nlohmann::json stored = settings_.value(credentialsKey);
+    if (!stored.is_object()) return;
+    // A pairing belongs to the id this computer gave the receiver then: one
+    // made under another id (a copied settings file, a reset id) is void.
+    nlohmann::json kept = nlohmann::json::object();
+    for (auto it = stored.begin(); it != stored.end(); ++it)
+        if (it->is_object() && it->value("dacp", nlohmann::json()) == deviceID)
+            kept[it.key()] = *it;
+    if (kept != stored) settings_.setValue(credentialsKey, kept);
+}
+
+void AppModel::clearAirplayNTPFlags() {
+    // The timing a receiver fell back to is learnt afresh each run.
+    if (!settings_.value(ntpFlagKey).is_null()) settings_.removeValue(ntpFlagKey);
 }
 
 std::string AppModel::airplayDeviceID() {

@@ -1,6 +1,8 @@
 // Notices derived from the model's state, and what their buttons do.
 #include <cstdio>
 
+#include "airplay/receiver_traits.h"
+#include "discovery/local_interfaces.h"
 #include "model/app_model.h"
 #include "model/notice_words.h"
 
@@ -15,11 +17,15 @@ std::vector<Notice> AppModel::allNotices() const {
     facts.driverInstallError = driverInstallError_;
     facts.startError = startError_;
     facts.restoredOutput = restoredOutput_;
+    bool airplayRows = false;
+    for (const RowState& row : rows_) airplayRows = airplayRows || row.isAirPlay();
+    if (airplayRows && localInterfaces_)
+        facts.sharedSubnetInterfaces = discovery::interfacesSharingASubnet(localInterfaces_());
     std::vector<Notice> all = applicationNotices(facts);
 
     // Rows with the same notice share one card.
-    for (const RowState& row : rows_) {
-        std::optional<Notice> n = rowNotice(row);
+    for (int slot = 0; slot < int(rows_.size()); ++slot) {
+        std::optional<Notice> n = rowNotice(rows_[slot], rowNoticeFacts(slot));
         if (!n) continue;
         bool known = false;
         for (const Notice& have : all) known = known || have.id == n->id;
@@ -35,7 +41,21 @@ std::vector<Notice> AppModel::notices() {
 }
 
 std::optional<Notice> AppModel::noticeFor(const RowState& row) const {
-    return rowNotice(row);
+    const int slot = slotOf(row.id);
+    return rowNotice(row, slot >= 0 ? rowNoticeFacts(slot) : RowNoticeFacts{});
+}
+
+RowNoticeFacts AppModel::rowNoticeFacts(int slot) const {
+    RowNoticeFacts facts;
+    const RowState& row = rows_[slot];
+    if (!row.airplayID) return facts;
+    for (const auto& r : airplayReceivers_)
+        if (r.id == *row.airplayID) {
+            facts.leadsOwnGroup = airplay::leadsOwnGroup(r);
+            facts.appleModel = airplay::isAppleModel(r);
+        }
+    facts.exhausted = airplay_ && airplay_->isExhausted(slot);
+    return facts;
 }
 
 void AppModel::dismissNotice(const Notice& notice) {
@@ -45,7 +65,7 @@ void AppModel::dismissNotice(const Notice& notice) {
 std::vector<int> AppModel::noticeSlots(const std::string& id) const {
     std::vector<int> slots;
     for (int slot = 0; slot < int(rows_.size()); ++slot) {
-        std::optional<Notice> n = rowNotice(rows_[slot]);
+        std::optional<Notice> n = rowNotice(rows_[slot], rowNoticeFacts(slot));
         if (n && n->id == id) slots.push_back(slot);
     }
     return slots;
@@ -55,8 +75,13 @@ void AppModel::act(const Notice& notice, NoticeButton button) {
     if (button != NoticeButton::primary) return;
     if (notice.id == "start" || notice.id == "crash") {
         if (!isRunning_) startStop();
-    } else if (notice.id == "cast-firewall") {
+    } else if (notice.id == "cast-firewall" || notice.id == "forbidden" || notice.id == "grouped" ||
+               notice.id == "approval") {
         for (int slot : noticeSlots(notice.id)) reconnect(slot);
+    } else if (notice.id == "multihomed") {
+        // The interfaces may have been sorted out meanwhile.
+        for (int slot = 0; slot < int(rows_.size()); ++slot)
+            if (rows_[slot].isAirPlay() && canReconnect(slot)) reconnect(slot);
     } else if (notice.id == "device-failed") {
         for (int slot : noticeSlots(notice.id)) pushRow(slot);
     } else if (notice.id == "driver") {

@@ -53,6 +53,8 @@ std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
             .tone = Notice::Tone::fault,
         });
     }
+    if (auto multihomed = multihomedNotice(facts.sharedSubnetInterfaces))
+        out.push_back(std::move(*multihomed));
     if (facts.restoredOutput) {
         const guard::RestoredOutput& r = *facts.restoredOutput;
         out.push_back(Notice{
@@ -71,7 +73,69 @@ std::vector<Notice> applicationNotices(const AppNoticeFacts& facts) {
     return out;
 }
 
-std::optional<Notice> rowNotice(const RowState& row) {
+namespace {
+
+// The AirPlay receivers' own notices: one that turns this computer away,
+// one that leads a group of its own, one that waits for a person's accept.
+std::optional<Notice> airplayNotice(const RowState& row, const RowNoticeFacts& facts) {
+    using Kind = airplay::AirPlayStatus::Kind;
+    const Kind kind = row.airplayStatus->kind;
+    const std::string name = row.shownName();
+    if (kind == Kind::forbidden) {
+        return Notice{
+            .id = "forbidden",
+            .title = name + " only allows its own user",
+            .line =
+                "Its AirPlay Receiver turns every other computer away, so there’s nothing to "
+                "type here.",
+            .why =
+                "On that Mac, open System Settings → General → AirDrop & Handoff → AirPlay "
+                "Receiver and set “Allow AirPlay for” to “Anyone on the same network”, then "
+                "press Try again. With “Require password” on it asks this app for that "
+                "password; with it off it shows a one-time code. Both work.",
+            .primary = "Try again",
+            .tone = Notice::Tone::fault,
+        };
+    }
+    const bool unshared = kind == Kind::clockStalled || kind == Kind::clockUnshared;
+    if (unshared && facts.leadsOwnGroup) {
+        // There is no Home app here to open: trying again is the button.
+        return Notice{
+            .id = "grouped",
+            .title = name + " won’t follow this computer’s clock",
+            .line =
+                "It’s a stereo pair or grouped in the Home app, so it takes the stream and "
+                "plays nothing.",
+            .why =
+                "A speaker that leads a group keeps that group’s timing, and won’t follow a "
+                "sender it isn’t grouped with. Ungroup it in the Home app, or split the stereo "
+                "pair, and it syncs like any other speaker. Grouped, the way to play to it is "
+                "the Home app itself.",
+            .primary = "Try again",
+            .tone = Notice::Tone::warn,
+        };
+    }
+    const bool tookStream = kind == Kind::clockStalled && facts.appleModel;
+    if (!tookStream && !(kind == Kind::needsApproval && facts.exhausted)) return std::nullopt;
+    return Notice{
+        .id = "approval",
+        .title = name + (tookStream ? " won’t sync the stream" : " hasn’t allowed this computer"),
+        .line = tookStream ? "It took the stream, and plays nothing until that Mac allows this one."
+                           : "That Mac asks before every stream, and nobody accepted in time.",
+        .why =
+            "It has no AirPlay password, so it gates every stream behind its own “allow?” "
+            "prompt. On it, open System Settings → General → AirDrop & Handoff → AirPlay "
+            "Receiver and turn on “Require password”; this computer is already paired, so "
+            "from then on it connects without asking. Until then, someone has to click "
+            "Accept on it within 15 seconds of a try.",
+        .primary = "Try again",
+        .tone = Notice::Tone::warn,
+    };
+}
+
+}  // namespace
+
+std::optional<Notice> rowNotice(const RowState& row, const RowNoticeFacts& facts) {
     if (row.isDevice() && row.failedToOpen) {
         return Notice{
             .id = "device-failed",
@@ -100,8 +164,30 @@ std::optional<Notice> rowNotice(const RowState& row) {
             .tone = Notice::Tone::fault,
         };
     }
-    // The other network rows' notices come with their senders.
+    if (row.isAirPlay() && !row.isCast() && row.airplayStatus) return airplayNotice(row, facts);
     return std::nullopt;
+}
+
+std::optional<Notice> multihomedNotice(const std::vector<std::string>& interfaces) {
+    if (interfaces.size() < 2) return std::nullopt;
+    std::string list;
+    for (size_t i = 0; i < interfaces.size(); ++i) {
+        if (i > 0) list += i + 1 == interfaces.size() ? " and " : ", ";
+        list += interfaces[i];
+    }
+    return Notice{
+        .id = "multihomed",
+        .title = "AirPlay can’t connect",
+        .line =
+            "Wi-Fi and Ethernet are on the same network, and the computer sends AirPlay out "
+            "the wrong one.",
+        .why =
+            "Turn one of them off, or give them different subnets. Wired speakers aren’t "
+            "affected. On this computer: " +
+            list,
+        .primary = "Try again",
+        .tone = Notice::Tone::warn,
+    };
 }
 
 std::string rowMeta(const RowState& row, const std::optional<devices::AudioDevice>& device,

@@ -25,6 +25,9 @@ struct AppNoticeFacts {
     std::optional<std::string> driverInstallError;
     std::optional<std::string> startError;
     std::optional<guard::RestoredOutput> restoredOutput;
+    // With AirPlay rows: the interfaces that share a subnet (see
+    // discovery::interfacesSharingASubnet); empty without AirPlay rows.
+    std::vector<std::string> sharedSubnetInterfaces;
 };
 
 // A server away for longer than this is not restarting by itself: the
@@ -34,8 +37,22 @@ inline constexpr double kServerAwayNoticeSeconds = 5.0;
 // The application's notices, in the order of their checks.
 std::vector<Notice> applicationNotices(const AppNoticeFacts& facts);
 
+// What the model knows of an AirPlay row beyond the row itself.
+struct RowNoticeFacts {
+    // The receiver is an Apple device that leads a group of its own.
+    bool leadsOwnGroup = false;
+    // An Apple receiver, which gates streams behind a person's accept.
+    bool appleModel = false;
+    // The row was given up on (its receiver never answered in time).
+    bool exhausted = false;
+};
+
 // The first per-row notice that applies to a row, or nothing.
-std::optional<Notice> rowNotice(const RowState& row);
+std::optional<Notice> rowNotice(const RowState& row, const RowNoticeFacts& facts = {});
+
+// "AirPlay can’t connect", while AirPlay rows exist and two interfaces sit
+// on one subnet, so that the receiver's answers may come back by the other.
+std::optional<Notice> multihomedNotice(const std::vector<std::string>& interfaces);
 
 // The line under a row's name: the device's transport and rate, or what a
 // network row is doing, with the row's delay when it has one. `device` is

@@ -6,7 +6,8 @@
 # receiver is listed by discovery alone; add and start make it play (sound
 # at airport's monitor, the row streaming with its lag); a receiver that dies
 # mid-stream plays again when it is back; stop leaves no tool process
-# behind; a receiver with a password asks for it.
+# behind; a receiver with a password asks for it, refuses a wrong one, and
+# plays with the right one, which is kept across a restart of the app.
 #
 #   airplay_e2e_test.sh BIN_DIR REPO_DIR
 set -uo pipefail
@@ -105,12 +106,26 @@ step "stop: no tool process is left"
 ctl stop >/dev/null || fail "stop"
 await 5 "a vellatone-airplay process is still running" bash -c "! pgrep -f '^$BIN/vellatone-airplay ' >/dev/null"
 
-step "a receiver with a password asks for it"
+step "a receiver with a password asks for it; a wrong one is refused, the right one kept"
 stop_receiver
 receiver Kitchen secret
 sleep 2
 ctl start >/dev/null || fail "start again"
 await 20 "the row never asked for its password: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'needs its password'* ]]"
+grep -q 'Kitchen requires a password (' "$work/app1.log" || fail "the app did not ask for the password"
+slot=$(ctl status | field "[r['slot'] for r in s['rows'] if r['kind']=='airplay'][0]")
+ctl password "$slot" <<<"wrong" >/dev/null || fail "password"
+await 20 "the wrong password was not refused in the design's words" \
+    grep -q 'requires a password. It refused the password saved here. Enter the current one.' "$work/app1.log"
+ctl password "$slot" <<<"secret" >/dev/null || fail "password"
+await 20 "the right password never played: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '* ]]"
+await 10 "no sound reached the receiver's room with the password" plays
 ctl stop >/dev/null
-kill -TERM "$app_pid"; wait "$app_pid"; app_pid=
+terminate
+launch 2
+ctl start >/dev/null || fail "start after a restart"
+await 20 "the kept password did not play after a restart: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '* ]]"
+grep -q 'requires a password' "$work/app2.log" && fail "the kept password was asked for again"
+ctl stop >/dev/null
+terminate
 echo PASS

@@ -13,6 +13,7 @@
 #include "../model/model_fixture.h"
 #include "app/control_path.h"
 #include "app/control_server.h"
+#include "app/local_command.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "ctl/arguments.h"
@@ -187,9 +188,15 @@ class Client {
 TEST_F(Bridge, ASocketClientGetsTheStateAtConnectAndAfterEachChange) {
     model::AppModel& m = withRows({"living"});
     const std::filesystem::path path = dir / "control" / "control.sock";
+    std::vector<PasswordCommand> passwords;
     ControlServer server(
         main, path, [&] { return bridge().snapshot(); },
-        [&](const PhoneMessage& msg) { return bridge().handle(msg); });
+        [&](const PhoneMessage& msg) { return bridge().handle(msg); },
+        [&](const std::string& line) {
+            auto command = decodeLocalCommand(line);
+            if (command) passwords.push_back(*command);
+            return command.has_value();
+        });
     server.start();
     EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
@@ -220,7 +227,23 @@ TEST_F(Bridge, ASocketClientGetsTheStateAtConnectAndAfterEachChange) {
         [&](const PhoneMessage& msg) { return bridge().handle(msg); });
     EXPECT_THROW(other.start(), std::runtime_error);
 
-    // A line that is not a message ends the link.
+    // A password, which only this socket takes, goes to the local handler.
+    c.write(encodeLocalCommand({1, "se\"cret ü"}) + "\n" + R"({"ping":{"id":3,"phoneSent":0}})" +
+            "\n");
+    EXPECT_EQ(c.line(main).rfind("{\"pong\":", 0), 0u);
+    ASSERT_EQ(passwords.size(), 1u);
+    EXPECT_EQ(passwords[0].slot, 1);
+    EXPECT_EQ(passwords[0].password, "se\"cret ü");
+    for (const char* bad :
+         {R"({"airplayPassword":{"slot":-1,"password":"x"}})",
+          R"({"airplayPassword":{"slot":1.5,"password":"x"}})",
+          R"({"airplayPassword":{"slot":1,"password":7}})", R"({"airplayPassword":{"slot":1}})",
+          R"({"airplayPassword":{"slot":1,"password":"x","more":1}})",
+          R"({"airplayPassword":{"slot":1,"password":"x"},"x":1})", "[1]"})
+        EXPECT_FALSE(decodeLocalCommand(bad)) << bad;
+    EXPECT_FALSE(decodeLocalCommand(encodeLocalCommand({0, std::string(257, 'x')})));
+
+    // A line that is neither ends the link.
     c.write("{\"setVolume\":{}, \"x\":1}\n");
     EXPECT_EQ(c.line(main), "");
 }

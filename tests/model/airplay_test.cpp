@@ -94,5 +94,44 @@ TEST_F(AirPlayModelTest, ARefusedPasswordOpensTheSheetOnceAndTheAnswerIsKeptAndT
     m.startStop();
 }
 
+TEST_F(AirPlayModelTest, AReceiverThatTurnsUsAwayRaisesItsNoticeAndTryAgainTriesAgain) {
+    setenv("FAKE_TOOL_ERR", "[STATUS] error code=connect_failed http=403\\n[ERROR] no\\n", 1);
+    AppModel& m = launchWithKitchen();
+    m.setLocalInterfaces([] {
+        return std::vector<discovery::LocalInterface>{{"eth0", 0xC0A80105, 0xFFFFFF00},
+                                                      {"wlan0", 0xC0A80107, 0xFFFFFF00}};
+    });
+    m.startStop();
+    ASSERT_TRUE(waitFor([&] { return m.noticeFor(kitchen()).has_value(); }));
+    const Notice forbidden = *m.noticeFor(kitchen());
+    EXPECT_EQ(forbidden.title, "Kitchen only allows its own user");
+    EXPECT_EQ(m.noticeSlots("forbidden"), std::vector<int>{1});
+    bool multihomed = false;
+    for (const Notice& n : m.notices()) multihomed = multihomed || n.id == "multihomed";
+    EXPECT_TRUE(multihomed);
+
+    // Try again: a new sender, turned away again.
+    m.act(forbidden, NoticeButton::primary);
+    EXPECT_FALSE(m.noticeFor(kitchen()));
+    ASSERT_TRUE(waitFor([&] { return m.noticeFor(kitchen()).has_value(); }));
+    m.startStop();
+}
+
+TEST_F(AirPlayModelTest, LaunchDropsPairingsMadeUnderAnotherIdAndLastRunsTimingFlags) {
+    launch();
+    settings->setValue("airplayDeviceID", "02:11:22:33:44:55");
+    settings->setValue("airplayCreds",
+                       {{"Kitchen", {{"dacp", "02:11:22:33:44:55"}, {"creds", "k"}}},
+                        {"Study", {{"dacp", "06:AA:BB:CC:DD:EE"}, {"creds", "s"}}},
+                        {"Odd", "not a credential"}});
+    settings->setValue("airplayNTP", true);
+    AppModel& m = launch();
+    m.enableAirPlay(secrets);
+    const nlohmann::json creds = settings->value("airplayCreds");
+    EXPECT_EQ(creds.size(), 1u);
+    EXPECT_EQ(creds["Kitchen"]["creds"], "k");
+    EXPECT_TRUE(settings->value("airplayNTP").is_null());
+}
+
 }  // namespace
 }  // namespace vt::model::test

@@ -40,6 +40,8 @@ QVariant RowListModel::data(const QModelIndex& index, int role) const {
             return e.guest;
         case CanReconnectRole:
             return e.canReconnect;
+        case CanEnterPasswordRole:
+            return e.canEnterPassword;
         case EqOnRole:
             return e.eqOn;
         default:
@@ -62,6 +64,7 @@ QHash<int, QByteArray> RowListModel::roleNames() const {
             {HueRole, "hue"},
             {GuestRole, "guest"},
             {CanReconnectRole, "canReconnect"},
+            {CanEnterPasswordRole, "canEnterPassword"},
             {EqOnRole, "eqOn"}};
 }
 
@@ -85,6 +88,7 @@ void RowListModel::sync(model::AppModel& model, const std::map<int, double>& lev
         e.hue = row.hue;
         e.guest = row.isGuest();
         e.canReconnect = model.canReconnect(shown.slot);
+        e.canEnterPassword = model.canEnterPassword(shown.slot);
         e.eqOn = row.eq.enabled && !row.eq.isFlat();
         next.push_back(std::move(e));
     }

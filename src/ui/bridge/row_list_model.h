@@ -34,6 +34,7 @@ class RowListModel : public QAbstractListModel {
         HueRole,
         GuestRole,
         CanReconnectRole,
+        CanEnterPasswordRole,
         EqOnRole,
     };
 
@@ -44,7 +45,7 @@ class RowListModel : public QAbstractListModel {
         double volume = 1, delayMs = 0, level = 0;
         bool muted = false, soloed = false, disabled = false, connected = false;
         int hue = 0;
-        bool guest = false, canReconnect = false, eqOn = false;
+        bool guest = false, canReconnect = false, canEnterPassword = false, eqOn = false;
         bool operator==(const Entry&) const = default;
     };
 

@@ -23,6 +23,7 @@ FocusScope {
     required property int hue
     required property bool guest
     required property bool canReconnect
+    required property bool canEnterPassword
     required property bool eqOn
     property bool first: false
     property bool last: false
@@ -266,6 +267,7 @@ FocusScope {
         rowName: strip.name
         disabledRow: strip.disabled
         canReconnect: strip.canReconnect
+        canEnterPassword: strip.canEnterPassword
         first: strip.first
         last: strip.last
         onRenameAsked: strip.beginRename()

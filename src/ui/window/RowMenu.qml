@@ -1,4 +1,5 @@
-// A row's menu: switch it off or on, reconnect, move, remove.
+// A row's menu: switch it off or on, reconnect, give an AirPlay receiver its
+// password, move, remove.
 import QtQuick
 import QtQuick.Controls
 import Vellatone
@@ -8,6 +9,7 @@ Menu {
     property int slot: -1
     property bool disabledRow: false
     property bool canReconnect: false
+    property bool canEnterPassword: false
     property bool first: false
     property bool last: false
     property string rowName: ""
@@ -29,6 +31,13 @@ Menu {
         text: qsTr("Reconnect")
         enabled: menu.canReconnect
         onTriggered: App.reconnect(menu.slot)
+    }
+    MenuItem {
+        objectName: "row." + menu.slot + ".menu.password"
+        text: qsTr("Enter password…")
+        visible: menu.canEnterPassword
+        height: visible ? implicitHeight : 0
+        onTriggered: App.beginPassword(menu.slot)
     }
     MenuSeparator {}
     MenuItem {
