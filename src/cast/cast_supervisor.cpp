@@ -111,6 +111,7 @@ void CastSupervisor::startSender(int slot, const CastDeviceSeen& device) {
     senders_[slot] = Running{sender, device.id, synced};
     statuses_[slot] = CastStatus{CastStatus::Kind::connecting, {}};
     syncedRows_[slot] = synced;
+    if (hooks_.senderStarted) hooks_.senderStarted(slot);
     sender->send(meta_);
     sender->start();
     if (hooks_.statusChanged) hooks_.statusChanged(slot);
@@ -172,6 +173,7 @@ void CastSupervisor::stopSender(int slot) {
     retryTimers_.erase(slot);
     statuses_.erase(slot);
     sender->stop();
+    if (hooks_.senderStopped) hooks_.senderStopped(slot);
 }
 
 void CastSupervisor::stopAll() {

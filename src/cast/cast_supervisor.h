@@ -56,6 +56,9 @@ class CastSupervisor {
         std::function<void(int slot, double latencyMs)> latencyChanged;
         // Asks the model to call reconcile with what it has now.
         std::function<void()> reconcileWanted;
+        // A sender began a fresh attempt at the slot, or its sender went.
+        std::function<void(int slot)> senderStarted;
+        std::function<void(int slot)> senderStopped;
     };
 
     // With `trySync`, a TV gets the clock-synced receiver first and the WAV

@@ -42,6 +42,17 @@ void AppModel::enableCast(cast::CastSupervisor::SenderFactory factory, bool tryS
     hooks.statusChanged = [this](int slot) { castStatusChanged(slot); };
     hooks.latencyChanged = [this](int slot, double ms) { castLatencyChanged(slot, ms); };
     hooks.reconcileWanted = [this] { reconcileCastSenders(); };
+    // Each attempt has its own 12 s before the row counts as stalled.
+    hooks.senderStarted = [this](int slot) {
+        if (validSlot(slot) < 0) return;
+        rows_[slot].connectingSince = main_.now();
+        rows_[slot].connectStalled = false;
+    };
+    hooks.senderStopped = [this](int slot) {
+        if (validSlot(slot) < 0) return;
+        rows_[slot].connectingSince.reset();
+        rows_[slot].connectStalled = false;
+    };
     castSupervisor_ = std::make_unique<cast::CastSupervisor>(main_, std::move(factory),
                                                              std::move(hooks), trySync);
 }

@@ -78,6 +78,32 @@ TEST_F(CastRowsTest, ATVRowPlaysOnceStartedAndItsLagHoldsTheOthersBack) {
     EXPECT_EQ(m.rows()[slot].streamLatencyMs, 0.0);
 }
 
+TEST_F(CastRowsTest, AnAttemptPastTwelveSecondsIsStalledAndARetryStartsItsOwnClock) {
+    AppModel& m = launchWithTV();
+    ASSERT_TRUE(m.addOutput("living"));
+    ASSERT_TRUE(m.addCastOutput("c1"));
+    m.startStop();
+    settle();
+    main.advance(12.5);
+    settle();
+    EXPECT_TRUE(m.rows()[1].connectStalled);
+    say(cast::CastStatus::failed("the TV did not start its player"));
+    main.advance(1.6);
+    settle();
+    ASSERT_EQ(senders.size(), 2u) << "the first retry";
+    EXPECT_FALSE(m.rows()[1].connectStalled);
+    main.advance(6);
+    settle();
+    EXPECT_FALSE(m.rows()[1].connectStalled);
+    say({cast::CastStatus::Kind::streaming});
+    main.advance(13);
+    settle();
+    EXPECT_FALSE(m.rows()[1].connectStalled);
+    m.startStop();
+    settle();
+    EXPECT_FALSE(m.rows()[1].connectingSince);
+}
+
 TEST_F(CastRowsTest, AFirewallRaisesItsNoticeAndTryAgainStartsAfresh) {
     AppModel& m = launchWithTV();
     ASSERT_TRUE(m.addOutput("living"));
