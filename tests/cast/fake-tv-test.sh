@@ -3,7 +3,9 @@
 # the TV's own buffer and resampler, and its sound in the null sink "tv" of a
 # private sound server. Everything runs in a network namespace of its own.
 #   tests/cast/fake-tv-test.sh BIN_DIR SCENARIO
-# Scenarios: play, firewall, refuse-rate-2, takeover, close, silent, stall.
+# Scenarios: play (one TV through its whole life: silent until locked, rate 2
+# refused, a stall survived, another sender taking over), firewall, close,
+# silent.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
@@ -96,19 +98,38 @@ locks() { await "$work/probe.log" '"streaming"' "${1:-50}" || fail "never stream
 
 case "$scenario" in
 play)
-    start_tv
+    # A TV that refuses rate 2 and holds 4.5 s: a long catch-up at 1.5.
+    start_tv --refuse-rate-2 --buffer 4.5
     start_probe
     await "$work/tv.log" '"state":"PLAYING"' 15 || fail "the TV never played"
     level=$(tv_level)
     python3 -c "import sys; sys.exit(0 if $level < 0.001 else 1)" || fail "the TV was heard before the lock (level $level)"
+    await "$work/tv.log" '"rate-refused"' 30 || fail "rate 2 was never asked for"
+    await "$work/tv.log" '"rate":1.5' 5 || fail "no catch-up at 1.5 after the refusal"
     locks 50
     await "$work/probe.log" '"latencyMs"' 2 || fail "no latency published at the lock"
     sleep 1
     level=$(tv_level)
     python3 -c "import sys; sys.exit(0 if $level > 0.1 else 1)" || fail "the TV is silent after the lock (level $level)"
-    echo "locked after $(seconds_at '"streaming"') s; TV level $level; $(grep latencyMs "$work/probe.log" | tail -1)"
-    stop_probe
-    await "$work/tv.log" '"event":"stopped"' 3 || fail "our player was not stopped on the TV"
+    echo "locked after $(seconds_at '"streaming"') s with rate 2 refused; TV level $level; $(grep latencyMs "$work/probe.log" | tail -1)"
+
+    # Its buffer runs dry: the target goes up and it plays again.
+    tv stall 4
+    await "$work/tv.log" '"underrun"' 10 || fail "the TV's buffer did not run dry"
+    await "$work/probe.log" '"latencyMs":1500.0' 5 || fail "the target was not raised"
+    sleep 8
+    tail -1 "$work/tv.log" | grep -q underrun && fail "the TV did not play again"
+    ! grep -q '"failed"' "$work/probe.log" || fail "a short stall failed the sender"
+    level=$(tv_level)
+    python3 -c "import sys; sys.exit(0 if $level > 0.1 else 1)" || fail "silent after the stall (level $level)"
+    echo "recovered from a 4 s stall; TV level $level"
+
+    # Another sender takes the TV: ours lets go without stopping theirs.
+    tv takeover
+    await "$work/probe.log" '"replaced"' 5 || fail "not replaced"
+    sleep 1
+    ! grep -q '"event":"stopped"' "$work/tv.log" || fail "the other sender's app was stopped"
+    echo "replaced"
     ;;
 firewall)
     start_tv --mode firewall
@@ -118,24 +139,6 @@ firewall)
     python3 -c "import sys; sys.exit(0 if $t <= 13.0 else 1)" || fail "unreachable only after $t s"
     await "$work/tv.log" '"event":"stopped"' 3 || fail "the TV's player was left running"
     echo "unreachable after $t s"
-    ;;
-refuse-rate-2)
-    start_tv --refuse-rate-2 --buffer 4.5
-    start_probe
-    await "$work/tv.log" '"rate-refused"' 30 || fail "rate 2 was never asked for"
-    await "$work/tv.log" '"rate":1.5' 5 || fail "no catch-up at 1.5 after the refusal"
-    locks 50
-    echo "locked after $(seconds_at '"streaming"') s with rate 2 refused"
-    ;;
-takeover)
-    start_tv
-    start_probe
-    locks 50
-    tv takeover
-    await "$work/probe.log" '"replaced"' 5 || fail "not replaced"
-    sleep 1
-    ! grep -q '"event":"stopped"' "$work/tv.log" || fail "the other sender's app was stopped"
-    echo "replaced"
     ;;
 close)
     start_tv --mode close
@@ -148,21 +151,6 @@ silent)
     start_probe
     await "$work/probe.log" 'no answer for 15 s' 26 || fail "a silent TV was not lost"
     echo "lost after $(seconds_at 'no answer') s"
-    ;;
-stall)
-    start_tv
-    start_probe
-    locks 50
-    tv stall 4
-    await "$work/tv.log" '"underrun"' 10 || fail "the TV's buffer did not run dry"
-    await "$work/probe.log" '"latencyMs":1500.0' 5 || fail "the target was not raised"
-    await "$work/tv.log" '"underrun".*' 1
-    sleep 8
-    tail -1 "$work/tv.log" | grep -q underrun && fail "the TV did not play again"
-    ! grep -q '"failed"' "$work/probe.log" || fail "a short stall failed the sender"
-    level=$(tv_level)
-    python3 -c "import sys; sys.exit(0 if $level > 0.1 else 1)" || fail "silent after the stall (level $level)"
-    echo "recovered from a 4 s stall; TV level $level"
     ;;
 *) fail "unknown scenario" ;;
 esac
