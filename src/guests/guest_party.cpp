@@ -96,6 +96,7 @@ void GuestParty::add(const std::string& clientID, const std::string& name, int64
         if (it == senders_.end() || it->second.get() != raw) return;
         if (hooks_.statusChanged) hooks_.statusChanged(clientID, status);
     };
+    if (artworkEncoder_) sender->setArtworkEncoder(artworkEncoder_);
     if (track_) sender->send(track_);
     slots_[clientID] = *slot;
     senders_[clientID] = std::move(sender);
@@ -123,6 +124,11 @@ void GuestParty::pause() {
 void GuestParty::send(std::optional<sendspin::TrackInfo> meta) {
     track_ = meta;
     for (auto& [id, sender] : senders_) sender->send(meta);
+}
+
+void GuestParty::setArtworkEncoder(sendspin::SendspinStream::ArtworkEncoder encoder) {
+    artworkEncoder_ = std::move(encoder);
+    for (auto& [id, sender] : senders_) sender->setArtworkEncoder(artworkEncoder_);
 }
 
 void GuestParty::remove(const std::string& clientID) {

@@ -56,6 +56,8 @@ class GuestParty {
     void play();
     void pause();
     void send(std::optional<sendspin::TrackInfo> meta);
+    // How every guest's sender turns the track's image into what the page shows.
+    void setArtworkEncoder(sendspin::SendspinStream::ArtworkEncoder encoder);
     // The host's removal: barred until the server ends. The caller drops the row.
     void remove(const std::string& clientID);
     // The row went for another reason: its sender stops, the phone is not barred.
@@ -79,6 +81,7 @@ class GuestParty {
     const std::string serverName_;
     bool running_ = false;
     std::optional<sendspin::TrackInfo> track_;
+    sendspin::SendspinStream::ArtworkEncoder artworkEncoder_;
     std::map<std::string, std::unique_ptr<GuestSender>> senders_;
     std::map<std::string, int> slots_;
     // Status reports queued on the main thread check this before touching the party.

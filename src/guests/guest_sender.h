@@ -56,6 +56,9 @@ class GuestSender {
     void play();
     void pause();
     void send(std::optional<sendspin::TrackInfo> meta);
+    void setArtworkEncoder(sendspin::SendspinStream::ArtworkEncoder encoder) {
+        stream_.setArtworkEncoder(std::move(encoder));
+    }
     void stop();
 
   private:

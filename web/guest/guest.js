@@ -235,6 +235,13 @@ function render() {
   const title = track && track.title ? track.title : '';
   const artist = track && track.artist ? track.artist : '';
   $('track').textContent = title ? (artist ? `${title} · ${artist}` : title) : '';
+  // Only an image the computer sent inline; never a link to fetch elsewhere.
+  const art = track && typeof track.artwork_url === 'string' &&
+    track.artwork_url.startsWith('data:image/jpeg;base64,') ? track.artwork_url : '';
+  if ($('artwork').getAttribute('src') !== art) {
+    if (art) $('artwork').src = art; else $('artwork').removeAttribute('src');
+  }
+  $('artwork').hidden = !art;
   // Read by the tests; the player's figures change between renders, so
   // they are read when asked for.
   window.guestState = { phase, clientId: id };
