@@ -1,5 +1,7 @@
 #include "app/app_runtime.h"
 
+#include <unistd.h>
+
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -18,6 +20,7 @@
 #include "dispatch/work_queues.h"
 #include "guard/signal_watcher.h"
 #include "model/notice_words.h"
+#include "nowplaying/mpris_bus.h"
 #include "platform/pulse/pulse_backend.h"
 #include "secrets/secret_store.h"
 #include "settings/config_paths.h"
@@ -27,6 +30,16 @@
 namespace vt::app {
 
 namespace {
+
+// The staged artwork, which the senders read: in the user's runtime folder
+// when there is one.
+std::filesystem::path artworkFolder() {
+    if (const char* r = std::getenv("XDG_RUNTIME_DIR"); r && *r == '/')
+        return std::filesystem::path(r) / "vellatone-nowplaying";
+    const char* t = std::getenv("TMPDIR");
+    return std::filesystem::path(t && *t == '/' ? t : "/tmp") /
+           ("vellatone-nowplaying-" + std::to_string(::getuid()));
+}
 
 // The whole text as a finite number within [lo, hi], or nothing.
 std::optional<double> numberIn(const char* text, double lo, double hi) {
@@ -76,6 +89,8 @@ AppRuntime::~AppRuntime() {
     server_.reset();
     bridge_.reset();
     model_.reset();
+    artworkQueue_.reset();
+    mediaPlayers_.reset();
     services_.reset();
     secrets_.reset();
 }
@@ -115,6 +130,9 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_->enableCast(castQueue_->queue());
     secrets_ = secrets::openSecretStore(settings::dataDir());
     model_->enableAirPlay(*secrets_);
+    mediaPlayers_ = std::make_unique<nowplaying::MprisBus>();
+    artworkQueue_ = std::make_unique<dispatch::SerialQueue>("vellatone.artwork");
+    model_->enableNowPlaying(*mediaPlayers_, *artworkQueue_, artworkFolder());
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(

@@ -24,6 +24,10 @@ class Settings;
 }
 namespace vt::dispatch {
 class ConcurrentQueue;
+class SerialQueue;
+}  // namespace vt::dispatch
+namespace vt::nowplaying {
+class MediaPlayerBus;
 }
 namespace vt::discovery {
 class AvahiServices;
@@ -88,6 +92,9 @@ class AppRuntime {
     // Before the model, so that it outlives the model's Cast senders.
     std::unique_ptr<cast::CastQueue> castQueue_;
     std::unique_ptr<secrets::SecretStore> secrets_;
+    // Before the model, which follows the players through them.
+    std::unique_ptr<nowplaying::MediaPlayerBus> mediaPlayers_;
+    std::unique_ptr<dispatch::SerialQueue> artworkQueue_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;

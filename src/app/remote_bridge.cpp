@@ -104,6 +104,27 @@ struct Overloaded : F... {
 template <class... F>
 Overloaded(F...) -> Overloaded<F...>;
 
+nowplaying::PlayerCommand playerCommand(remote::MediaCommand c) {
+    using P = nowplaying::PlayerCommand;
+    switch (c) {
+        case remote::MediaCommand::play:
+            return P::play;
+        case remote::MediaCommand::pause:
+            return P::pause;
+        case remote::MediaCommand::togglePlayPause:
+            return P::togglePlayPause;
+        case remote::MediaCommand::next:
+            return P::nextTrack;
+        case remote::MediaCommand::previous:
+            return P::previousTrack;
+        case remote::MediaCommand::back15:
+            return P::goBackFifteenSeconds;
+        case remote::MediaCommand::forward15:
+            return P::skipFifteenSeconds;
+    }
+    return P::togglePlayPause;
+}
+
 }  // namespace
 
 std::string computerName() {
@@ -182,6 +203,19 @@ remote::MacState RemoteBridge::snapshot() const {
     for (const discovery::CastDevice& d : model_.availableCastDevices())
         s.extras.push_back(remote::ExtraOutput{"cast:" + d.id, d.name, RowInfo::Kind::cast,
                                                discovery::offerWords(d)});
+    if (const auto& info = model_.nowPlayingInfo()) {
+        remote::NowPlayingState np;
+        np.title = info->title;
+        np.artist = info->artist;
+        np.album = info->album;
+        np.playing = info->playing;
+        np.duration = info->duration;
+        np.elapsed = info->elapsed;
+        // The main queue's clock is the remote's: both are CLOCK_MONOTONIC.
+        np.elapsedAt = info->elapsedAt;
+        np.appName = info->bundleID;
+        s.nowPlaying = std::move(np);
+    }
     s.soloSlot = model_.soloSlot();
     s.room = wire(model_.room());
     if (auto id = devices::SystemOutput::defaultOutput(backend_))
@@ -271,7 +305,9 @@ std::optional<remote::MacMessage> RemoteBridge::handle(const PhoneMessage& messa
                            m.setEQ(p.slot, preset->settings);
                    },
                    [&](const PhoneMessage::MoveOutput& p) { m.moveRowDragging(p.slot, p.toSlot); },
-                   // Pairing, measuring, now playing, meters and the room belong to
+                   [&](const PhoneMessage::Media& p) { m.mediaCommand(playerCommand(p.value)); },
+                   [&](const PhoneMessage::Seek& p) { m.seekPlayer(p.seconds); },
+                   // Pairing, measuring, meters and the room belong to
                    // subsystems still to come.
                    [&](const auto&) {},
                },

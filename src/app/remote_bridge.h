@@ -1,7 +1,7 @@
 // The model as a paired phone sees it and drives it: the whole state as one
 // MacState record, and each PhoneMessage turned into the model call an
 // authorised session makes. Messages whose subsystem does not exist yet
-// (measuring, now playing, the room, pairing) are ignored without harm.
+// (measuring, the room, pairing) are ignored without harm.
 // Main thread only.
 #pragma once
 

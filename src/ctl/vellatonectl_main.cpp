@@ -1,11 +1,13 @@
 // vellatonectl: drives a running Vellatone over its local control socket.
 // Exits 0 when the app took the command; otherwise says why in one sentence
 // and exits 1 (2 for a command line it cannot read).
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "ctl/control_client.h"
 #include "remote/message_codec.h"
 #include "remote/record_json.h"
+#include "remote/remote_clock.h"
 
 namespace {
 
@@ -40,6 +43,10 @@ constexpr const char* kUsage =
     "  start | stop        start or stop sending\n"
     "  password SLOT       give the AirPlay receiver in a slot its password, read\n"
     "                      from the first line of standard input; it is kept\n"
+    "  track               what the computer plays, in one line\n"
+    "  play | pause | toggle | next | previous | forward15 | back15\n"
+    "                      steer the media player that plays\n"
+    "  seek SECONDS        move the player to a place in the track\n"
     "  send 'JSON'         send one message line as it is\n"
     "The socket is $VELLATONE_CONTROL_SOCKET, else $XDG_RUNTIME_DIR/vellatone/control.sock.\n";
 
@@ -71,6 +78,51 @@ double numberArg(const std::vector<std::string>& args, size_t i, double lo, doub
     return *v;
 }
 
+constexpr double kMaxSeekSeconds = 24 * 3600;
+
+std::optional<vt::remote::MediaCommand> mediaCommand(const std::string& cmd) {
+    using vt::remote::MediaCommand;
+    static const std::map<std::string, MediaCommand> words = {
+        {"play", MediaCommand::play},
+        {"pause", MediaCommand::pause},
+        {"toggle", MediaCommand::togglePlayPause},
+        {"next", MediaCommand::next},
+        {"previous", MediaCommand::previous},
+        {"forward15", MediaCommand::forward15},
+        {"back15", MediaCommand::back15}};
+    auto it = words.find(cmd);
+    if (it == words.end()) return std::nullopt;
+    return it->second;
+}
+
+std::string clockText(double seconds) {
+    const long s = std::lround(std::max(seconds, 0.0));
+    char text[32];
+    std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+    return text;
+}
+
+// "Title · Artist — Album (playing, 0:42 of 3:20) in mpv", or that nothing plays.
+std::string trackLine(const MacState& s) {
+    if (!s.nowPlaying || s.nowPlaying->title.empty()) return "nothing playing";
+    const auto& n = *s.nowPlaying;
+    std::string line = n.title;
+    if (!n.artist.empty()) line += " · " + n.artist;
+    if (!n.album.empty()) line += " — " + n.album;
+    line += n.playing ? " (playing" : " (paused";
+    if (n.elapsed) {
+        double at = *n.elapsed;
+        if (n.playing && n.elapsedAt)
+            at += std::max(0.0, vt::remote::RemoteClock::now() - *n.elapsedAt);
+        if (n.duration) at = std::min(at, *n.duration);
+        line += ", " + clockText(at);
+        if (n.duration) line += " of " + clockText(*n.duration);
+    }
+    line += ")";
+    if (n.appName && !n.appName->empty()) line += " in " + *n.appName;
+    return line;
+}
+
 // Sends, waits until the app has handled it, and checks the result.
 void command(ControlClient& c, const PhoneMessage& m,
              const std::function<bool(const MacState&)>& ok, const std::string& refused) {
@@ -83,9 +135,11 @@ int run(const std::vector<std::string>& args) {
     if (args.empty()) throw UsageError{"No command given."};
     const std::string& cmd = args[0];
     static const std::map<std::string, size_t> arity = {
-        {"status", 1}, {"outputs", 1},      {"add", 2},     {"remove", 2}, {"delay", 3},
-        {"volume", 3}, {"mute", 3},         {"master", 2},  {"start", 1},  {"stop", 1},
-        {"send", 2},   {"remove-guest", 2}, {"password", 2}};
+        {"status", 1}, {"outputs", 1},      {"add", 2},      {"remove", 2},   {"delay", 3},
+        {"volume", 3}, {"mute", 3},         {"master", 2},   {"start", 1},    {"stop", 1},
+        {"send", 2},   {"remove-guest", 2}, {"password", 2}, {"track", 1},    {"play", 1},
+        {"pause", 1},  {"toggle", 1},       {"next", 1},     {"previous", 1}, {"forward15", 1},
+        {"back15", 1}, {"seek", 2}};
     auto it = arity.find(cmd);
     if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
     if (args.size() != it->second)
@@ -96,6 +150,7 @@ int run(const std::vector<std::string>& args) {
     if (cmd == "delay") numberArg(args, 2, -5000, 5000, "delay in ms");
     if (cmd == "volume") numberArg(args, 2, 0, 1, "volume");
     if (cmd == "master") numberArg(args, 1, 0, 1, "volume");
+    if (cmd == "seek") numberArg(args, 1, 0, kMaxSeekSeconds, "position in seconds");
     if (cmd == "mute" && !vt::ctl::parseSwitch(args[2]))
         throw UsageError{"\"" + args[2] + "\" is neither on nor off."};
     if ((cmd == "remove" || cmd == "delay" || cmd == "volume" || cmd == "mute" ||
@@ -223,6 +278,14 @@ int run(const std::vector<std::string>& args) {
         c.sendLine(vt::app::encodeLocalCommand({slot, password}));
         c.sync();
         std::printf("password kept for %s; trying it\n", row.name.c_str());
+    } else if (cmd == "track") {
+        std::printf("%s\n", trackLine(s).c_str());
+    } else if (auto media = mediaCommand(cmd)) {
+        c.send(PhoneMessage::Media{*media});
+        c.sync();
+    } else if (cmd == "seek") {
+        c.send(PhoneMessage::Seek{numberArg(args, 1, 0, kMaxSeekSeconds, "position in seconds")});
+        c.sync();
     } else if (cmd == "send") {
         c.sendLine(args[1]);
         c.sync();

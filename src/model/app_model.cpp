@@ -58,6 +58,8 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 }
 
 AppModel::~AppModel() {
+    *nowPlayingAlive_ = false;
+    nowPlaying_.reset();
     // Cast senders render from the engine on their own threads.
     castSupervisor_.reset();
     castBrowser_.reset();

@@ -44,9 +44,12 @@
 #include "model/notice.h"
 #include "model/notice_words.h"
 #include "model/row_state.h"
+#include "nowplaying/media_player_bus.h"
+#include "nowplaying/now_playing.h"
 #include "platform/audio_backend.h"
 #include "secrets/airplay_password_store.h"
 #include "secrets/secret_store.h"
+#include "sendspin/artwork_thumbnail.h"
 #include "settings/debug_log_writer.h"
 #include "settings/settings.h"
 #include "stage/room_types.h"
@@ -180,6 +183,23 @@ class AppModel {
     // timing flags of the last run.
     void pruneAirplayCredentials(const std::string& deviceID);
     void clearAirplayNTPFlags();
+
+    // ---- Now playing (app_model_nowplaying.cpp).
+    // Follows the desktop's media players from now until the model goes;
+    // without it there is never a track. `bus` and `artworkQueue` (a serial
+    // queue) must outlive the model; staged images go in `artworkDir`.
+    void enableNowPlaying(nowplaying::MediaPlayerBus& bus, dispatch::WorkQueue& artworkQueue,
+                          std::filesystem::path artworkDir);
+    const std::optional<nowplaying::NowPlayingInfo>& nowPlayingInfo() const {
+        return nowPlayingInfo_;
+    }
+    // The track as every sender takes it, or nothing.
+    std::optional<airplay::AirPlaySender::Metadata> currentTrack() const;
+    // Hands the track to every AirPlay, Cast and guest sender: the one place
+    // they all hang from.
+    void pushNowPlaying();
+    void mediaCommand(nowplaying::PlayerCommand command);
+    void seekPlayer(double seconds);
 
     // ---- The one switch.
     void startStop();
@@ -405,6 +425,17 @@ class AppModel {
         discovery::localIPv4Interfaces;
     std::optional<std::string> passwordReceiverID_, passwordReceiverName_;
     bool passwordRejected_ = false;
+
+    std::unique_ptr<nowplaying::NowPlaying> nowPlaying_;
+    std::optional<nowplaying::NowPlayingInfo> nowPlayingInfo_;
+    std::optional<airplay::AirPlaySender::Metadata> pushedTrack_;
+    dispatch::WorkQueue* artworkQueue_ = nullptr;
+    std::shared_ptr<sendspin::ArtworkThumbnails> thumbnails_ =
+        std::make_shared<sendspin::ArtworkThumbnails>();
+    // Thumbnails made on the artwork queue come back only while this holds.
+    std::shared_ptr<bool> nowPlayingAlive_ = std::make_shared<bool>(true);
+    void nowPlayingChanged(const std::optional<nowplaying::NowPlayingInfo>& info);
+    void hookGuestsToNowPlaying();
 
     std::optional<GuestSetup> guestSetup_;
     std::unique_ptr<guests::GuestServer> guestServer_;

@@ -60,6 +60,7 @@ void AppModel::startGuestServerIfNeeded() {
     guestServer_->onEvent = [this](const guests::GuestServer::Event& e) {
         if (guestParty_) guestParty_->handle(e);
     };
+    hookGuestsToNowPlaying();
 
     guests::GuestServerStart started = guests::startGuestServer(*guestServer_);
     guestLink_ = started.link;

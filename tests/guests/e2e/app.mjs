@@ -14,6 +14,7 @@ export class App {
     this.binDir = binDir;
     this.env = { ...process.env, ...env };
     this.rows = [];
+    this.state = null; // the whole last state
     this.port = null;
     this.waiters = [];
     this.log = [];
@@ -65,6 +66,7 @@ export class App {
     }
     const state = message.state && (message.state._0 || message.state);
     if (!state || !Array.isArray(state.rows)) return;
+    this.state = state;
     this.rows = state.rows.map((r) => ({ ...r, subtitle: r.transport }));
     for (const r of this.rows) this.seen.add(`${r.name}|${r.subtitle}`);
     this.recheck();
