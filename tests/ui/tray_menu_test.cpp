@@ -47,6 +47,11 @@ TEST(TrayMenu, ToolTipCountsTheOutputs) {
     EXPECT_EQ(trayToolTip(false, 3), "Vellatone: stopped");
     EXPECT_EQ(trayToolTip(true, 1), "Vellatone: playing to 1 output");
     EXPECT_EQ(trayToolTip(true, 2), "Vellatone: playing to 2 outputs");
+    // The track heads the menu as a line to read, and ends the tooltip.
+    EXPECT_EQ(trayToolTip(false, 0, "Song \u00b7 Band"), "Vellatone: stopped\nSong \u00b7 Band");
+    const auto menu = trayMenu(false, {}, "Rock & Roll");
+    EXPECT_EQ(menu[0], (TrayEntry{TrayEntry::Kind::track, "Rock && Roll", false, false}));
+    EXPECT_EQ(menu[1].kind, TrayEntry::Kind::separator);
 }
 
 TEST(TrayMenu, AGuestsNameIsShownLetterForLetter) {

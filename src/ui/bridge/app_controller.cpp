@@ -2,6 +2,7 @@
 
 #include <QClipboard>
 #include <QGuiApplication>
+#include <QUrl>
 #include <QVariantMap>
 #include <algorithm>
 #include <cmath>
@@ -275,6 +276,43 @@ void AppController::setShowInMenuBar(bool on) {
 
 void AppController::setOpenAtLogin(bool on) {
     act([&] { model_.setOpenAtLogin(on); });
+}
+
+QString AppController::trackTitle() const {
+    const auto& info = model_.nowPlayingInfo();
+    return info ? QString::fromStdString(info->title) : QString();
+}
+
+QString AppController::trackArtist() const {
+    const auto& info = model_.nowPlayingInfo();
+    return info ? QString::fromStdString(info->artist) : QString();
+}
+
+QString AppController::trackArtwork() const {
+    const auto& info = model_.nowPlayingInfo();
+    if (!info || !info->artworkFile) return {};
+    return QUrl::fromLocalFile(QString::fromStdString(*info->artworkFile)).toString();
+}
+
+bool AppController::trackPlaying() const {
+    const auto& info = model_.nowPlayingInfo();
+    return info && info->playing;
+}
+
+QString AppController::trackLine() const {
+    const QString title = trackTitle(), artist = trackArtist();
+    if (title.isEmpty()) return {};
+    return artist.isEmpty() ? title : title + QStringLiteral(" \u00b7 ") + artist;
+}
+
+void AppController::mediaCommand(const QString& command) {
+    using nowplaying::PlayerCommand;
+    if (command == QLatin1String("togglePlayPause"))
+        model_.mediaCommand(PlayerCommand::togglePlayPause);
+    else if (command == QLatin1String("nextTrack"))
+        model_.mediaCommand(PlayerCommand::nextTrack);
+    else if (command == QLatin1String("previousTrack"))
+        model_.mediaCommand(PlayerCommand::previousTrack);
 }
 
 }  // namespace vt::ui

@@ -43,6 +43,11 @@ class AppController : public QObject {
     Q_PROPERTY(QString passwordReceiverName READ passwordReceiverName NOTIFY changed)
     Q_PROPERTY(bool passwordRejected READ passwordRejected NOTIFY changed)
     Q_PROPERTY(bool hasVisualiser READ hasVisualiser CONSTANT)
+    Q_PROPERTY(bool hasTrack READ hasTrack NOTIFY changed)
+    Q_PROPERTY(QString trackTitle READ trackTitle NOTIFY changed)
+    Q_PROPERTY(QString trackArtist READ trackArtist NOTIFY changed)
+    Q_PROPERTY(QString trackArtwork READ trackArtwork NOTIFY changed)
+    Q_PROPERTY(bool trackPlaying READ trackPlaying NOTIFY changed)
 
   public:
     explicit AppController(model::AppModel& model, QObject* parent = nullptr);
@@ -76,6 +81,17 @@ class AppController : public QObject {
     // The raw style: "Spectrum", "Scope", ...
     QString visualiserStyle() const;
     bool visualiserHidden() const { return model_.visualiserHidden(); }
+
+    // What the desktop plays; the artwork as a file URL, or empty.
+    bool hasTrack() const { return model_.nowPlayingInfo().has_value(); }
+    QString trackTitle() const;
+    QString trackArtist() const;
+    QString trackArtwork() const;
+    bool trackPlaying() const;
+    // "Title · Artist", or empty: the tray's line.
+    QString trackLine() const;
+    // "togglePlayPause", "nextTrack" or "previousTrack".
+    Q_INVOKABLE void mediaCommand(const QString& command);
 
     Q_INVOKABLE void startStop();
     Q_INVOKABLE void setMasterVolume(double volume);

@@ -43,8 +43,9 @@ void TrayIcon::update() {
     for (const RowListModel::Entry& e : app_.rows()->entries())
         rows.push_back({e.name.toStdString(), e.connected, e.muted, e.disabled, e.guest});
     const bool running = app_.running();
-    std::vector<TrayEntry> entries = trayMenu(running, rows);
-    icon_->setToolTip(QString::fromStdString(trayToolTip(running, int(rows.size()))));
+    const std::string track = app_.trackLine().toStdString();
+    std::vector<TrayEntry> entries = trayMenu(running, rows, track);
+    icon_->setToolTip(QString::fromStdString(trayToolTip(running, int(rows.size()), track)));
     if (entries == shown_) return;
     shown_ = entries;
     menu_->clear();

@@ -23,9 +23,14 @@ std::string trayMenuText(std::string_view name) {
     return out;
 }
 
-std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows) {
+std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows,
+                                const std::string& track) {
     using Kind = TrayEntry::Kind;
     std::vector<TrayEntry> menu;
+    if (!track.empty()) {
+        menu.push_back({Kind::track, trayMenuText(track), false, false});
+        menu.push_back({Kind::separator, "", false, true});
+    }
     menu.push_back({Kind::toggle, running ? "Playing to your outputs" : "Start playing", running,
                     !rows.empty() || running});
     menu.push_back({Kind::separator, "", false, true});
@@ -42,10 +47,12 @@ std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows) 
     return menu;
 }
 
-std::string trayToolTip(bool running, int outputs) {
-    if (!running) return "Vellatone: stopped";
-    return "Vellatone: playing to " + std::to_string(outputs) +
-           (outputs == 1 ? " output" : " outputs");
+std::string trayToolTip(bool running, int outputs, const std::string& track) {
+    std::string tip = running ? "Vellatone: playing to " + std::to_string(outputs) +
+                                    (outputs == 1 ? " output" : " outputs")
+                              : "Vellatone: stopped";
+    if (!track.empty()) tip += "\n" + track;
+    return tip;
 }
 
 }  // namespace vt::ui

@@ -1,6 +1,7 @@
 // What the tray icon's menu lists, worked out from plain values so that it
 // can be checked without a tray: the switch, one line per output with its
-// state, then "Show window" and "Quit".
+// state, then "Show window" and "Quit"; above them all, the track that
+// plays, when there is one.
 #pragma once
 
 #include <string>
@@ -18,7 +19,7 @@ struct TrayRow {
 };
 
 struct TrayEntry {
-    enum class Kind { toggle, output, separator, showWindow, quit };
+    enum class Kind { track, toggle, output, separator, showWindow, quit };
     Kind kind = Kind::separator;
     std::string text;
     bool checked = false;
@@ -31,8 +32,10 @@ struct TrayEntry {
 std::string trayMenuText(std::string_view name);
 // A row's state in a word or two.
 std::string trayRowState(const TrayRow& row, bool running);
-std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows);
+// `track` is the title (and artist) of what plays, or empty.
+std::vector<TrayEntry> trayMenu(bool running, const std::vector<TrayRow>& rows,
+                                const std::string& track = {});
 // The icon's tooltip.
-std::string trayToolTip(bool running, int outputs);
+std::string trayToolTip(bool running, int outputs, const std::string& track = {});
 
 }  // namespace vt::ui

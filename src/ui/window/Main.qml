@@ -206,6 +206,8 @@ ApplicationWindow {
             spacing: Theme.pad
             MasterBar { onEqRequested: sheets.openEqualiser(-1) }
             Item { Layout.fillWidth: true }
+            NowPlayingBar {}
+            Item { Layout.fillWidth: true }
             PlaybackOptions {}
         }
     }
