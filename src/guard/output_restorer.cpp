@@ -60,6 +60,11 @@ void OutputRestorer::dropCaptureSinkWeMade() {
 }
 
 void OutputRestorer::switchToCaptureSink() {
+    prepareCaptureSink();
+    takeOutput();
+}
+
+void OutputRestorer::prepareCaptureSink() {
     const bool made = !findCaptureSink(backend_.sinks());
     const SinkInfo capture = ensureCaptureSink();
     heldCaptureVolume_.reset();
@@ -102,6 +107,10 @@ void OutputRestorer::switchToCaptureSink() {
         backend_.setSinkVolume(capture.id, *systemVolume_);
         heldCaptureVolume_ = HeldVolume{*systemVolume_, std::nullopt};
     }
+}
+
+void OutputRestorer::takeOutput() {
+    const SinkInfo capture = ensureCaptureSink();
     // What played on the default sink until now; the server may move the
     // streams that follow the default itself, the rest are moved here.
     const std::optional<std::string> previousDefault = backend_.defaultSinkName();

@@ -32,6 +32,15 @@ class OutputRestorer {
     // engine::EngineError (captureSinkMissing) when there is no capture sink
     // and none can be made.
     void switchToCaptureSink();
+    // The same in two halves, for a caller that starts recording the capture
+    // sink's monitor in between: on PulseAudio the recording brings what
+    // keeps a null sink's lead short (platform/pulse/sink_lead.h), and that
+    // works only while no other program plays into the sink yet. It also
+    // loses nothing played between the move and the recording.
+    // prepareCaptureSink does everything but the last two steps, takeOutput
+    // those (it makes the capture sink again if it went in between).
+    void prepareCaptureSink();
+    void takeOutput();
     // Gives the noted sink back with the capture sink's volume, and the
     // streams with it. If that sink has gone, "pendingRestoreUID" stays and
     // the guard finds another later.

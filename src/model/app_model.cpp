@@ -254,9 +254,11 @@ void AppModel::shutDown() {
 
 void AppModel::start() {
     try {
-        restorer_.switchToCaptureSink();
+        restorer_.prepareCaptureSink();
         engine_->start();
+        restorer_.takeOutput();
     } catch (const std::exception& e) {
+        engine_->stop();
         restorer_.restore();
         startError_ = e.what();
         if (const auto* ee = dynamic_cast<const engine::EngineError*>(&e);

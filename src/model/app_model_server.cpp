@@ -40,8 +40,9 @@ void AppModel::soundServerBack() {
     refreshCaptureAvailable();
     if (isRunning_) {
         try {
-            restorer_.switchToCaptureSink();
+            restorer_.prepareCaptureSink();
             engine_->start();
+            restorer_.takeOutput();
         } catch (const std::exception& e) {
             engine_->stop();
             restorer_.restore();

@@ -7,6 +7,7 @@
 #include "platform/pulse/pulse_convert.h"
 #include "platform/pulse/pulse_loop.h"
 #include "platform/pulse/pulse_streams.h"
+#include "platform/pulse/sink_lead.h"
 #include "platform/realtime/realtime_scheduling.h"
 
 namespace vt::platform {
@@ -443,8 +444,28 @@ bool PulseBackend::unloadModule(uint32_t index) {
 
 StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate,
                                        CaptureCallback proc, void* clientData) {
-    return pulse::openRecordStream(captureLoop(), sourceName, rate ? rate : 48000, proc,
-                                   clientData);
+    rate = rate ? rate : 48000;
+    StreamResult result =
+        pulse::openRecordStream(captureLoop(), sourceName, rate, proc, clientData);
+    if (!result.stream) return result;
+    // See sink_lead.h: on PulseAudio, a sink we record keeps a short lead.
+    auto control = this->control();
+    std::optional<SinkInfo> sink;
+    bool othersPlay = false;
+    {
+        std::lock_guard mirror(mirrorMutex_);
+        if (serverName_.find("PipeWire") != std::string::npos) return result;
+        for (const auto& [index, info] : sinks_)
+            if (info.monitorSource == sourceName) sink = info;
+        if (!sink) return result;
+        for (const auto& [index, input] : inputs_)
+            if (input.sink == sink->id && !input.ours) othersPlay = true;
+    }
+    if (!canWrite(control)) return result;
+    result.stream = pulse::withCompanion(
+        std::move(result.stream),
+        pulse::holdShortSinkLead(audio(), *control, sink->id, sink->name, rate, !othersPlay));
+    return result;
 }
 
 StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t rate,
