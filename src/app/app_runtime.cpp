@@ -13,6 +13,7 @@
 #include "app/control_server.h"
 #include "app/guest_root.h"
 #include "app/local_command.h"
+#include "app/mixer_control.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
 #include "devices/sound_server.h"
@@ -22,6 +23,7 @@
 #include "model/notice_words.h"
 #include "nowplaying/mpris_bus.h"
 #include "platform/pulse/pulse_backend.h"
+#include "platform/pulse/pulse_sink_inputs.h"
 #include "secrets/secret_store.h"
 #include "settings/config_paths.h"
 #include "settings/debug_log_writer.h"
@@ -133,6 +135,8 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     mediaPlayers_ = std::make_unique<nowplaying::MprisBus>();
     artworkQueue_ = std::make_unique<dispatch::SerialQueue>("vellatone.artwork");
     model_->enableNowPlaying(*mediaPlayers_, *artworkQueue_, artworkFolder());
+    appStreams_ = std::make_unique<platform::PulseSinkInputs>();
+    model_->enableMixer(*appStreams_);
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(
@@ -151,6 +155,11 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
             if (onChange_) onChange_();
             return true;
         });
+    server_->setLocalHandler([this](const nlohmann::json& line) {
+        std::string reply = handleMixerLine(*model_, line);
+        if (onChange_) onChange_();
+        return reply;
+    });
     try {
         server_->start();
     } catch (const std::exception& e) {

@@ -18,7 +18,8 @@
 
 namespace vt::platform {
 class PulseBackend;
-}
+class PulseSinkInputs;
+}  // namespace vt::platform
 namespace vt::settings {
 class Settings;
 }
@@ -95,6 +96,7 @@ class AppRuntime {
     // Before the model, which follows the players through them.
     std::unique_ptr<nowplaying::MediaPlayerBus> mediaPlayers_;
     std::unique_ptr<dispatch::SerialQueue> artworkQueue_;
+    std::unique_ptr<platform::PulseSinkInputs> appStreams_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;

@@ -15,6 +15,8 @@ namespace vt::mixer {
 // The server's volume steps: 0x10000 is full, 0 silent.
 using RawVolume = uint32_t;
 inline constexpr RawVolume kFullVolume = 0x10000;
+// The property under which both servers keep a stream's volume.
+inline constexpr const char* kRestoreKeyProperty = "module-stream-restore.id";
 
 struct AppStream {
     uint32_t index = UINT32_MAX;
@@ -35,6 +37,18 @@ class AppStreams {
     // Sends the volume without waiting for the answer; a stream that has gone
     // meanwhile is no error. Never blocks on the server.
     virtual void setVolume(uint32_t index, const std::vector<RawVolume>& volume) = 0;
+    // What the server keeps for streams of one kind (the key a stream
+    // carries as module-stream-restore.id): the volume a new stream under
+    // that key starts at. Sent without waiting; the stored device and mute
+    // stay as they are.
+    virtual void rememberVolume(const std::string& restoreKey,
+                                const std::vector<RawVolume>& volume) = 0;
+    // Waits until the server has dealt with every write sent so far (at
+    // quit, before the connection goes).
+    virtual void settle() = 0;
+    // After the server went away: one quick try to reach it again (the
+    // connection only; it fails at once while no server listens).
+    virtual void reconnectIfLost() {}
     // Called on the server's thread after the streams changed (or the server
     // came and went); receivers hop to their own queue.
     virtual void setChangeHandler(std::function<void()> handler) = 0;

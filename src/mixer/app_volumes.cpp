@@ -35,21 +35,24 @@ void AppVolumes::restorePending(AppStreams& streams, settings::Settings& setting
     if (note.is_null()) return;
     const auto present = byIndex(streams.streams());
     if (note.is_object()) {
-        for (const auto& [key, entry] : note.items()) {
+        for (const auto& [indexText, entry] : note.items()) {
             if (!entry.is_object()) continue;
             uint32_t index = 0;
             try {
-                index = uint32_t(std::stoul(key));
+                index = uint32_t(std::stoul(indexText));
             } catch (...) {
                 continue;
             }
             auto it = present.find(index);
             const std::vector<RawVolume> original =
                 volumeOf(entry.value("volume", nlohmann::json()));
+            if (original.empty()) continue;
+            const nlohmann::json key = entry.value("key", nlohmann::json());
+            if (key.is_string()) streams.rememberVolume(key.get<std::string>(), original);
             // The same stream, still there: the index is the server's, and
             // is not reused while the server runs.
-            if (it == present.end() || original.size() != it->second.volume.size()) continue;
-            streams.setVolume(index, original);
+            if (it != present.end() && original.size() == it->second.volume.size())
+                streams.setVolume(index, original);
         }
     }
     settings.removeValue(settingsKey);
@@ -90,6 +93,7 @@ void AppVolumes::streamsChanged() {
     for (auto it = held_.begin(); it != held_.end();) {
         auto p = present.find(it->first);
         if (p == present.end()) {
+            if (it->second.gain != 1.0) release(it->second);
             it = held_.erase(it);
             changedNote = true;
             continue;
@@ -120,6 +124,9 @@ void AppVolumes::streamsChanged() {
             h.app = want.first;
             h.original = p->second.volume;
             h.sent = h.original;
+            if (auto k = p->second.properties.find(kRestoreKeyProperty);
+                k != p->second.properties.end())
+                h.restoreKey = k->second;
             it = held_.emplace(index, std::move(h)).first;
             // The original is on disk before the stream is turned down.
             persist();
@@ -127,8 +134,13 @@ void AppVolumes::streamsChanged() {
         }
         Held& h = it->second;
         const double to = want.second;
-        if ((h.ramping ? h.rampTo : h.gain) != to) startRamp(index, h, to);
+        if (!known_.contains(index))
+            send(index, h, to);
+        else if ((h.ramping ? h.rampTo : h.gain) != to)
+            startRamp(index, h, to);
     }
+    known_.clear();
+    for (const auto& [index, s] : present) known_.insert(index);
     // Streams no longer wished for go back to their originals.
     for (auto& [index, h] : held_)
         if (!target.contains(index) && (h.ramping ? h.rampTo : h.gain) != 1.0)
@@ -171,6 +183,7 @@ void AppVolumes::step() {
             h.ramping = false;
             if (gain == 1.0) {
                 // Back at its own level: nothing of ours remains on it.
+                release(h);
                 it = held_.erase(it);
                 released = true;
                 continue;
@@ -185,10 +198,18 @@ void AppVolumes::step() {
 
 void AppVolumes::restoreAll() {
     rampTimer_.reset();
-    for (auto& [index, h] : held_) streams_.setVolume(index, h.original);
+    for (auto& [index, h] : held_) {
+        streams_.setVolume(index, h.original);
+        release(h);
+    }
     held_.clear();
     wanted_.clear();
+    streams_.settle();
     settings_.removeValue(settingsKey);
+}
+
+void AppVolumes::release(const Held& h) {
+    if (!h.restoreKey.empty()) streams_.rememberVolume(h.restoreKey, h.original);
 }
 
 void AppVolumes::persist() {
@@ -198,7 +219,8 @@ void AppVolumes::persist() {
     }
     nlohmann::json note = nlohmann::json::object();
     for (const auto& [index, h] : held_)
-        note[std::to_string(index)] = {{"app", h.app}, {"volume", h.original}};
+        note[std::to_string(index)] = {
+            {"app", h.app}, {"key", h.restoreKey}, {"volume", h.original}};
     if (settings_.value(settingsKey) != note) settings_.setValue(settingsKey, note);
 }
 

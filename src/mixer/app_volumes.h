@@ -7,6 +7,11 @@
 //   ("pendingRestoreAppVolumes") before its first change; it is given back
 //   when the app's gain returns to 1, on quit, and by the next launch when
 //   this run died (restorePending).
+// - Both servers keep the last volume of each kind of stream (PulseAudio's
+//   module-stream-restore, WirePlumber's restore-stream through
+//   pipewire-pulse) and give it to the next stream of that app; whenever a
+//   stream is given back or ends while turned down, that stored volume is
+//   set to the original too.
 // - A volume someone else sets while we run (a desktop's volume panel)
 //   becomes the stream's new original, divided by our gain, so it is kept
 //   rather than fought.
@@ -20,6 +25,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -72,6 +78,7 @@ class AppVolumes {
   private:
     struct Held {
         std::string app;
+        std::string restoreKey;  // what the server keeps its volume under
         std::vector<RawVolume> original;
         std::vector<RawVolume> sent;  // the last volume we wrote
         double gain = 1.0;            // what `sent` stands for
@@ -88,12 +95,18 @@ class AppVolumes {
     void step();
     void send(uint32_t index, Held& held, double gain);
     void persist();
+    // The server keeps the last volume a stream of this kind had: make that
+    // the original again, so nothing of ours outlives the stream.
+    void release(const Held& held);
 
     AppStreams& streams_;
     dispatch::MainQueue& main_;
     settings::Settings& settings_;
     GainTable wanted_;
     std::map<uint32_t, Held> held_;
+    // Streams seen before: a stream new to us takes its gain at once (it
+    // starts where it belongs), a playing one ramps.
+    std::set<uint32_t> known_;
     std::unique_ptr<dispatch::TimerHandle> rampTimer_;
 };
 

@@ -41,6 +41,7 @@
 #include "guard/speaker_volumes.h"
 #include "guests/guest_party.h"
 #include "guests/guest_server.h"
+#include "mixer/app_mixer.h"
 #include "model/notice.h"
 #include "model/notice_words.h"
 #include "model/row_state.h"
@@ -164,6 +165,12 @@ class AppModel {
     // ---- AirPlay outputs (app_model_airplay.cpp).
     // Without it AirPlay rows never play. `secrets` keeps the receivers'
     // passwords and must outlive the model.
+    // Per-app volume on the server's streams; off until enabled. `identity`
+    // null: the desktop entries of this session.
+    void enableMixer(mixer::AppStreams& streams,
+                     std::unique_ptr<mixer::AppIdentity> identity = nullptr);
+    mixer::AppMixer* mixer() { return mixer_.get(); }
+
     void enableAirPlay(secrets::SecretStore& secrets);
     airplay::AirPlaySupervisor* airplay() { return airplay_.get(); }
     // The row's receiver leads a group of its own (false when not listed).
@@ -361,8 +368,12 @@ class AppModel {
     }
     void stopFly() {}
     void placeNewRows() {}
-    void startMixer() {}
-    void shutDownMixer() {}
+    void startMixer() {
+        if (mixer_) mixer_->start();
+    }
+    void shutDownMixer() {
+        if (mixer_) mixer_->shutDown();
+    }
 
     platform::AudioBackend& backend_;
     dispatch::MainQueue& main_;
@@ -423,6 +434,7 @@ class AppModel {
     std::unique_ptr<airplay::AirPlaySupervisor> airplay_;
     std::function<std::vector<discovery::LocalInterface>()> localInterfaces_ =
         discovery::localIPv4Interfaces;
+    std::unique_ptr<mixer::AppMixer> mixer_;
     std::optional<std::string> passwordReceiverID_, passwordReceiverName_;
     bool passwordRejected_ = false;
 

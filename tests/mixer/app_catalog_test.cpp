@@ -1,6 +1,7 @@
 #include "mixer/app_catalog.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -48,7 +49,8 @@ TEST(AppCatalog, FoldsStreamsOntoTheirApps) {
 }
 
 TEST(AppIdentity, NamesAppsFromTheirDesktopEntries) {
-    const auto dir = std::filesystem::path(testing::TempDir()) / "vt-identity";
+    const auto dir =
+        std::filesystem::path(testing::TempDir()) / ("vt-identity" + std::to_string(::getpid()));
     std::filesystem::create_directories(dir);
     auto write = [&](const std::string& file, const std::string& text) {
         std::ofstream(dir / file) << text;
@@ -68,8 +70,9 @@ TEST(AppIdentity, NamesAppsFromTheirDesktopEntries) {
     EXPECT_FALSE(identity.isApp("hidden"));
     EXPECT_EQ(identity.name("hidden", std::string("Kept")), "Kept");
     EXPECT_EQ(identity.name("alerts", std::nullopt), "Alert sounds");
-    EXPECT_EQ(identity.loadInstalled(),
-              (std::vector<std::string>{"firefox-esr", "org.gnome.Rhythmbox3"}));
+    std::vector<std::string> installed = identity.loadInstalled();
+    std::filesystem::remove_all(dir);
+    EXPECT_EQ(installed, (std::vector<std::string>{"firefox-esr", "org.gnome.Rhythmbox3"}));
 }
 
 }  // namespace

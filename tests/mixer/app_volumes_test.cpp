@@ -1,46 +1,35 @@
 #include "mixer/app_volumes.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 
 #include "dispatch/virtual_main_queue.h"
+#include "fake_app_streams.h"
 
 namespace vt::mixer {
 namespace {
 
-// A server with the cubic law both real ones use.
-class FakeStreams final : public AppStreams {
-  public:
-    std::map<uint32_t, AppStream> all;
-    int writes = 0;
-    std::vector<AppStream> streams() override {
-        std::vector<AppStream> out;
-        for (const auto& [i, s] : all) out.push_back(s);
-        return out;
-    }
-    void setVolume(uint32_t index, const std::vector<RawVolume>& v) override {
-        ++writes;
-        if (auto it = all.find(index); it != all.end()) it->second.volume = v;
-    }
-    void setChangeHandler(std::function<void()>) override {}
-    double toLinear(RawVolume v) const override { return std::pow(double(v) / kFullVolume, 3); }
-    RawVolume fromLinear(double l) const override {
-        return RawVolume(std::lround(std::cbrt(l) * kFullVolume));
-    }
-    void add(uint32_t index, std::vector<RawVolume> v) { all[index] = AppStream{index, {}, v}; }
-};
-
 struct AppVolumesTest : testing::Test {
     FakeStreams streams;
     dispatch::VirtualMainQueue main;
-    std::filesystem::path file = std::filesystem::path(testing::TempDir()) / "vt-volumes.json";
+    std::filesystem::path dir = std::filesystem::path(testing::TempDir()) /
+                                ("vt-volumes" + std::to_string(::getpid()) +
+                                 testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::path file = dir / "settings.json";
     std::unique_ptr<settings::Settings> settings;
     AppVolumesTest() {
-        std::filesystem::remove(file);
+        std::filesystem::remove_all(dir);
+        std::filesystem::create_directories(dir);
+        std::filesystem::permissions(dir, std::filesystem::perms::owner_all);
         settings = std::make_unique<settings::Settings>(file);
         streams.add(1, {40000, 30000});  // an app with its own balance
         streams.add(2, {50000, 50000});
+    }
+    ~AppVolumesTest() override {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
     }
     double linear(uint32_t index, size_t ch) {
         return streams.toLinear(streams.all[index].volume[ch]);
@@ -50,6 +39,7 @@ struct AppVolumesTest : testing::Test {
 TEST_F(AppVolumesTest, AGainScalesEachChannelAndGoesBackExactlyAtOne) {
     AppVolumes volumes(streams, main, *settings);
     const double left = linear(1, 0), right = linear(1, 1);
+    volumes.streamsChanged();  // already playing: a change ramps
     volumes.apply({{"music", {{1}, 0.5}}});
     EXPECT_FALSE(settings->value(AppVolumes::settingsKey).is_null());  // kept before the change
     main.advance(0.005);
@@ -79,8 +69,10 @@ TEST_F(AppVolumesTest, AChangeMadeElsewhereBecomesTheOriginalAndNewStreamsGetThe
     volumes.apply({{"music", {{1, 3}, 0.5}}});
     main.advance(0.1);
     EXPECT_NEAR(linear(3, 0), 0.5 * streams.toLinear(60000), 1e-4);
+    streams.all.erase(3);  // ends while turned down
+    volumes.streamsChanged();
+    EXPECT_EQ(streams.stored["key3"], (std::vector<RawVolume>{60000, 60000}));
     volumes.restoreAll();
-    EXPECT_EQ(streams.all[3].volume, (std::vector<RawVolume>{60000, 60000}));
     EXPECT_NEAR(linear(1, 0), 2 * streams.toLinear(20000), 1e-4);
 }
 
@@ -92,9 +84,12 @@ TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
         streams.all.erase(2);  // gone meanwhile
     }                          // dies without restoring
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{0, 0}));
+    streams.stored.clear();  // the server kept ours
     settings::Settings reread(file);
     AppVolumes::restorePending(streams, reread);
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{40000, 30000}));
+    EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
+    EXPECT_EQ(streams.stored["key2"], (std::vector<RawVolume>{50000, 50000}));
     EXPECT_TRUE(reread.value(AppVolumes::settingsKey).is_null());
 }
 

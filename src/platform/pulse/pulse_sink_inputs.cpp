@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <pulse/ext-stream-restore.h>
+
 #include "platform/audio_backend.h"
 #include "platform/pulse/pulse_convert.h"
 #include "platform/pulse/pulse_loop.h"
@@ -130,6 +132,76 @@ void PulseSinkInputs::setVolume(uint32_t index, const std::vector<mixer::RawVolu
     if (pa_operation* op =
             pa_context_set_sink_input_volume(l->context(), index, &v, nullptr, nullptr))
         pa_operation_unref(op);
+}
+
+namespace {
+
+// One stored entry to write back: the key and volume we want, the rest as
+// the server has it (found by reading its entries first).
+struct RestoreWrite {
+    std::string key;
+    pa_cvolume volume{};
+    bool found = false;
+    std::string device;
+    bool mute = false;
+};
+
+void writeEntry(pa_context* c, RestoreWrite* w) {
+    pa_ext_stream_restore_info e{};
+    e.name = w->key.c_str();
+    pa_channel_map_init_auto(&e.channel_map, w->volume.channels, PA_CHANNEL_MAP_DEFAULT);
+    e.volume = w->volume;
+    e.device = w->found && !w->device.empty() ? w->device.c_str() : nullptr;
+    e.mute = w->mute;
+    if (pa_operation* op =
+            pa_ext_stream_restore_write(c, PA_UPDATE_SET, &e, 1, 0, nullptr, nullptr))
+        pa_operation_unref(op);
+    delete w;
+}
+
+void readEntry(pa_context* c, const pa_ext_stream_restore_info* info, int eol, void* data) {
+    auto* w = static_cast<RestoreWrite*>(data);
+    if (!eol && info) {
+        if (info->name && w->key == info->name) {
+            w->found = true;
+            w->device = info->device ? info->device : "";
+            w->mute = info->mute != 0;
+        }
+        return;
+    }
+    // eol < 0: the server has no such store; write anyway, it answers no.
+    writeEntry(c, w);
+}
+
+}  // namespace
+
+void PulseSinkInputs::rememberVolume(const std::string& restoreKey,
+                                     const std::vector<mixer::RawVolume>& volume) {
+    std::shared_ptr<PulseLoop> l = loop();
+    if (!l || !l->ready() || restoreKey.empty() || volume.empty() ||
+        volume.size() > PA_CHANNELS_MAX)
+        return;
+    auto* w = new RestoreWrite{restoreKey};
+    w->volume.channels = uint8_t(volume.size());
+    for (size_t ch = 0; ch < volume.size(); ++ch)
+        w->volume.values[ch] = std::min<pa_volume_t>(volume[ch], PA_VOLUME_MAX);
+    PulseLoop::Lock lock(*l);
+    if (pa_operation* op = pa_ext_stream_restore_read(l->context(), &readEntry, w))
+        pa_operation_unref(op);
+    else
+        delete w;
+}
+
+void PulseSinkInputs::settle() {
+    std::shared_ptr<PulseLoop> l = loop();
+    if (!l || !l->ready()) return;
+    PulseLoop::Lock lock(*l);
+    // The server answers in order: once the first round trip is back, every
+    // read has issued its write; once the second is, those are done too.
+    for (int round = 0; round < 2; ++round)
+        if (!l->finish(pa_context_get_server_info(
+                l->context(), [](pa_context*, const pa_server_info*, void*) {}, nullptr)))
+            return;
 }
 
 void PulseSinkInputs::setChangeHandler(std::function<void()> handler) {

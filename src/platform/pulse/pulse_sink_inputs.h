@@ -33,8 +33,14 @@ class PulseSinkInputs final : public mixer::AppStreams {
     // the connection itself.
     bool reconnect();
 
+    void reconnectIfLost() override {
+        if (!connected()) reconnect();
+    }
     std::vector<mixer::AppStream> streams() override;
     void setVolume(uint32_t index, const std::vector<mixer::RawVolume>& volume) override;
+    void rememberVolume(const std::string& restoreKey,
+                        const std::vector<mixer::RawVolume>& volume) override;
+    void settle() override;
     void setChangeHandler(std::function<void()> handler) override;
     double toLinear(mixer::RawVolume v) const override;
     mixer::RawVolume fromLinear(double linear) const override;
