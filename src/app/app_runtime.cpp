@@ -155,7 +155,7 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
             if (onChange_) onChange_();
             return true;
         });
-    server_->setLocalHandler([this](const nlohmann::json& line) {
+    server_->setMixerHandler([this](const nlohmann::json& line) {
         std::string reply = handleMixerLine(*model_, line);
         if (onChange_) onChange_();
         return reply;

@@ -269,6 +269,21 @@ void ControlServer::start() {
 void ControlServer::handleLine(uint64_t client, const std::string& line) {
     if (line.empty()) return;
     std::optional<remote::PhoneMessage> message = remote::tryDecodePhoneMessage(line);
+    if (!message && mixer_) {
+        nlohmann::json j;
+        try {
+            j = remote::parseLine(line);  // bounded in depth
+        } catch (const std::exception&) {
+        }
+        const auto type = j.is_object() ? j.find("type") : j.end();
+        if (type != j.end() && type->is_string() &&
+            type->get<std::string>().rfind("mixer.", 0) == 0) {
+            std::string reply = mixer_(j);
+            publish(false);
+            io_->send(client, reply + "\n");
+            return;
+        }
+    }
     if (!message) {
         if (local_ && local_(line)) {
             publish(false);

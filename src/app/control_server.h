@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
@@ -30,6 +31,9 @@ class ControlServer {
     // A line that is no phone message: true when it was a local command and
     // was dealt with, false to end the link as for any bad line.
     using LocalHandler = std::function<bool(const std::string& line)>;
+    // Lines of the socket's own, never part of the phone's wire: one JSON
+    // object whose "type" starts with "mixer."; the answer is one line.
+    using MixerHandler = std::function<std::string(const nlohmann::json&)>;
 
     // At most this many clients at once; more are turned away.
     static constexpr int maxClients = 16;
@@ -41,6 +45,8 @@ class ControlServer {
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
+
+    void setMixerHandler(MixerHandler handler) { mixer_ = std::move(handler); }
 
     // Makes the folder and the socket and starts serving. Throws
     // std::runtime_error with a sentence for the user when another instance
@@ -61,6 +67,7 @@ class ControlServer {
     Snapshot snapshot_;
     Handler handler_;
     LocalHandler local_;
+    MixerHandler mixer_;
     std::shared_ptr<Io> io_;
     std::thread thread_;
     // Main thread: the last state each client was sent.

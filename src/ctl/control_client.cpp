@@ -70,6 +70,21 @@ void ControlClient::sync() {
     });
 }
 
+nlohmann::json ControlClient::mixerRequest(const nlohmann::json& line) {
+    sendLine(line.dump());
+    nlohmann::json answer;
+    readUntil([&](const std::string& text) {
+        if (text.find("\"mixer.") == std::string::npos) return false;
+        try {
+            answer = remote::parseLine(text);
+        } catch (const std::exception&) {
+            return false;
+        }
+        return answer.is_object() && answer.value("type", "").rfind("mixer.", 0) == 0;
+    });
+    return answer;
+}
+
 void ControlClient::readUntil(const std::function<bool(const std::string&)>& done) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::duration<double>(timeoutSeconds);

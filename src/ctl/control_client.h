@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -39,6 +40,9 @@ class ControlClient {
     // Waits until the app has handled everything sent so far; the state is
     // then current.
     void sync();
+    // Sends a mixer line (the socket's own, not the phone's) and returns
+    // the app's one-line answer, as JSON.
+    nlohmann::json mixerRequest(const nlohmann::json& line);
 
   private:
     // Reads lines until one satisfies `done`; keeps the newest state.

@@ -40,6 +40,11 @@ constexpr const char* kUsage =
     "  volume SLOT 0..1    set a slot's volume\n"
     "  mute SLOT on|off    mute or unmute a slot\n"
     "  master 0..1         set the master volume\n"
+    "  apps                apps the mixer knows: id, name, level, muted, playing\n"
+    "                      (tab-separated)\n"
+    "  app ID 0..1         set an app's level\n"
+    "  app-mute ID on|off  mute or unmute an app\n"
+    "  app-solo ID|off     play only that app, or every app again\n"
     "  start | stop        start or stop sending\n"
     "  password SLOT       give the AirPlay receiver in a slot its password, read\n"
     "                      from the first line of standard input; it is kept\n"
@@ -135,11 +140,12 @@ int run(const std::vector<std::string>& args) {
     if (args.empty()) throw UsageError{"No command given."};
     const std::string& cmd = args[0];
     static const std::map<std::string, size_t> arity = {
-        {"status", 1}, {"outputs", 1},      {"add", 2},      {"remove", 2},   {"delay", 3},
-        {"volume", 3}, {"mute", 3},         {"master", 2},   {"start", 1},    {"stop", 1},
-        {"send", 2},   {"remove-guest", 2}, {"password", 2}, {"track", 1},    {"play", 1},
-        {"pause", 1},  {"toggle", 1},       {"next", 1},     {"previous", 1}, {"forward15", 1},
-        {"back15", 1}, {"seek", 2}};
+        {"status", 1},  {"outputs", 1},      {"add", 2},      {"remove", 2},   {"delay", 3},
+        {"volume", 3},  {"mute", 3},         {"master", 2},   {"start", 1},    {"stop", 1},
+        {"send", 2},    {"remove-guest", 2}, {"password", 2}, {"track", 1},    {"play", 1},
+        {"pause", 1},   {"toggle", 1},       {"next", 1},     {"previous", 1}, {"forward15", 1},
+        {"back15", 1},  {"seek", 2},         {"apps", 1},     {"app", 3},      {"app-mute", 3},
+        {"app-solo", 2}};
     auto it = arity.find(cmd);
     if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
     if (args.size() != it->second)
@@ -151,6 +157,9 @@ int run(const std::vector<std::string>& args) {
     if (cmd == "volume") numberArg(args, 2, 0, 1, "volume");
     if (cmd == "master") numberArg(args, 1, 0, 1, "volume");
     if (cmd == "seek") numberArg(args, 1, 0, kMaxSeekSeconds, "position in seconds");
+    if (cmd == "app") numberArg(args, 2, 0, 1, "level");
+    if (cmd == "app-mute" && !vt::ctl::parseSwitch(args[2]))
+        throw UsageError{"\"" + args[2] + "\" is neither on nor off."};
     if (cmd == "mute" && !vt::ctl::parseSwitch(args[2]))
         throw UsageError{"\"" + args[2] + "\" is neither on nor off."};
     if ((cmd == "remove" || cmd == "delay" || cmd == "volume" || cmd == "mute" ||
@@ -289,6 +298,30 @@ int run(const std::vector<std::string>& args) {
     } else if (cmd == "send") {
         c.sendLine(args[1]);
         c.sync();
+    } else if (cmd == "apps") {
+        const nlohmann::json answer = c.mixerRequest({{"type", "mixer.apps"}});
+        for (const auto& a : answer.value("apps", nlohmann::json::array())) {
+            if (!a.is_object()) continue;
+            std::printf("%s\t%s\t%g\t%s\t%s\n", a.value("id", "").c_str(),
+                        a.value("name", "").c_str(), a.value("level", 1.0),
+                        a.value("muted", false) ? "muted" : "-",
+                        a.value("playing", false) ? "playing" : "-");
+        }
+    } else if (cmd == "app" || cmd == "app-mute" || cmd == "app-solo") {
+        nlohmann::json line;
+        if (cmd == "app")
+            line = {{"type", "mixer.level"},
+                    {"id", args[1]},
+                    {"level", numberArg(args, 2, 0, 1, "level")}};
+        else if (cmd == "app-mute")
+            line = {
+                {"type", "mixer.mute"}, {"id", args[1]}, {"on", *vt::ctl::parseSwitch(args[2])}};
+        else
+            line = {{"type", "mixer.solo"},
+                    {"id", args[1] == "off" ? nlohmann::json() : nlohmann::json(args[1])}};
+        const nlohmann::json answer = c.mixerRequest(line);
+        if (answer.value("type", "") != "mixer.done")
+            throw ControlError(answer.value("why", std::string("Vellatone did not take it.")));
     }
     return 0;
 }
