@@ -100,10 +100,18 @@ void AppVolumes::streamsChanged() {
         }
         Held& h = it->second;
         const std::vector<RawVolume>& seen = p->second.volume;
-        if (!h.ramping && now >= h.quietUntil && !same(seen, h.sent)) {
-            // Not ours: the new level is the user's, and stays as it is.
-            h.original = h.gain > 1e-3 ? scaled(seen, 1.0 / h.gain) : seen;
-            h.sent = seen;
+        const bool echo = std::any_of(h.echoes.begin(), h.echoes.end(),
+                                      [&](const auto& v) { return same(seen, v); });
+        if (!h.ramping && !echo && !same(seen, h.sent)) {
+            if (now - h.firstSeen < kSettleSeconds) {
+                // The server's kept volume, arriving late: the app's own.
+                h.original = seen;
+                send(it->first, h, h.gain);
+            } else {
+                // The user's, and it stays as it is.
+                h.original = h.gain > 1e-3 ? scaled(seen, 1.0 / h.gain) : seen;
+                h.sent = seen;
+            }
             changedNote = true;
         }
         ++it;
@@ -124,6 +132,7 @@ void AppVolumes::streamsChanged() {
             h.app = want.first;
             h.original = p->second.volume;
             h.sent = h.original;
+            h.firstSeen = seenAt_.contains(index) ? seenAt_[index] : now;
             if (auto k = p->second.properties.find(kRestoreKeyProperty);
                 k != p->second.properties.end())
                 h.restoreKey = k->second;
@@ -134,13 +143,13 @@ void AppVolumes::streamsChanged() {
         }
         Held& h = it->second;
         const double to = want.second;
-        if (!known_.contains(index))
+        if (!seenAt_.contains(index))
             send(index, h, to);
         else if ((h.ramping ? h.rampTo : h.gain) != to)
             startRamp(index, h, to);
     }
-    known_.clear();
-    for (const auto& [index, s] : present) known_.insert(index);
+    std::erase_if(seenAt_, [&](const auto& e) { return !present.contains(e.first); });
+    for (const auto& [index, s] : present) seenAt_.try_emplace(index, now);
     // Streams no longer wished for go back to their originals.
     for (auto& [index, h] : held_)
         if (!target.contains(index) && (h.ramping ? h.rampTo : h.gain) != 1.0)
@@ -162,7 +171,8 @@ void AppVolumes::startRamp(uint32_t, Held& h, double to) {
 void AppVolumes::send(uint32_t index, Held& h, double gain) {
     h.gain = gain;
     h.sent = scaled(h.original, gain);
-    h.quietUntil = main_.now() + kEchoSeconds;
+    h.echoes.push_back(h.sent);
+    if (h.echoes.size() > kEchoes) h.echoes.erase(h.echoes.begin());
     streams_.setVolume(index, h.sent);
 }
 

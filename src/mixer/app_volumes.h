@@ -14,7 +14,8 @@
 //   set to the original too.
 // - A volume someone else sets while we run (a desktop's volume panel)
 //   becomes the stream's new original, divided by our gain, so it is kept
-//   rather than fought.
+//   rather than fought. In a stream's first kSettleSeconds a change is the
+//   server restoring what it kept; that becomes the original as it is.
 // - A gain change ramps in a few steps over kRampSeconds, so a dragged slider
 //   moves the sound without clicks; the servers have no ramp of their own
 //   for a client's volume.
@@ -25,7 +26,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -48,9 +48,13 @@ class AppVolumes {
     static constexpr const char* settingsKey = "pendingRestoreAppVolumes";
     static constexpr double kRampSeconds = 0.03;
     static constexpr int kRampSteps = 3;
-    // After a write, the server's echo of earlier steps is not someone
-    // else's change.
-    static constexpr double kEchoSeconds = 0.5;
+    // The server's echoes of our last few writes are not someone else's
+    // change (a ramp's steps come back after it ended).
+    static constexpr size_t kEchoes = kRampSteps + 2;
+    // A stream this young that changes was given a kept volume by the
+    // server (WirePlumber does so a moment after a stream appears): that is
+    // its original, and our gain goes on top of it again.
+    static constexpr double kSettleSeconds = 3.0;
     // Linear difference below which an observed volume is the one we set
     // (the servers round to their own steps).
     static constexpr double kSameWithin = 2e-3;
@@ -86,7 +90,8 @@ class AppVolumes {
         double rampTo = 1.0;
         double rampStart = 0;
         bool ramping = false;
-        double quietUntil = 0;
+        std::vector<std::vector<RawVolume>> echoes;  // recent writes, newest last
+        double firstSeen = 0;
     };
 
     std::vector<RawVolume> scaled(const std::vector<RawVolume>& original, double gain) const;
@@ -106,7 +111,7 @@ class AppVolumes {
     std::map<uint32_t, Held> held_;
     // Streams seen before: a stream new to us takes its gain at once (it
     // starts where it belongs), a playing one ramps.
-    std::set<uint32_t> known_;
+    std::map<uint32_t, double> seenAt_;  // when each stream was first seen
     std::unique_ptr<dispatch::TimerHandle> rampTimer_;
 };
 

@@ -60,7 +60,7 @@ TEST_F(AppVolumesTest, AGainScalesEachChannelAndGoesBackExactlyAtOne) {
 TEST_F(AppVolumesTest, AChangeMadeElsewhereBecomesTheOriginalAndNewStreamsGetTheGain) {
     AppVolumes volumes(streams, main, *settings);
     volumes.apply({{"music", {{1}, 0.5}}});
-    main.advance(1.0);
+    main.advance(AppVolumes::kSettleSeconds);
     streams.all[1].volume = {20000, 20000};  // a desktop panel moved it
     volumes.streamsChanged();
     main.advance(0.1);
@@ -68,10 +68,13 @@ TEST_F(AppVolumesTest, AChangeMadeElsewhereBecomesTheOriginalAndNewStreamsGetThe
     streams.add(3, {60000, 60000});
     volumes.apply({{"music", {{1, 3}, 0.5}}});
     main.advance(0.1);
-    EXPECT_NEAR(linear(3, 0), 0.5 * streams.toLinear(60000), 1e-4);
+    EXPECT_NEAR(linear(3, 0), 0.5 * streams.toLinear(60000), 1e-4);  // at once, no ramp
+    streams.all[3].volume = {50000, 50000};  // the server's kept volume, a moment later
+    volumes.streamsChanged();
+    EXPECT_NEAR(linear(3, 0), 0.5 * streams.toLinear(50000), 1e-4);
     streams.all.erase(3);  // ends while turned down
     volumes.streamsChanged();
-    EXPECT_EQ(streams.stored["key3"], (std::vector<RawVolume>{60000, 60000}));
+    EXPECT_EQ(streams.stored["key3"], (std::vector<RawVolume>{50000, 50000}));
     volumes.restoreAll();
     EXPECT_NEAR(linear(1, 0), 2 * streams.toLinear(20000), 1e-4);
 }
