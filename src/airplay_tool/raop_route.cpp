@@ -45,6 +45,7 @@ constexpr double kMinVolumeDb = -30.0;
 constexpr double kMuteDb = -144.0;
 constexpr int kMaxVolume = 100;
 const char* const kUserAgent = "Vellatone/0.1";
+constexpr size_t kAppleChallengeBytes = 16;
 
 std::string randomHex(size_t digits) {
     static constexpr char kHex[] = "0123456789ABCDEF";
@@ -101,6 +102,14 @@ bool wantsEncryption(const ToolOptions& options) {
     if (options.forceEncrypt) return true;
     if (!options.txtEt.empty()) return listHas(options.txtEt, "1");
     return true;
+}
+
+bool sendsAppleChallenge(const ToolOptions& options) {
+    std::string model = options.txtAm;
+    std::transform(model.begin(), model.end(), model.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    // AirPort models are "AirPort10,115" and the like; "ShairportSync" is not one.
+    return wantsEncryption(options) && model.rfind("airport", 0) == 0;
 }
 
 double volumeToDb(int volume) {
@@ -201,6 +210,13 @@ bool RaopRoute::connect() {
 
     RtspRequest options = makeRequest("OPTIONS");
     options.uri = "*";
+    if (sendsAppleChallenge(options_)) {
+        // The answer proves the receiver genuine; nothing here depends on it.
+        std::array<uint8_t, kAppleChallengeBytes> challenge{};
+        std::random_device random;
+        for (uint8_t& b : challenge) b = static_cast<uint8_t>(random());
+        options.add("Apple-Challenge", base64Unpadded(challenge));
+    }
     if (!setupStep(options)) return false;
 
     RtspRequest announce = makeRequest("ANNOUNCE");
@@ -323,6 +339,37 @@ Outcome RaopRoute::handle(const Command& command) {
         return Outcome::running;
     }
     if (action == "SENDMETA") sendMetadata(command);
+    if (action == "FLUSH") return flush(false);
+    if (action == "PAUSE" || action == "STANDBY") return flush(true);
+    if (action == "PLAY") return play();
+    return Outcome::running;
+}
+
+Outcome RaopRoute::flush(bool pause) {
+    if (!started_ || (pause && paused_)) return Outcome::running;
+    const RaopStreamer::FlushPoint point = streamer_->flush(pause);
+    RtspRequest r = makeRequest("FLUSH");
+    r.add("RTP-Info",
+          "seq=" + std::to_string(point.seq) + ";rtptime=" + std::to_string(point.rtptime));
+    RtspResult result = rtsp_->request(r, kAnswerTimeoutMs);
+    if (!result.response) {
+        status_.error(error_code::disconnected, 0, "FLUSH: " + result.error);
+        return Outcome::failed;
+    }
+    if (pause) {
+        paused_ = true;
+        status_.playing(false, streamer_->elapsedMs());
+    } else {
+        status_.flushed();
+    }
+    return Outcome::running;
+}
+
+Outcome RaopRoute::play() {
+    if (!paused_) return Outcome::running;
+    paused_ = false;
+    streamer_->resume();
+    status_.playing(true, streamer_->elapsedMs());
     return Outcome::running;
 }
 

@@ -24,6 +24,9 @@ MetadataSupport metadataSupportFrom(const std::string& md);
 // Whether to encrypt: --raw and --encrypt decide, else the receiver's `et`
 // (RSA is 1), else yes, since AirPort Express receivers take nothing else.
 bool wantsEncryption(const ToolOptions& options);
+// Whether OPTIONS carries an Apple-Challenge: to an AirPort (by its `am`)
+// with an encrypted stream, as those check who sends to them.
+bool sendsAppleChallenge(const ToolOptions& options);
 // --volume 0-100 in the receiver's dB: -30 to 0, and 0 is mute (-144).
 double volumeToDb(int volume);
 
@@ -45,6 +48,9 @@ class RaopRoute : public Route {
     bool setVolume(int volume);
     void sendMetadata(const Command& command);
     bool setParameter(const std::string& contentType, const std::string& body, bool stamped);
+    // FLUSH, PAUSE and STANDBY (both keep the session, silent), PLAY.
+    Outcome flush(bool pause);
+    Outcome play();
 
     ToolOptions options_;
     StatusWriter& status_;
@@ -56,6 +62,7 @@ class RaopRoute : public Route {
     std::string session_;
     int leadMs_ = 0;
     bool started_ = false;
+    bool paused_ = false;
     bool closed_ = false;
 };
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -58,14 +59,6 @@ sockaddr_in addressOf(const std::string& ip, int port) {
     return a;
 }
 
-void sleepUntilUnixNs(int64_t due, const std::atomic<bool>& stopping) {
-    while (!stopping.load()) {
-        const int64_t left = due - unixNowNs();
-        if (left <= 0) return;
-        std::this_thread::sleep_for(std::chrono::nanoseconds(std::min(left, kSleepSliceNs)));
-    }
-}
-
 }  // namespace
 
 RaopStreamer::RaopStreamer(StatusWriter& status, std::string localIP, PayloadCipher cipher)
@@ -78,6 +71,7 @@ RaopStreamer::RaopStreamer(StatusWriter& status, std::string localIP, PayloadCip
     // Kept clear of 0, which a receiver reads as "no reference".
     firstTimestamp_ = static_cast<uint32_t>(random()) | 0x100u;
     ssrc_ = static_cast<uint32_t>(random());
+    nextSeq_ = firstSeq_;
 }
 
 RaopStreamer::~RaopStreamer() {
@@ -162,14 +156,23 @@ void RaopStreamer::begin(const StreamStart& start) {
     sender_ = std::thread([this] { sendPackets(); });
 }
 
+void RaopStreamer::beginTimeLine(const StreamStart& start, int64_t arrivalNs) {
+    const int64_t at =
+        std::max(start.requestedUnixMs * kNsPerMs, arrivalNs + int64_t{start.minLeadMs} * kNsPerMs);
+    plan_.emplace(StreamTimeline(at, firstTimestamp_, latencyFramesForLead(at - arrivalNs)),
+                  at - arrivalNs);
+    status_.started(start.requestedUnixMs, at / kNsPerMs);
+    changed_.notify_all();
+}
+
 void RaopStreamer::readInput(StreamStart start) {
     const size_t packetInputBytes = kFramesPerPacket * start.format.bytesPerFrame();
     std::vector<uint8_t> input(packetInputBytes);
     std::array<int16_t, kFramesPerPacket * 2> samples{};
-    int64_t frame = 0;
     bool ended = false;
     while (!ended && !stopping_.load()) {
         size_t have = 0;
+        int64_t arrivalNs = 0;
         while (have < packetInputBytes && !stopping_.load()) {
             pollfd p{start.inputFd, POLLIN, 0};
             int rc = poll(&p, 1, kPollSliceMs);
@@ -181,27 +184,24 @@ void RaopStreamer::readInput(StreamStart start) {
                 ended = true;
                 break;
             }
-            if (frame == 0 && have == 0) {
-                std::lock_guard lock(mutex_);
-                if (!timeline_) {
-                    const int64_t now = unixNowNs();
-                    const int64_t earliest = now + int64_t{start.minLeadMs} * kNsPerMs;
-                    const int64_t at = std::max(start.requestedUnixMs * kNsPerMs, earliest);
-                    timeline_.emplace(at, firstTimestamp_, latencyFramesForLead(at - now));
-                    status_.started(start.requestedUnixMs, at / kNsPerMs);
-                    changed_.notify_all();
-                }
-            }
+            if (have == 0) arrivalNs = unixNowNs();
             have += static_cast<size_t>(n);
         }
         const size_t wholeFrames = have / start.format.bytesPerFrame();
         if (wholeFrames == 0 || stopping_.load()) continue;
+        Packet packet;
+        {
+            std::lock_guard lock(mutex_);
+            if (paused_ && !plan_) continue;
+            if (!plan_) beginTimeLine(start, arrivalNs);
+            // Paused, the time line still runs on with the input.
+            std::optional<int64_t> frame = plan_->place(arrivalNs);
+            if (!frame || paused_) continue;  // its slot is gone, or no one listens
+            packet.frame = *frame;
+        }
         samples.fill(0);
         toStereo16(start.format, {input.data(), have}, samples);
-        Packet packet;
-        packet.frame = frame;
         packAlacStereo16(samples, packet.payload);
-        frame += kFramesPerPacket;
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return queue_.size() < kMaxQueuedPackets || stopping_.load(); });
         queue_.push_back(packet);
@@ -227,56 +227,129 @@ void RaopStreamer::sendSync(const StreamTimeline& timeline, bool first) {
            sizeof to);
 }
 
+// Paced by the clock: each slot of the time line goes out when it is due,
+// with the app's audio when it is there and as silence when it is not.
 void RaopStreamer::sendPackets() {
-    std::optional<StreamTimeline> timeline;
     {
         std::unique_lock lock(mutex_);
-        changed_.wait(lock,
-                      [&] { return timeline_.has_value() || stopping_.load() || readerDone_; });
-        if (!timeline_) return;
-        timeline = timeline_;
+        changed_.wait(lock, [&] { return plan_.has_value() || stopping_.load() || readerDone_; });
+        if (!plan_) return;
     }
     waitForTiming();
-    uint16_t seq = firstSeq_;
+    std::array<uint8_t, kAlacFrameBytes> silence{};
+    packAlacStereo16(std::array<int16_t, kFramesPerPacket * 2>{}, silence);
+    uint64_t epoch = 0;
     bool first = true;
     int64_t lastSync = 0;
     std::array<uint8_t, kPacketBytes> wire{};
+    std::unique_lock lock(mutex_);
     while (!stopping_.load()) {
-        Packet packet;
-        {
-            std::unique_lock lock(mutex_);
-            while (queue_.empty() && !readerDone_ && !stopping_.load()) {
-                changed_.wait_for(lock, std::chrono::milliseconds(kPollSliceMs));
-                if (!first && unixNowNs() - lastSync >= kSyncIntervalNs) {
-                    sendSync(*timeline, false);
-                    lastSync = unixNowNs();
-                }
-            }
-            if (stopping_.load()) break;
-            if (queue_.empty()) break;  // the input ended and everything went out
-            packet = queue_.front();
+        if (!plan_ || paused_) {
+            if (readerDone_ && queue_.empty()) break;
+            changed_.wait_for(lock, std::chrono::milliseconds(kPollSliceMs));
+            continue;
+        }
+        if (epoch != epoch_) {
+            // A new time line: the receiver is told afresh where it stands.
+            epoch = epoch_;
+            first = true;
+        }
+        const int64_t now = unixNowNs();
+        if (!first && now - lastSync >= kSyncIntervalNs) {
+            const StreamTimeline timeline = plan_->timeline();
+            lock.unlock();
+            sendSync(timeline, false);
+            lock.lock();
+            lastSync = now;
+            continue;
+        }
+        // After the input ends, what is queued goes out and nothing more.
+        if (readerDone_ && queue_.empty()) break;
+        const std::optional<int64_t> queued =
+            queue_.empty() ? std::nullopt : std::optional<int64_t>(queue_.front().frame);
+        const SendPlan::Step step = plan_->next(now, queued);
+        using Kind = SendPlan::Step::Kind;
+        if (step.kind == Kind::drop) {
             queue_.pop_front();
             changed_.notify_all();
+            continue;
         }
-        sleepUntilUnixNs(timeline->sendNotBeforeUnixNs(packet.frame), stopping_);
-        if (stopping_.load()) break;
-        if (first || unixNowNs() - lastSync >= kSyncIntervalNs) {
-            sendSync(*timeline, first);
+        if (step.kind == Kind::wait) {
+            const int64_t until =
+                first ? step.untilNs : std::min(step.untilNs, lastSync + kSyncIntervalNs);
+            changed_.wait_for(
+                lock, std::chrono::nanoseconds(std::clamp<int64_t>(until - now, 0, kSleepSliceNs)));
+            continue;
+        }
+        const StreamTimeline timeline = plan_->timeline();
+        const uint32_t rtp = timeline.rtpOf(plan_->slotFrame());
+        if (step.kind == Kind::send) {
+            std::copy(queue_.front().payload.begin(), queue_.front().payload.end(),
+                      wire.begin() + kRtpHeaderBytes);
+            queue_.pop_front();
+            changed_.notify_all();
+        } else {
+            std::copy(silence.begin(), silence.end(), wire.begin() + kRtpHeaderBytes);
+        }
+        plan_->sent();
+        const uint16_t seq = nextSeq_++;
+        lock.unlock();
+        if (first) {
+            sendSync(timeline, true);
             lastSync = unixNowNs();
         }
         writeAudioHeader(std::span<uint8_t, kRtpHeaderBytes>(wire.data(), kRtpHeaderBytes), first,
-                         seq, timeline->rtpOf(packet.frame), ssrc_);
-        std::copy(packet.payload.begin(), packet.payload.end(), wire.begin() + kRtpHeaderBytes);
+                         seq, rtp, ssrc_);
         if (cipher_) cipher_(std::span<uint8_t>(wire.data() + kRtpHeaderBytes, kAlacFrameBytes));
-        if (send(audioFd_, wire.data(), wire.size(), 0) < 0 && errno == ECONNREFUSED) {
+        const bool refused =
+            send(audioFd_, wire.data(), wire.size(), 0) < 0 && errno == ECONNREFUSED;
+        if (!refused) backlog_.store(seq, wire);
+        first = false;
+        lock.lock();
+        if (refused) {
+            lock.unlock();
             fail("the receiver stopped taking audio");
+            lock.lock();
             break;
         }
-        backlog_.store(seq, wire);
-        ++seq;
-        first = false;
     }
+    lock.unlock();
     if (!stopping_.load() && !failure() && !inputEnded_.exchange(true)) status_.eof();
+}
+
+RaopStreamer::FlushPoint RaopStreamer::flush(bool pause) {
+    std::lock_guard lock(mutex_);
+    queue_.clear();
+    ++epoch_;
+    if (pause && !paused_ && plan_) pausedAtFrame_ = plan_->slotFrame();
+    paused_ = paused_ || pause;
+    changed_.notify_all();
+    if (!plan_) return {nextSeq_, firstTimestamp_};
+    return {nextSeq_, plan_->timeline().rtpOf(plan_->slotFrame())};
+}
+
+void RaopStreamer::resume() {
+    std::lock_guard lock(mutex_);
+    if (!paused_) return;
+    paused_ = false;
+    if (plan_) {
+        // Straight to the audio that comes next; what passed meanwhile is gone.
+        plan_->skipTo(plan_->inputFrame());
+        skippedFrames_ += plan_->slotFrame() - pausedAtFrame_;
+    }
+    ++epoch_;
+    changed_.notify_all();
+}
+
+int64_t RaopStreamer::heardFramesLocked(int64_t nowNs) const {
+    if (!plan_) return 0;
+    const int64_t through = paused_ ? pausedAtFrame_ : plan_->slotFrame();
+    return std::clamp<int64_t>(plan_->timeline().frameHeardAt(nowNs), 0, through) - skippedFrames_;
+}
+
+int64_t RaopStreamer::elapsedMs() const {
+    std::lock_guard lock(mutex_);
+    return std::max<int64_t>(0, heardFramesLocked(unixNowNs())) * 1000 / kRaopSampleRate;
 }
 
 void RaopStreamer::fail(const std::string& why) {
@@ -291,8 +364,9 @@ std::optional<std::string> RaopStreamer::failure() const {
 
 uint32_t RaopStreamer::rtpNow() const {
     std::lock_guard lock(mutex_);
-    if (!timeline_) return firstTimestamp_;
-    return timeline_->rtpOf(std::max<int64_t>(0, timeline_->frameHeardAt(unixNowNs())));
+    if (!plan_) return firstTimestamp_;
+    const StreamTimeline& t = plan_->timeline();
+    return t.rtpOf(std::max<int64_t>(0, t.frameHeardAt(unixNowNs())));
 }
 
 void RaopStreamer::stop() {

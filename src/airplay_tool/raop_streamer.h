@@ -23,6 +23,7 @@
 #include "airplay_tool/alac_frame.h"
 #include "airplay_tool/packet_backlog.h"
 #include "airplay_tool/pcm_input.h"
+#include "airplay_tool/send_plan.h"
 #include "airplay_tool/stream_timeline.h"
 #include "airplay_tool/transport_header.h"
 
@@ -61,6 +62,18 @@ class RaopStreamer {
     // Reads standard input and sends. `started` is printed on the first data.
     void begin(const StreamStart& start);
     void stop();
+    // Drops what is queued and not yet sent, and gives the RTP time and
+    // sequence number the receiver is to drop everything before. The time line
+    // runs on: audio that comes later is heard as it would have been. With
+    // `pause`, input is read and dropped until `resume`.
+    struct FlushPoint {
+        uint16_t seq = 0;
+        uint32_t rtptime = 0;
+    };
+    FlushPoint flush(bool pause);
+    void resume();
+    // Milliseconds of the stream heard since START, across flushes.
+    int64_t elapsedMs() const;
 
     // The RTP time being heard now, for metadata stamps.
     uint32_t rtpNow() const;
@@ -70,7 +83,7 @@ class RaopStreamer {
 
   private:
     struct Packet {
-        int64_t frame = 0;  // index of its first frame since START
+        int64_t frame = 0;  // index of its first frame on the current time line
         std::array<uint8_t, kAlacFrameBytes> payload{};
     };
 
@@ -78,6 +91,9 @@ class RaopStreamer {
     void readInput(StreamStart start);
     void sendPackets();
     void sendSync(const StreamTimeline& timeline, bool first);
+    // Under the lock: the time line for the first audio, come at `arrivalNs`.
+    void beginTimeLine(const StreamStart& start, int64_t arrivalNs);
+    int64_t heardFramesLocked(int64_t nowNs) const;
     void fail(const std::string& why);
     bool waitForTiming();
 
@@ -105,7 +121,13 @@ class RaopStreamer {
     std::condition_variable changed_;
     std::deque<Packet> queue_;
     bool readerDone_ = false;
-    std::optional<StreamTimeline> timeline_;
+    // The time line and what of it went out; none before the first audio.
+    std::optional<SendPlan> plan_;
+    uint64_t epoch_ = 0;         // counts flushes: the receiver is told afresh
+    bool paused_ = false;        // input is read and dropped
+    uint16_t nextSeq_ = 0;       // the sequence number of the next packet
+    int64_t pausedAtFrame_ = 0;  // the slot a pause began at
+    int64_t skippedFrames_ = 0;  // slots passed over by pauses, not heard
     std::optional<std::string> failure_;
 
     std::thread responder_;

@@ -71,6 +71,10 @@ void StatusWriter::started(int64_t requestedUnixMs, int64_t atUnixMs) {
 void StatusWriter::flushed() {
     write(errFd_, "[STATUS] flushed");
 }
+void StatusWriter::playing(bool playing, int64_t elapsedMs) {
+    write(errFd_, std::string("[STATUS] ") + (playing ? "playing" : "paused") +
+                      " elapsed_ms=" + std::to_string(elapsedMs));
+}
 void StatusWriter::eof() {
     write(errFd_, "[STATUS] eof");
 }

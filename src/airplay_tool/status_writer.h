@@ -33,6 +33,8 @@ class StatusWriter {
     void clockReadyNtp(int exchanges, int64_t readyAtUnixMs);
     void started(int64_t requestedUnixMs, int64_t atUnixMs);
     void flushed();
+    // `[STATUS] playing elapsed_ms=` or `[STATUS] paused elapsed_ms=`.
+    void playing(bool playing, int64_t elapsedMs);
     void eof();
     void stopped();
     // `[STATUS] error code=... http=... detail="..."` and then `[ERROR] detail`.

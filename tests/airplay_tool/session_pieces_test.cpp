@@ -194,6 +194,13 @@ TEST(RaopChoices, EncryptionMetadataAndVolumeFollowTheReceiver) {
     o.txtEt = "1";
     o.forceRaw = true;
     EXPECT_FALSE(wantsEncryption(o));
+    // Apple-Challenge: to an AirPort, and only with an encrypted stream.
+    o.txtAm = "AirPort10,115";
+    EXPECT_FALSE(sendsAppleChallenge(o));
+    o.forceRaw = false;
+    EXPECT_TRUE(sendsAppleChallenge(o));
+    o.txtAm = "ShairportSync";
+    EXPECT_FALSE(sendsAppleChallenge(o));
 
     auto all = metadataSupportFrom("");
     EXPECT_TRUE(all.text && all.artwork && all.progress);

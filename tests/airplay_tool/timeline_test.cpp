@@ -1,7 +1,9 @@
 // What sync packets say and when frames go out: the receiver must hear frame
-// F at start + F / 44100 s, which it works out from the sync packets alone.
+// F at start + F / 44100 s, which it works out from the sync packets alone;
+// and the app's audio keeps its lead through stalls, with silence between.
 #include <gtest/gtest.h>
 
+#include "airplay_tool/send_plan.h"
 #include "airplay_tool/stream_timeline.h"
 
 using namespace vt::airplay_tool;
@@ -52,6 +54,103 @@ TEST(StreamTimeline, NtpTimesRoundTripAndLatencyStaysInTheReceiversRange) {
     EXPECT_EQ(latencyFramesForLead(kNs), 44100u);
     EXPECT_LT(latencyFramesForLead(3600 * kNs), 259'311u);  // the most a receiver accepts
     EXPECT_EQ(StreamTimeline(0, 0, 0).latencyFrames(), kFixedLatencyFrames);
+}
+
+// Runs the sender's side of a plan on virtual time until `until`, with input
+// arriving as `arrivals` gives (each a packet); returns what went out:
+// the slot's frame and whether it carried audio (and which input packet).
+struct Sent {
+    int64_t frame;
+    int input;  // -1: silence
+    int64_t atNs;
+};
+std::vector<Sent> runPlan(SendPlan& plan, const std::vector<int64_t>& arrivals, int64_t until) {
+    std::vector<Sent> out;
+    std::vector<std::pair<int64_t, int>> queue;  // frame, input index
+    size_t next = 0;
+    for (int64_t now = arrivals.front(); now < until; now += kNs / 1000) {
+        while (next < arrivals.size() && arrivals[next] <= now) {
+            if (auto f = plan.place(arrivals[next])) queue.push_back({*f, int(next)});
+            ++next;
+        }
+        for (;;) {
+            auto queued = queue.empty() ? std::nullopt : std::optional<int64_t>(queue[0].first);
+            const SendPlan::Step step = plan.next(now, queued);
+            using Kind = SendPlan::Step::Kind;
+            if (step.kind == Kind::wait) break;
+            if (step.kind == Kind::drop) {
+                queue.erase(queue.begin());
+                continue;
+            }
+            const int input = step.kind == Kind::send ? queue[0].second : -1;
+            if (step.kind == Kind::send) queue.erase(queue.begin());
+            out.push_back({plan.slotFrame(), input, now});
+            plan.sent();
+        }
+    }
+    return out;
+}
+
+TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
+    const int64_t t0 = int64_t{1'800'000'000} * kNs;
+    const int64_t lead = kNs / 2;
+    const int64_t packetNs = 352 * kNs / kRaopSampleRate;
+    auto plan = [&] {
+        return SendPlan(StreamTimeline(t0 + lead, 1000, latencyFramesForLead(lead)), lead);
+    };
+    auto heardLead = [&](const SendPlan& p, const Sent& s, const std::vector<int64_t>& in) {
+        return p.timeline().playUnixNs(s.frame) - in[s.input];
+    };
+
+    // Steady input: every packet out once, in order, heard its lead after it came.
+    std::vector<int64_t> steady;
+    for (int i = 0; i < 100; ++i) steady.push_back(t0 + i * packetNs);
+    SendPlan a = plan();
+    auto sent = runPlan(a, steady, t0 + 100 * packetNs);
+    ASSERT_GE(sent.size(), 90u);
+    for (size_t i = 0; i < sent.size(); ++i) {
+        ASSERT_EQ(sent[i].input, int(i));
+        EXPECT_NEAR(double(heardLead(a, sent[i], steady)), double(lead), 1e6);
+        EXPECT_GE(sent[i].atNs, a.timeline().sendNotBeforeUnixNs(sent[i].frame));
+    }
+
+    // A 0.45 s stall after packet 50, then a burst that catches up, as the
+    // app's pump does: the slots that came due go out silent just before
+    // they are heard, their audio is dropped, and the rest keeps its place.
+    std::vector<int64_t> caughtUp = steady;
+    const int64_t resumed = caughtUp[50] + 450 * kNs / 1000;
+    for (int i = 50; i < 100; ++i) caughtUp[i] = std::max(caughtUp[i], resumed);
+    SendPlan b = plan();
+    sent = runPlan(b, caughtUp, t0 + 120 * packetNs);
+    int silent = 0;
+    for (size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(sent[i].frame, int64_t(i) * 352);  // every slot, once, in order
+        if (sent[i].input < 0) {
+            ++silent;
+            EXPECT_GE(sent[i].atNs,
+                      b.timeline().playUnixNs(sent[i].frame) - SendPlan::kPadMarginNs);
+        } else {
+            EXPECT_EQ(sent[i].input, int(i));  // audio on its own slot, never shifted
+        }
+    }
+    EXPECT_GT(silent, 0);
+    EXPECT_LT(silent, 10);
+
+    // A 2 s stall: the app starts afresh, and what it writes then is heard
+    // its lead later, not straight after the audio before the stall.
+    std::vector<int64_t> stalled = steady;
+    for (int i = 50; i < 100; ++i) stalled[i] += 2 * kNs;
+    SendPlan c = plan();
+    sent = runPlan(c, stalled, stalled.back() + 2 * lead);
+    bool after = false;
+    for (const Sent& s : sent) {
+        if (s.input < 50) continue;
+        after = true;
+        EXPECT_NEAR(double(heardLead(c, s, stalled)), double(lead), double(packetNs) + 1e6)
+            << "input " << s.input;
+    }
+    EXPECT_TRUE(after);
+    for (size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(sent[i].frame, sent[i - 1].frame + 352);
 }
 
 }  // namespace

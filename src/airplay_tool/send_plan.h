@@ -1,0 +1,57 @@
+// Which packet goes out when. The receiver's time line runs by the clock, not
+// by the app's writes: a packet slot that comes due with no audio for it goes
+// out as silence, and audio that comes after a long stall is placed where the
+// app meant it, its lead after it was written, rather than straight after the
+// audio before it, where it would be heard early by the length of the stall.
+// Pure: the streamer's threads call it under their lock with the time.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+
+#include "airplay_tool/stream_timeline.h"
+
+namespace vt::airplay_tool {
+
+class SendPlan {
+  public:
+    // The app's pump starts afresh rather than catching up once it is this far
+    // behind; audio later than this was written after such a stall.
+    static constexpr int64_t kLateInputNs = 500'000'000;
+    // A slot with no audio this close to being heard goes out as silence.
+    static constexpr int64_t kPadMarginNs = 100'000'000;
+
+    // Frame 0 of `timeline` is the audio that arrived `leadNs` before it is heard.
+    SendPlan(StreamTimeline timeline, int64_t leadNs) : timeline_(timeline), leadNs_(leadNs) {}
+
+    // The frame a packet of input that arrived at `arrivalNs` is heard as, or
+    // none when its slot has already gone out as silence.
+    std::optional<int64_t> place(int64_t arrivalNs);
+
+    struct Step {
+        enum class Kind { wait, send, pad, drop } kind = Kind::wait;
+        int64_t untilNs = 0;  // for wait: when to look again at the latest
+    };
+    // What the sender does now, `queued` being the frame of the oldest packet
+    // waiting. send: that packet; pad: silence; drop: the packet's slot is gone.
+    Step next(int64_t nowNs, std::optional<int64_t> queued) const;
+    // The slot went out, with audio or silence.
+    void sent() { slot_ += kFramesPerSlot; }
+    // Slots before `frame` never go out (a pause passed over them).
+    void skipTo(int64_t frame) { slot_ = std::max(slot_, frame); }
+
+    int64_t slotFrame() const { return slot_; }
+    int64_t inputFrame() const { return input_; }
+    const StreamTimeline& timeline() const { return timeline_; }
+
+  private:
+    static constexpr int64_t kFramesPerSlot = 352;
+
+    StreamTimeline timeline_;
+    int64_t leadNs_;
+    int64_t input_ = 0;  // the frame the next packet of input is
+    int64_t slot_ = 0;   // the frame of the next slot to go out
+};
+
+}  // namespace vt::airplay_tool
