@@ -40,7 +40,7 @@ AppMixer::~AppMixer() {
 void AppMixer::start() {
     if (started_) return;
     started_ = true;
-    AppVolumes::restorePending(streams_, settings_);
+    volumes_.restorePending();
     std::weak_ptr<bool> alive = alive_;
     streams_.setChangeHandler([this, alive] {
         main_.post([this, alive] {

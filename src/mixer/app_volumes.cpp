@@ -30,7 +30,9 @@ AppVolumes::AppVolumes(AppStreams& streams, dispatch::MainQueue& main, settings:
 
 AppVolumes::~AppVolumes() = default;
 
-void AppVolumes::restorePending(AppStreams& streams, settings::Settings& settings) {
+void AppVolumes::restorePending() {
+    AppStreams& streams = streams_;
+    settings::Settings& settings = settings_;
     const nlohmann::json note = settings.value(settingsKey);
     if (note.is_null()) return;
     const auto present = byIndex(streams.streams());
@@ -51,8 +53,10 @@ void AppVolumes::restorePending(AppStreams& streams, settings::Settings& setting
             if (key.is_string()) streams.rememberVolume(key.get<std::string>(), original);
             // The same stream, still there: the index is the server's, and
             // is not reused while the server runs.
-            if (it != present.end() && original.size() == it->second.volume.size())
+            if (it != present.end() && original.size() == it->second.volume.size()) {
                 streams.setVolume(index, original);
+                givenBack_[index] = original;
+            }
         }
     }
     settings.removeValue(settingsKey);
@@ -93,7 +97,11 @@ void AppVolumes::streamsChanged() {
     for (auto it = held_.begin(); it != held_.end();) {
         auto p = present.find(it->first);
         if (p == present.end()) {
-            if (it->second.gain != 1.0) release(it->second);
+            if (it->second.gain != 1.0) {
+                release(it->second);
+                if (!it->second.restoreKey.empty())
+                    ended_[it->second.restoreKey] = {it->second.sent, it->second.original};
+            }
             it = held_.erase(it);
             changedNote = true;
             continue;
@@ -105,7 +113,7 @@ void AppVolumes::streamsChanged() {
         if (!h.ramping && !echo && !same(seen, h.sent)) {
             if (now - h.firstSeen < kSettleSeconds) {
                 // The server's kept volume, arriving late: the app's own.
-                h.original = seen;
+                h.original = ownVolume(h.restoreKey, seen);
                 send(it->first, h, h.gain);
             } else {
                 // The user's, and it stays as it is.
@@ -136,6 +144,8 @@ void AppVolumes::streamsChanged() {
             if (auto k = p->second.properties.find(kRestoreKeyProperty);
                 k != p->second.properties.end())
                 h.restoreKey = k->second;
+            h.original = ownVolume(h.restoreKey, h.original);
+            if (auto g = givenBack_.find(index); g != givenBack_.end()) h.original = g->second;
             it = held_.emplace(index, std::move(h)).first;
             // The original is on disk before the stream is turned down.
             persist();
@@ -149,6 +159,7 @@ void AppVolumes::streamsChanged() {
             startRamp(index, h, to);
     }
     std::erase_if(seenAt_, [&](const auto& e) { return !present.contains(e.first); });
+    std::erase_if(givenBack_, [&](const auto& e) { return !present.contains(e.first); });
     for (const auto& [index, s] : present) seenAt_.try_emplace(index, now);
     // Streams no longer wished for go back to their originals.
     for (auto& [index, h] : held_)
@@ -216,6 +227,13 @@ void AppVolumes::restoreAll() {
     wanted_.clear();
     streams_.settle();
     settings_.removeValue(settingsKey);
+}
+
+std::vector<RawVolume> AppVolumes::ownVolume(const std::string& restoreKey,
+                                             const std::vector<RawVolume>& seen) const {
+    auto it = ended_.find(restoreKey);
+    if (it != ended_.end() && same(seen, it->second.sent)) return it->second.original;
+    return seen;
 }
 
 void AppVolumes::release(const Held& h) {

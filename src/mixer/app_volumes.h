@@ -66,7 +66,9 @@ class AppVolumes {
 
     // What a run that died left turned down goes back to its original, for
     // every stream that is still there; the note is then cleared.
-    static void restorePending(AppStreams& streams, settings::Settings& settings);
+    // Until the server's echo arrives, the streams given back keep their
+    // originals here, so a gain applied at once starts from them.
+    void restorePending();
 
     // The whole wish: apps missing from it play at their own level.
     void apply(const GainTable& gains);
@@ -111,7 +113,19 @@ class AppVolumes {
     std::map<uint32_t, Held> held_;
     // Streams seen before: a stream new to us takes its gain at once (it
     // starts where it belongs), a playing one ramps.
-    std::map<uint32_t, double> seenAt_;  // when each stream was first seen
+    std::map<uint32_t, double> seenAt_;
+    // Streams that ended turned down, by restore key: the server may give
+    // our volume (`sent`) to the app's next stream before it has taken the
+    // original back, and then `original` is that stream's own.
+    struct Ended {
+        std::vector<RawVolume> sent;
+        std::vector<RawVolume> original;
+    };
+    std::map<std::string, Ended> ended_;
+    std::map<uint32_t, std::vector<RawVolume>> givenBack_;  // by stream, at launch
+    std::vector<RawVolume> ownVolume(
+        const std::string& restoreKey,
+        const std::vector<RawVolume>& seen) const;  // when each stream was first seen
     std::unique_ptr<dispatch::TimerHandle> rampTimer_;
 };
 

@@ -75,6 +75,13 @@ TEST_F(AppVolumesTest, AChangeMadeElsewhereBecomesTheOriginalAndNewStreamsGetThe
     streams.all.erase(3);  // ends while turned down
     volumes.streamsChanged();
     EXPECT_EQ(streams.stored["key3"], (std::vector<RawVolume>{50000, 50000}));
+    // The app's next stream, given our level by the server before it took
+    // the original back: its own is still the original.
+    const RawVolume ours = streams.fromLinear(0.5 * streams.toLinear(50000));
+    streams.add(4, {ours, ours});
+    streams.all[4].properties[kRestoreKeyProperty] = "key3";
+    volumes.apply({{"music", {{1, 4}, 0.5}}});
+    EXPECT_EQ(*volumes.originalOf(4), (std::vector<RawVolume>{50000, 50000}));
     volumes.restoreAll();
     EXPECT_NEAR(linear(1, 0), 2 * streams.toLinear(20000), 1e-4);
 }
@@ -89,7 +96,7 @@ TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{0, 0}));
     streams.stored.clear();  // the server kept ours
     settings::Settings reread(file);
-    AppVolumes::restorePending(streams, reread);
+    AppVolumes(streams, main, reread).restorePending();
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{40000, 30000}));
     EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
     EXPECT_EQ(streams.stored["key2"], (std::vector<RawVolume>{50000, 50000}));
