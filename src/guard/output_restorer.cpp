@@ -105,7 +105,7 @@ void OutputRestorer::prepareCaptureSink() {
     // Taken again after a restart: the system volume carries on as it was.
     if (made && owedName && systemVolume_ && capture.hasVolume) {
         backend_.setSinkVolume(capture.id, *systemVolume_);
-        heldCaptureVolume_ = HeldVolume{*systemVolume_, std::nullopt};
+        heldCaptureVolume_ = HeldVolume{*systemVolume_, std::nullopt, true};
     }
 }
 
@@ -157,14 +157,16 @@ void OutputRestorer::holdCaptureVolume(double now) {
     if (!heldCaptureVolume_) return;
     HeldVolume& held = *heldCaptureVolume_;
     if (!held.since) held.since = now;
-    if (!capture || now - *held.since > kCaptureVolumeHoldSeconds) {
+    const double window = held.afterRestart ? kRestartHoldSeconds : kCaptureVolumeHoldSeconds;
+    if (now - *held.since > window) {
         heldCaptureVolume_.reset();
         return;
     }
+    if (!capture) return;
     // Within a hundredth: the server rounds a volume to its own steps.
     if (std::fabs(capture->volumeScalar - held.scalar) <= kVolumeSameWithin) return;
     backend_.setSinkVolume(capture->id, held.scalar);
-    heldCaptureVolume_.reset();
+    if (!held.afterRestart) heldCaptureVolume_.reset();
 }
 
 void OutputRestorer::serverLost() {

@@ -60,12 +60,18 @@ class OutputRestorer {
     // sink of that name appears, after the copy switchToCaptureSink made.
     // Called on every telemetry tick while running: the first change within
     // `kCaptureVolumeHoldSeconds` of making the sink is put back to the copy,
-    // once; anything after that is the user's. It also notes the capture
+    // once; anything after that is the user's. After a restart WirePlumber
+    // starts beside the sound server and may apply its kept volume later and
+    // more than once, so a sink made again then is held longer, against
+    // every change (`kRestartHoldSeconds`). A tick that does not see the sink
+    // yet (the mirror follows the server a moment late) keeps the hold. It
+    // also notes the capture
     // sink's volume, the system volume, so that a capture sink made again
     // after the server restarted starts at it: the speaker it was copied
     // from may not be back yet, and the server's kept volume is stale.
     void holdCaptureVolume(double now);
     static constexpr double kCaptureVolumeHoldSeconds = 3.0;
+    static constexpr double kRestartHoldSeconds = 10.0;
 
     // The default sink is the capture sink.
     bool defaultIsCapture();
@@ -92,6 +98,7 @@ class OutputRestorer {
     struct HeldVolume {
         double scalar = 1;
         std::optional<double> since;  // the first tick that saw it
+        bool afterRestart = false;    // held for kRestartHoldSeconds, every change
     };
     std::optional<HeldVolume> heldCaptureVolume_;
     std::optional<double> systemVolume_;  // the capture sink's, at the last tick

@@ -68,9 +68,19 @@ TEST_F(OutputRestorerTest, ACaptureSinkMadeAgainAfterARestartKeepsTheSystemVolum
     restorer.serverLost();
     restorer.switchToCaptureSink();
     EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
-    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume
     restorer.holdCaptureVolume(10.0);
+    backend.removeSink("vellatone");  // a tick before the mirror shows it again
+    restorer.holdCaptureVolume(10.1);
+    backend.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
+    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume, late
+    restorer.holdCaptureVolume(14.0);
     EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+    backend.setSinkVolumeByUser("vellatone", 0.2);  // and once more
+    restorer.holdCaptureVolume(15.0);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+    backend.setSinkVolumeByUser("vellatone", 0.5);
+    restorer.holdCaptureVolume(10.0 + OutputRestorer::kRestartHoldSeconds + 0.1);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.5, 1e-9) << "the user's, later";
     EXPECT_EQ(settings->pendingRestoreUID(), "speakers") << "still owed";
 }
 
