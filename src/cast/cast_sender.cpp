@@ -12,6 +12,7 @@
 
 #include "cast/cast_stream_server.h"
 #include "cast/local_address.h"
+#include "cast/sender_ending.h"
 #include "cast/tls_cast_connection.h"
 #include "cast/wav_stream.h"
 #include "dispatch/clock.h"
@@ -511,17 +512,7 @@ void CastSender::finish(bool stopTV, std::function<void()> then) {
     for (auto& timer : timers_) timer->cancel();
     timers_.clear();
     parts_.stream->stop();
-    if (channel_ && stopTV && sessionID_) {
-        const std::weak_ptr<CastChannel> weak = channel_;
-        const auto closeChannel = [weak] {
-            if (auto channel = weak.lock()) channel->close();
-        };
-        channel_->send(kReceiverID, kReceiverNamespace,
-                       {{"type", "STOP"}, {"sessionId", *sessionID_}}, closeChannel);
-        timers_.push_back(queue_.postAfter(kStopWriteWaitSeconds, closeChannel));
-    } else if (channel_) {
-        channel_->close();
-    }
+    endChannel(channel_, sessionID_, stopTV, queue_, kStopWriteWaitSeconds, timers_);
     if (then) then();
 }
 
@@ -529,27 +520,13 @@ void CastSender::stop() {
     if (queue_.isMainThread()) {
         finish(true);
     } else {
-        struct Done {
-            std::mutex lock;
-            std::condition_variable signal;
-            bool done = false;
-        };
-        auto done = std::make_shared<Done>();
         const std::weak_ptr<CastSender> weak = weak_from_this();
-        queue_.post([weak, done] {
-            const auto signal = [done] {
-                std::lock_guard lock(done->lock);
-                done->done = true;
-                done->signal.notify_all();
-            };
+        runAndWait(queue_, kStopWaitSeconds, [weak](std::function<void()> done) {
             if (auto self = weak.lock())
-                self->finish(true, signal);
+                self->finish(true, std::move(done));
             else
-                signal();
+                done();
         });
-        std::unique_lock lock(done->lock);
-        done->signal.wait_for(lock, std::chrono::duration<double>(kStopWaitSeconds),
-                              [&] { return done->done; });
     }
     report({CastStatus::Kind::stopped, {}});
 }

@@ -1,14 +1,12 @@
 #include "cast/cast_sync_sender.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <random>
 
 #include "cast/local_address.h"
+#include "cast/sender_ending.h"
 #include "cast/tls_cast_connection.h"
 #include "sendspin/lead.h"
 #include "sendspin/protocol.h"
@@ -393,17 +391,7 @@ void CastSyncSender::finish(bool stopTV, std::function<void()> then) {
     timers_.clear();
     stream_->stopPump();
     parts_.endpoint->stop();
-    if (channel_ && stopTV && sessionID_) {
-        const std::weak_ptr<CastChannel> weak = channel_;
-        const auto closeChannel = [weak] {
-            if (auto channel = weak.lock()) channel->close();
-        };
-        channel_->send(kReceiverID, kReceiverNamespace,
-                       {{"type", "STOP"}, {"sessionId", *sessionID_}}, closeChannel);
-        timers_.push_back(queue_.postAfter(kStopWriteWaitSeconds, closeChannel));
-    } else if (channel_) {
-        channel_->close();
-    }
+    endChannel(channel_, sessionID_, stopTV, queue_, kStopWriteWaitSeconds, timers_);
     if (then) then();
 }
 
@@ -411,27 +399,13 @@ void CastSyncSender::stop() {
     if (queue_.isMainThread()) {
         finish(true);
     } else {
-        struct Done {
-            std::mutex lock;
-            std::condition_variable signal;
-            bool done = false;
-        };
-        auto done = std::make_shared<Done>();
         const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-        queue_.post([weak, done] {
-            const auto signal = [done] {
-                std::lock_guard lock(done->lock);
-                done->done = true;
-                done->signal.notify_all();
-            };
+        runAndWait(queue_, kStopWaitSeconds, [weak](std::function<void()> done) {
             if (auto self = weak.lock())
-                self->finish(true, signal);
+                self->finish(true, std::move(done));
             else
-                signal();
+                done();
         });
-        std::unique_lock lock(done->lock);
-        done->signal.wait_for(lock, std::chrono::duration<double>(kStopWaitSeconds),
-                              [&] { return done->done; });
     }
     // Past any de-duplication: the supervisor counts on the last word.
     const std::weak_ptr<CastSyncSender> weak = weak_from_this();
