@@ -445,26 +445,30 @@ bool PulseBackend::unloadModule(uint32_t index) {
 StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t rate,
                                        CaptureCallback proc, void* clientData) {
     rate = rate ? rate : 48000;
-    StreamResult result =
-        pulse::openRecordStream(captureLoop(), sourceName, rate, proc, clientData);
-    if (!result.stream) return result;
     // See sink_lead.h: on PulseAudio, a sink we record keeps a short lead.
+    // Its clock is restarted before the record stream exists, so that the
+    // recording starts on the new clock rather than with a jump in it.
+    std::unique_ptr<Stream> companion;
     auto control = this->control();
     std::optional<SinkInfo> sink;
     bool othersPlay = false;
+    bool pipewire = false;
     {
         std::lock_guard mirror(mirrorMutex_);
-        if (serverName_.find("PipeWire") != std::string::npos) return result;
+        pipewire = serverName_.find("PipeWire") != std::string::npos;
         for (const auto& [index, info] : sinks_)
             if (info.monitorSource == sourceName) sink = info;
-        if (!sink) return result;
-        for (const auto& [index, input] : inputs_)
-            if (input.sink == sink->id && !input.ours) othersPlay = true;
+        if (sink)
+            for (const auto& [index, input] : inputs_)
+                if (input.sink == sink->id && !input.ours) othersPlay = true;
     }
-    if (!canWrite(control)) return result;
-    result.stream = pulse::withCompanion(
-        std::move(result.stream),
-        pulse::holdShortSinkLead(audio(), *control, sink->id, sink->name, rate, !othersPlay));
+    if (!pipewire && sink && canWrite(control))
+        companion =
+            pulse::holdShortSinkLead(audio(), *control, sink->id, sink->name, rate, !othersPlay);
+    StreamResult result =
+        pulse::openRecordStream(captureLoop(), sourceName, rate, proc, clientData);
+    if (!result.stream) return result;
+    result.stream = pulse::withCompanion(std::move(result.stream), std::move(companion));
     return result;
 }
 
