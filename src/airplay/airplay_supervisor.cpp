@@ -221,6 +221,14 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         }
         if (stored) hooks_.setRoute(id, std::nullopt);
         exhausted_.insert(slot);
+        // The sender goes now, so that the tool's exit after the refusal is
+        // not taken for an ordinary failure (retried without a password) and
+        // the row keeps saying what it needs.
+        if (auto it = senders_.find(slot); it != senders_.end()) {
+            auto sender = std::move(it->second);
+            senders_.erase(it);
+            sender->stop();
+        }
         hooks_.connectingChanged(slot, false);
         hooks_.askPassword(slot);
         return;
