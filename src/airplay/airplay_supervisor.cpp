@@ -284,8 +284,20 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         case Kind::clockStalled:
             ordinaryFailure(slot, id);
             return;
+        case Kind::forbidden: {
+            // Only the user can change this (the notice's Try again): the
+            // sender goes now, so that the tool's exit after the refusal is
+            // not retried as an ordinary failure and the row keeps saying why.
+            exhausted_.insert(slot);
+            if (auto it = senders_.find(slot); it != senders_.end()) {
+                auto sender = std::move(it->second);
+                senders_.erase(it);
+                sender->stop();
+            }
+            hooks_.connectingChanged(slot, false);
+            return;
+        }
         case Kind::authRequired:
-        case Kind::forbidden:
         default:
             return;
     }
