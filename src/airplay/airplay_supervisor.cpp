@@ -121,6 +121,20 @@ void AirPlaySupervisor::stopSender(int slot) {
     hooks_.latencyChanged(slot, 0);
 }
 
+void AirPlaySupervisor::waitForUser(int slot) {
+    exhausted_.insert(slot);
+    // The sender goes now, so that whatever it says afterwards (the tool's
+    // exit after a refusal) is neither retried as an ordinary failure nor
+    // put over the status; the key and the status stay, so that the row
+    // keeps saying why.
+    if (auto it = senders_.find(slot); it != senders_.end()) {
+        auto sender = std::move(it->second);
+        senders_.erase(it);
+        sender->stop();
+    }
+    hooks_.connectingChanged(slot, false);
+}
+
 void AirPlaySupervisor::stopAll() {
     std::vector<int> slots;
     for (const auto& [slot, id] : key_) slots.push_back(slot);
@@ -220,16 +234,7 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
             return;
         }
         if (stored) hooks_.setRoute(id, std::nullopt);
-        exhausted_.insert(slot);
-        // The sender goes now, so that the tool's exit after the refusal is
-        // not taken for an ordinary failure (retried without a password) and
-        // the row keeps saying what it needs.
-        if (auto it = senders_.find(slot); it != senders_.end()) {
-            auto sender = std::move(it->second);
-            senders_.erase(it);
-            sender->stop();
-        }
-        hooks_.connectingChanged(slot, false);
+        waitForUser(slot);
         hooks_.askPassword(slot);
         return;
     }
@@ -240,15 +245,7 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         statuses_[slot] = status;
         hooks_.statusChanged(slot, status, false);
         if (!keepTrying_.count(slot) && count > approvalTriesBeforeGivingUp) {
-            exhausted_.insert(slot);
-            // The key and the status stay, so that the row keeps saying why.
-            auto it = senders_.find(slot);
-            if (it != senders_.end()) {
-                auto sender = std::move(it->second);
-                senders_.erase(it);
-                sender->stop();
-            }
-            hooks_.connectingChanged(slot, false);
+            waitForUser(slot);
             return;
         }
         const double wait =
@@ -284,19 +281,9 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         case Kind::clockStalled:
             ordinaryFailure(slot, id);
             return;
-        case Kind::forbidden: {
-            // Only the user can change this (the notice's Try again): the
-            // sender goes now, so that the tool's exit after the refusal is
-            // not retried as an ordinary failure and the row keeps saying why.
-            exhausted_.insert(slot);
-            if (auto it = senders_.find(slot); it != senders_.end()) {
-                auto sender = std::move(it->second);
-                senders_.erase(it);
-                sender->stop();
-            }
-            hooks_.connectingChanged(slot, false);
+        case Kind::forbidden:
+            waitForUser(slot);  // only the notice's Try again changes a refusal
             return;
-        }
         case Kind::authRequired:
         default:
             return;

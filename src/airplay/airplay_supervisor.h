@@ -74,6 +74,8 @@ class AirPlaySupervisor {
     void reconcile();
     void stopAll();
     void stopSender(int slot);
+    // Given up until the user acts (a password, Try again): see the .cpp.
+    void waitForUser(int slot);
     // A row at `slot` was removed and the later rows moved up.
     void rebuild(int removedSlot);
     // The user's "try again": no limit on tries until it has once played.
