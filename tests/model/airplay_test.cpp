@@ -64,7 +64,11 @@ TEST_F(AirPlayModelTest, StartPlaysTheRowAndItsLagReachesTheSubtitleAndTheDelays
     EXPECT_EQ(m.meta(kitchen()), "AirPlay");
     EXPECT_FALSE(m.airplay()->hasSender(1));  // nothing plays before Start
     m.startStop();
-    ASSERT_TRUE(waitFor([&] { return kitchen().streamLatencyMs > 0; }));
+    // The tool's lines reach the model one task each: wait for the last one.
+    ASSERT_TRUE(waitFor([&] {
+        return kitchen().streamLatencyMs > 0 && kitchen().airplayStatus &&
+               kitchen().airplayStatus->kind == Kind::streaming;
+    }));
     EXPECT_TRUE(kitchen().connected);
     EXPECT_EQ(m.meta(kitchen()), "AirPlay · streaming · 2.2 s lag, auto-synced");
     // The speaker is held back by the receiver's lag.
