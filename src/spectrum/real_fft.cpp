@@ -9,14 +9,10 @@
 
 namespace vt::spectrum {
 
-namespace {
-
-std::mutex& planLock() {
+std::mutex& fftwPlanLock() {
     static std::mutex lock;
     return lock;
 }
-
-}  // namespace
 
 RealFft::RealFft(std::size_t size) : size_(size) {
     if (size < 2 || size % 2 != 0) throw std::invalid_argument("transform size must be even");
@@ -30,7 +26,7 @@ RealFft::RealFft(std::size_t size) : size_(size) {
     {
         // FFTW_ESTIMATE leaves the arrays alone while planning and plans in
         // microseconds, so a window can make analysers as it goes.
-        std::lock_guard guard(planLock());
+        std::lock_guard guard(fftwPlanLock());
         plan_ = fftwf_plan_dft_r2c_1d(static_cast<int>(size), in_, out, FFTW_ESTIMATE);
     }
     if (plan_ == nullptr) {
@@ -66,7 +62,7 @@ void RealFft::run() {
 
 void RealFft::release() {
     if (plan_ != nullptr) {
-        std::lock_guard guard(planLock());
+        std::lock_guard guard(fftwPlanLock());
         fftwf_destroy_plan(static_cast<fftwf_plan>(plan_));
         plan_ = nullptr;
     }

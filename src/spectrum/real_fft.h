@@ -6,9 +6,14 @@
 
 #include <complex>
 #include <cstddef>
+#include <mutex>
 #include <span>
 
 namespace vt::spectrum {
+
+// Held while making or destroying any FFTW plan in the program, which FFTW
+// does not allow from two threads at once.
+std::mutex& fftwPlanLock();
 
 class RealFft {
   public:
