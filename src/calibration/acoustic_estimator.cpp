@@ -155,18 +155,16 @@ std::optional<Measurement> relativeLatency(std::span<const float> sound,
                                            std::span<const float> referenceRecording,
                                            std::span<const float> outputRecording,
                                            double sampleRate, std::optional<FrequencyBand> band) {
-    auto locate = [&](std::span<const float> recording) -> std::optional<Arrival> {
-        if (!band) return arrival(sound, recording, sampleRate);
-        const auto found = detectNearPeak(sound, recording, sampleRate, *band);
-        if (!found) return std::nullopt;
-        return Arrival{found->seconds, found->spreadMs};
+    auto locate = [&](std::span<const float> recording) -> std::optional<Detection> {
+        if (!band) return detect(sound, recording, sampleRate);
+        return detectNearPeak(sound, recording, sampleRate, *band);
     };
     const auto reference = locate(referenceRecording);
     const auto output = locate(outputRecording);
     if (!reference || !output) return std::nullopt;
     const double spread = std::max(reference->spreadMs, output->spreadMs);
     return Measurement{(output->seconds - reference->seconds) * 1000.0, spread,
-                       spread <= trustedSpreadMs};
+                       spread <= trustedSpreadMs, std::min(reference->strength, output->strength)};
 }
 
 }  // namespace vt::calibration::AcousticEstimator

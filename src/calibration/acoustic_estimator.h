@@ -48,6 +48,7 @@ struct Measurement {
     double latencyMs = 0;
     double reflectionSpreadMs = 0;  // the larger of the two spreads
     bool trusted = false;           // both arrivals look like a speaker, not a room
+    float strength = 0;             // the weaker of the two peaks over its median
 };
 
 // The generalised cross-correlation with phase transform, one value per lag
@@ -70,7 +71,7 @@ std::optional<Detection> detectNearPeak(std::span<const float> reference,
                                         std::span<const float> recording, double sampleRate,
                                         FrequencyBand band);
 
-// With a band through detectNearPeak, without one through arrival. Nothing
+// With a band through detectNearPeak, without one through detect. Nothing
 // when either recording gives nothing.
 std::optional<Measurement> relativeLatency(std::span<const float> sound,
                                            std::span<const float> referenceRecording,
