@@ -5,6 +5,7 @@
 //       [--latency MS] [--timing ptp|ntp] [--dacp ID] [--activeremote N]
 //       [--volume 0-100] [--password P] [--encrypt|--raw] [--et/--md/--am/--pw/--cn TXT]
 //       --cmdpipe FIFO HOST
+//   vellatone-airplay --ptp-daemon [--if ADDRESS] [--dacp ID]
 //
 // Vellatone launches one per AirPlay output. PCM (s16le, or s32le with
 // --bitdepth 24) arrives on standard input once ACTION=START has been sent on
@@ -18,16 +19,23 @@
 // With START_UNIX_MS=0 an AirPlay 1 receiver hears the first sample 1.5 s
 // after it was read (the lead in "[STATUS] latency lead_ms="); the
 // environment variable CLIAIRPLAY_RAOP_LEAD_MS sets another, 250 to 5000.
+//
+// With --ptp-daemon it is instead the one PTP clock that every AirPlay 2
+// sender shares (ptp/ptp_daemon.h), following a receiver's clock when
+// CLIAIRPLAY_PTP_FOLLOW=1; it needs the privilege to bind UDP 319 and 320.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "airplay_tool/command_parser.h"
+#include "airplay_tool/ptp/ptp_daemon.h"
+#include "airplay_tool/ptp/ptp_shared.h"
 #include "airplay_tool/route.h"
 #include "airplay_tool/status_writer.h"
 #include "airplay_tool/tool_options.h"
@@ -66,6 +74,13 @@ int main(int argc, char** argv) {
 
     // Blocked before any thread starts, so every thread leaves the signals to the descriptor.
     const int signals = signalDescriptor();
+    if (options.ptpDaemon) {
+        const char* follow = std::getenv("CLIAIRPLAY_PTP_FOLLOW");
+        const ptp::PtpDaemonOptions daemon{options.bindInterface, options.dacpID,
+                                           follow && std::string(follow) == "1",
+                                           ptp::defaultSharedSocketPath()};
+        return ptp::runPtpDaemon(daemon, status, signals);
+    }
     int commands = -1;
     if (!options.cmdPipe.empty()) {
         // Read-write, so that the pipe never reads as ended between two writers.

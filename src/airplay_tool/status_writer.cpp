@@ -92,6 +92,10 @@ void StatusWriter::error(const std::string& code, int http, const std::string& d
     write(errFd_, "[ERROR] " + oneLine(detail));
 }
 
+void StatusWriter::ptpClock(const std::string& fields) {
+    write(errFd_, "[STATUS] ptp_clock " + oneLine(fields));
+}
+
 void StatusWriter::debug(const std::string& text) {
     write(errFd_, "[debug] " + oneLine(text));
 }

@@ -18,6 +18,9 @@ inline constexpr const char* startFailed = "start_failed";
 inline constexpr const char* disconnected = "disconnected";
 inline constexpr const char* badArguments = "bad_arguments";
 inline constexpr const char* unsupported = "unsupported";
+// The PTP daemon could not take its ports: no privilege, or another holds them.
+inline constexpr const char* ptpNoPrivilege = "ptp_no_privilege";
+inline constexpr const char* ptpPorts = "ptp_ports";
 }  // namespace error_code
 
 class StatusWriter {
@@ -40,6 +43,8 @@ class StatusWriter {
     // `[STATUS] error code=... http=... detail="..."` and then `[ERROR] detail`.
     // http is 0 when no HTTP answer was involved.
     void error(const std::string& code, int http, const std::string& detail);
+    // `[STATUS] ptp_clock <fields>`: the shared PTP clock's mode and state.
+    void ptpClock(const std::string& fields);
     void debug(const std::string& text);
 
     static std::string errorLine(const std::string& code, int http, const std::string& detail);

@@ -112,6 +112,7 @@ ParsedOptions parseToolOptions(const std::vector<std::string>& args) {
     };
     const std::map<std::string, bool*> flags = {
         {"--ptp-shared", &o.ptpShared},
+        {"--ptp-daemon", &o.ptpDaemon},
         {"--encrypt", &o.forceEncrypt},
         {"--raw", &o.forceRaw},
     };
@@ -131,6 +132,8 @@ ParsedOptions parseToolOptions(const std::vector<std::string>& args) {
         if (arg.size() > 1 && arg[0] == '-') return {std::nullopt, "unknown option " + arg};
         positional.push_back(arg);
     }
+    // The daemon serves every receiver, so it is given none.
+    if (o.ptpDaemon && positional.empty()) return {o, ""};
     if (positional.size() != 1) return {std::nullopt, "exactly one receiver host is needed"};
     if (o.forceEncrypt && o.forceRaw)
         return {std::nullopt, "--encrypt and --raw exclude each other"};

@@ -30,6 +30,7 @@ struct ToolOptions {
     std::string bindInterface;
     std::string publishIP;
     bool ptpShared = false;
+    bool ptpDaemon = false;  // run the shared PTP clock instead of streaming
     bool forceEncrypt = false;
     bool forceRaw = false;
     // The receiver's TXT fields when the caller knows them.

@@ -1,0 +1,169 @@
+// The PTP clock's pieces without sockets: the wire format read back and
+// refused when malformed, the grandmaster's answers, a follower's offset on a
+// clock that runs apart from the master's, and the shared socket's lines.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include "airplay_tool/ptp/ptp_follower.h"
+#include "airplay_tool/ptp/ptp_grandmaster.h"
+#include "airplay_tool/ptp/ptp_message.h"
+#include "airplay_tool/ptp/ptp_shared.h"
+
+using namespace vt::airplay_tool::ptp;
+
+namespace {
+
+constexpr int64_t second = 1'000'000'000;
+
+TEST(PtpMessage, EveryMessageTheClockSendsReadsBackAsItWas) {
+    Grandmaster gm(clockIdentityFor("AA:BB:CC:DD:EE:FF"));
+    Message request;
+    request.type = MessageType::delayReq;
+    request.transportSpecific = 1;
+    request.source = {clockIdentityFor("0123456789abcdef"), 7};
+    request.sequenceId = 513;
+    request.correction = -5 * 65536;
+    const Message sync = gm.sync();
+    for (const Message& m : {gm.announce(1'700'000'000 * second + 5), sync,
+                             gm.followUp(sync, 1'700'000'000 * second + 999'999'999),
+                             *gm.answer(request, 42 * second + 1), request}) {
+        const auto bytes = encodeMessage(m);
+        EXPECT_EQ(bytes.size(), headerBytes + *bodyBytes(m.type));
+        const auto back = parseMessage(bytes);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(*back, m);
+    }
+    // The identity a MAC-shaped device id gives is its EUI-64.
+    EXPECT_EQ(clockIdentityText(gm.port().clock), "aabbccfffeddeeff");
+    const auto sent = encodeMessage(sync);
+    EXPECT_EQ(sent[0], 0x10);  // 802.1AS transportSpecific, Sync
+    EXPECT_EQ(sent[6], 0x02);  // two-step
+}
+
+TEST(PtpMessage, MalformedDatagramsAreRefused) {
+    Grandmaster gm(clockIdentityFor("x"));
+    const auto good = encodeMessage(*gm.answer(
+        [] {
+            Message r;
+            r.type = MessageType::delayReq;
+            return r;
+        }(),
+        second));
+    auto broken = [&](auto change) {
+        auto bytes = good;
+        change(bytes);
+        return parseMessage(bytes);
+    };
+    EXPECT_FALSE(parseMessage({}));
+    EXPECT_FALSE(broken([](auto& b) { b.resize(headerBytes - 1); }));
+    EXPECT_FALSE(broken([](auto& b) { b.resize(b.size() - 1); }));  // shorter than it says
+    EXPECT_FALSE(broken([](auto& b) { b[1] = 1; }));                // PTP version 1
+    EXPECT_FALSE(broken([](auto& b) { b[0] = 0x0E; }));             // no such type
+    EXPECT_FALSE(broken([](auto& b) { b[3] = 40; }));     // a length too short for its body
+    EXPECT_FALSE(broken([](auto& b) { b[40] = 0xFF; }));  // 10^9 nanoseconds or more
+    // Longer than it says is fine (padding); a type without a body we read is header only.
+    EXPECT_TRUE(broken([](auto& b) { b.push_back(0); }));
+    const auto other = broken([](auto& b) { b[0] = 0x0D; });
+    ASSERT_TRUE(other);
+    EXPECT_EQ(other->type, MessageType::management);
+}
+
+TEST(PtpGrandmaster, AnswersOnlyDelayRequestsOfItsDomain) {
+    Grandmaster gm(clockIdentityFor("AA:BB:CC:DD:EE:FF"));
+    Message request;
+    request.type = MessageType::delayReq;
+    request.source = {clockIdentityFor("follower"), 1};
+    request.sequenceId = 9;
+    const auto reply = gm.answer(request, 7 * second + 3);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->requesting, request.source);
+    EXPECT_EQ(reply->sequenceId, 9);
+    EXPECT_EQ(reply->timestamp.toNs(), 7 * second + 3);
+    request.domain = 1;
+    EXPECT_FALSE(gm.answer(request, second));
+    request.domain = 0;
+    request.type = MessageType::sync;
+    EXPECT_FALSE(gm.answer(request, second));
+}
+
+// A master whose clock is `offset` ahead of ours, `path` away each way.
+struct Link {
+    Grandmaster master{clockIdentityFor("11:22:33:44:55:66")};
+    Follower follower{{clockIdentityFor("AA:BB:CC:DD:EE:FF"), 1}, 0};
+    int64_t offset = 0, path = 0, ours = 0;
+
+    void exchange() {
+        ours += second / 8;
+        follower.receive(master.announce(ours + offset), ours + path);
+        const Message sync = master.sync();
+        const int64_t t1 = ours + offset;
+        follower.receive(sync, ours + path);
+        follower.receive(master.followUp(sync, t1), ours + path);
+        if (auto request = follower.delayRequest(ours + path)) {
+            const int64_t t3 = ours + path;
+            follower.delayRequestSent(request->sequenceId, t3);
+            follower.receive(*master.answer(*request, t3 + path + offset), t3 + 2 * path);
+        }
+    }
+};
+
+TEST(PtpFollower, FindsTheMastersOffsetAndStallsWhenItFallsSilent) {
+    Link link;
+    link.offset = 3 * second + 12'345;
+    link.path = 40'000;
+    EXPECT_EQ(link.follower.state(0), ClockState::probing);
+    for (int i = 0; i < 3; ++i) link.exchange();
+    EXPECT_EQ(link.follower.state(link.ours), ClockState::probing);
+    for (int i = 0; i < 40; ++i) link.exchange();
+    EXPECT_EQ(link.follower.state(link.ours), ClockState::ready);
+    ASSERT_TRUE(link.follower.offsetNs());
+    EXPECT_EQ(*link.follower.offsetNs(), link.offset);
+    EXPECT_EQ(*link.follower.meanPathDelayNs(), link.path);
+    EXPECT_EQ(*link.follower.master(), link.master.port().clock);
+    EXPECT_EQ(link.follower.state(link.ours + Follower::stallNs + second), ClockState::stalled);
+    // A master never heard at all stalls as well.
+    Follower lonely({clockIdentityFor("a"), 1}, 0);
+    EXPECT_EQ(lonely.state(Follower::stallNs + 1), ClockState::stalled);
+}
+
+TEST(PtpFollower, IgnoresOtherClocksAndUnmatchedAnswers) {
+    Link link;
+    link.offset = second;
+    for (int i = 0; i < 20; ++i) link.exchange();
+    const int64_t before = *link.follower.offsetNs();
+    // Another master's Sync pair, and a Delay_Resp meant for someone else.
+    Grandmaster stranger(clockIdentityFor("66:55:44:33:22:11"));
+    const Message sync = stranger.sync();
+    for (int i = 0; i < 10; ++i) {
+        link.follower.receive(sync, link.ours);
+        link.follower.receive(stranger.followUp(sync, 0), link.ours);
+        Message request;
+        request.type = MessageType::delayReq;
+        request.source = {clockIdentityFor("someone"), 1};
+        link.follower.receive(*link.master.answer(request, 0), link.ours);
+    }
+    EXPECT_EQ(*link.follower.offsetNs(), before);
+}
+
+TEST(PtpShared, LinesReadBackAndBadOnesAreRefused) {
+    SharedStatus s{"0123456789abcdef", -81985529216486896, "follow", "ready", -12, 2, true};
+    EXPECT_EQ(parseSharedStatus(sharedStatusLine(s) + "\n"), s);
+    EXPECT_EQ(parseSharedStatus(sharedStatusLine(s) + " future=1"), s);
+    for (const char* bad :
+         {"", "clock_id=0123 state=ready", "clock_id=0123456789abcdef",
+          "clock_id=0123456789ABCDEF state=ready", "clock_id=0123456789abcdef state=odd",
+          "clock_id=0123456789abcdef state=ready offset_ns=1x",
+          "clock_id=0123456789abcdef state=ready peers=-1", "noequals state=ready"})
+        EXPECT_FALSE(parseSharedStatus(bad)) << bad;
+    EXPECT_FALSE(parseSharedStatus(std::string(sharedLineBytes + 1, ' ')));
+
+    auto request = parseSharedRequest("R 10.78.0.2\n");
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->kind, SharedRequest::Kind::addPeer);
+    EXPECT_EQ(sharedRequestLine(*request), "R 10.78.0.2");
+    EXPECT_EQ(parseSharedRequest("?")->kind, SharedRequest::Kind::status);
+    for (const char* bad : {"", "R", "R10.0.0.1", "R 10.0.0", "X 10.0.0.1", "? 999.1.1.1"})
+        EXPECT_FALSE(parseSharedRequest(bad)) << bad;
+}
+
+}  // namespace
