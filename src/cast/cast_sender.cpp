@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "cast/cast_stream_server.h"
+#include "cast/json_fields.h"
 #include "cast/local_address.h"
-#include "cast/sender_ending.h"
 #include "cast/tls_cast_connection.h"
 #include "cast/wav_stream.h"
 #include "dispatch/clock.h"
@@ -29,24 +29,6 @@ constexpr size_t kPumpStackBytes = 512 * 1024;
 constexpr double kPumpExitWaitSeconds = 0.05;
 constexpr int kPumpDebugEvery = 200;
 constexpr int kMusicTrackMetadata = 3;
-
-std::optional<double> number(const nlohmann::json& object, const char* key) {
-    const auto it = object.find(key);
-    if (it == object.end() || !it->is_number()) return std::nullopt;
-    return it->get<double>();
-}
-
-std::optional<int64_t> integer(const nlohmann::json& object, const char* key) {
-    const auto it = object.find(key);
-    if (it == object.end() || !it->is_number_integer()) return std::nullopt;
-    return it->get<int64_t>();
-}
-
-std::string text(const nlohmann::json& object, const char* key) {
-    const auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) return {};
-    return it->get<std::string>();
-}
 
 std::string formatted(const char* format, std::optional<double> value) {
     if (!value) return "-";
@@ -86,10 +68,8 @@ std::shared_ptr<CastSender> CastSender::make(CastTarget target, Render render,
 
 CastSender::CastSender(CastTarget target, Render render, dispatch::MainQueue& queue,
                        dispatch::MainQueue& mainQueue, Parts parts)
-    : target_(std::move(target)),
+    : CastSenderBase(std::move(target), queue, mainQueue),
       render_(std::move(render)),
-      queue_(queue),
-      mainQueue_(mainQueue),
       parts_(std::move(parts)) {
     if (!parts_.connect) {
         parts_.connect = [](const std::string& host, uint16_t port) {
@@ -107,45 +87,16 @@ CastSender::~CastSender() {
     parts_.stream->stop();
 }
 
-template <typename F>
-void CastSender::later(double seconds, F task) {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
-    timers_.push_back(queue_.postAfter(seconds, [weak, task = std::move(task)] {
-        if (auto self = weak.lock()) task(*self);
-    }));
-}
-
-void CastSender::report(CastStatus status) {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
-    mainQueue_.post([weak, status = std::move(status)] {
-        if (auto self = weak.lock())
-            if (self->onStatus) self->onStatus(status);
-    });
-}
-
 void CastSender::publish(double seconds) {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
+    const std::weak_ptr<CastSender> weak = selfAs<CastSender>();
     mainQueue_.post([weak, ms = seconds * 1000.0] {
         if (auto self = weak.lock())
             if (self->onLatency) self->onLatency(ms);
     });
 }
 
-void CastSender::start() {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
-    queue_.post([weak] {
-        if (auto self = weak.lock()) self->begin();
-    });
-}
-
 void CastSender::begin() {
-    if (started_ || ended_) return;
-    started_ = true;
-    if (!target_.host) {
-        report(CastStatus::failed("unresolved host"));
-        return;
-    }
-    const std::weak_ptr<CastSender> weak = weak_from_this();
+    const std::weak_ptr<CastSender> weak = selfAs<CastSender>();
     parts_.stream->setOnStreamClient([weak, &queue = queue_] {
         queue.post([weak] {
             if (auto self = weak.lock()) self->streamFetched();
@@ -161,26 +112,8 @@ void CastSender::begin() {
     report({CastStatus::Kind::connecting, {}});
     if (parts_.pump) startPump();
 
-    const auto port = static_cast<uint16_t>(std::clamp(target_.port, 0, 65535));
-    channel_ = CastChannel::make(parts_.connect(*target_.host, port), queue_);
-    channel_->start({
-        .onReady =
-            [weak] {
-                if (auto self = weak.lock()) self->channelReady();
-            },
-        .onMessage =
-            [weak](const CastMessage& m) {
-                if (auto self = weak.lock()) self->handle(m);
-            },
-        .onLost =
-            [weak](const std::string& reason) {
-                auto self = weak.lock();
-                if (!self || !self->running()) return;
-                self->report(CastStatus::failed(reason));
-                self->finish(false);
-            },
-    });
-    later(kLaunchLimitSeconds, [](CastSender& self) {
+    openChannel(parts_.connect, std::string(kMediaReceiverAppID));
+    later<CastSender>(kLaunchLimitSeconds, [](CastSender& self) {
         if (self.running() && !self.loadSent_) {
             self.report(CastStatus::failed("the TV did not start its player"));
             self.finish(true);
@@ -188,21 +121,8 @@ void CastSender::begin() {
     });
 }
 
-void CastSender::channelReady() {
-    if (!running()) return;
-    channel_->send(kReceiverID, kConnectionNamespace,
-                   {{"type", "CONNECT"}, {"origin", nlohmann::json::object()}});
-    launchRequestID_ = channel_->send(kReceiverID, kReceiverNamespace,
-                                      {{"type", "LAUNCH"}, {"appId", kMediaReceiverAppID}});
-}
-
-void CastSender::handle(const CastMessage& message) {
-    if (ended_) return;
-    const nlohmann::json json = message.json();
-    const std::string type = text(json, "type");
-    if (type == "RECEIVER_STATUS") {
-        receiverStatus(json);
-    } else if (type == "LAUNCH_ERROR") {
+void CastSender::handle(const CastMessage&, const nlohmann::json& json, const std::string& type) {
+    if (type == "LAUNCH_ERROR") {
         std::string reason = text(json, "reason");
         if (reason.empty()) reason = "refused";
         report(CastStatus::failed("the TV would not start its player (" + reason + ")"));
@@ -218,43 +138,6 @@ void CastSender::handle(const CastMessage& message) {
         } else if (loadSent_ && !mediaSessionID_ && (!requestID || requestID == loadRequestID_)) {
             loadFailed();
         }
-    } else if (type == "CLOSE" && transportID_ && message.source == *transportID_) {
-        if (running()) {
-            report({CastStatus::Kind::replaced, {}});
-            finish(false);
-        }
-    }
-}
-
-void CastSender::receiverStatus(const nlohmann::json& json) {
-    const auto status = json.find("status");
-    nlohmann::json applications = nlohmann::json::array();
-    if (status != json.end() && status->is_object()) {
-        const auto list = status->find("applications");
-        if (list != status->end() && list->is_array()) applications = *list;
-    }
-    if (!transportID_ && launchRequestID_) {
-        for (const auto& app : applications) {
-            if (!app.is_object() || text(app, "appId") != kMediaReceiverAppID) continue;
-            const std::string transport = text(app, "transportId");
-            const std::string session = text(app, "sessionId");
-            if (transport.empty() || session.empty()) continue;
-            transportID_ = transport;
-            sessionID_ = session;
-            channel_->send(*transportID_, kConnectionNamespace,
-                           {{"type", "CONNECT"}, {"origin", nlohmann::json::object()}});
-            load();
-            return;
-        }
-        return;
-    }
-    if (!transportID_) return;
-    for (const auto& app : applications)
-        if (app.is_object() && text(app, "sessionId") == *sessionID_) return;
-    // Somebody else took the TV.
-    if (running()) {
-        report({CastStatus::Kind::replaced, {}});
-        finish(false);
     }
 }
 
@@ -294,7 +177,7 @@ void CastSender::sendMetadata() {
                     {"items", nlohmann::json::array({std::move(item)})}});
 }
 
-void CastSender::load() {
+void CastSender::launched() {
     const auto address = parts_.localAddress(*target_.host);
     if (!address) {
         report(CastStatus::failed("no network path to the TV"));
@@ -306,14 +189,14 @@ void CastSender::load() {
                                     {{"type", "LOAD"}, {"autoplay", true}, {"media", media()}});
     loadSent_ = true;
     report({CastStatus::Kind::buffering, {}});
-    later(kFetchLimitSeconds, [](CastSender& self) {
+    later<CastSender>(kFetchLimitSeconds, [](CastSender& self) {
         // The TV was told where the stream is and never came: a firewall.
         if (self.running() && self.parts_.stream->clientsServed() == 0) {
             self.report({CastStatus::Kind::unreachable, {}, self.parts_.stream->advertisedPort()});
             self.finish(true);
         }
     });
-    later(kCatchUpLimitSeconds, [](CastSender& self) {
+    later<CastSender>(kCatchUpLimitSeconds, [](CastSender& self) {
         if (self.running() && !self.controller_.locked() &&
             self.parts_.stream->clientsServed() > 0) {
             self.report(CastStatus::failed("the TV never caught up"));
@@ -324,7 +207,7 @@ void CastSender::load() {
 }
 
 void CastSender::startPolling() {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
+    const std::weak_ptr<CastSender> weak = selfAs<CastSender>();
     const auto tick = [weak] {
         auto self = weak.lock();
         if (!self || !self->running() || !self->mediaSessionID_ || !self->transportID_) return;
@@ -497,42 +380,23 @@ void CastSender::mediaStatus(const nlohmann::json& json) {
 }
 
 void CastSender::finish(bool stopTV, std::function<void()> then) {
-    if (ended_) {
-        if (then) then();
-        return;
+    if (markEnded()) {
+        pumpState_->running = false;
+        {
+            std::unique_lock lock(pumpState_->exitLock);
+            pumpState_->exitSignal.wait_for(lock,
+                                            std::chrono::duration<double>(kPumpExitWaitSeconds),
+                                            [&] { return pumpState_->exited; });
+        }
+        if (poll_) poll_->cancel();
+        parts_.stream->stop();
+        endChannel(stopTV);
     }
-    ended_ = true;
-    pumpState_->running = false;
-    {
-        std::unique_lock lock(pumpState_->exitLock);
-        pumpState_->exitSignal.wait_for(lock, std::chrono::duration<double>(kPumpExitWaitSeconds),
-                                        [&] { return pumpState_->exited; });
-    }
-    if (poll_) poll_->cancel();
-    for (auto& timer : timers_) timer->cancel();
-    timers_.clear();
-    parts_.stream->stop();
-    endChannel(channel_, sessionID_, stopTV, queue_, kStopWriteWaitSeconds, timers_);
     if (then) then();
 }
 
-void CastSender::stop() {
-    if (queue_.isMainThread()) {
-        finish(true);
-    } else {
-        const std::weak_ptr<CastSender> weak = weak_from_this();
-        runAndWait(queue_, kStopWaitSeconds, [weak](std::function<void()> done) {
-            if (auto self = weak.lock())
-                self->finish(true, std::move(done));
-            else
-                done();
-        });
-    }
-    report({CastStatus::Kind::stopped, {}});
-}
-
 void CastSender::send(std::optional<sendspin::TrackInfo> meta) {
-    const std::weak_ptr<CastSender> weak = weak_from_this();
+    const std::weak_ptr<CastSender> weak = selfAs<CastSender>();
     queue_.post([weak, meta = std::move(meta)] {
         auto self = weak.lock();
         if (!self) return;

@@ -24,6 +24,7 @@
 #include "cast/cast_lag_estimator.h"
 #include "cast/cast_latency_publisher.h"
 #include "cast/cast_output_sender.h"
+#include "cast/cast_sender_base.h"
 #include "cast/cast_stream.h"
 #include "dispatch/main_queue.h"
 
@@ -34,7 +35,7 @@ inline constexpr std::string_view kMediaReceiverAppID = "CC1AD845";
 // What a sender is built from; each part has a default for the program.
 struct CastSenderParts {
     // The connection to the TV; TLS by default.
-    std::function<std::unique_ptr<CastConnection>(const std::string& host, uint16_t port)> connect;
+    CastConnect connect;
     // The server the TV fetches from; a CastStreamServer by default.
     std::shared_ptr<CastStream> stream;
     // This computer's address towards the TV.
@@ -43,7 +44,7 @@ struct CastSenderParts {
     bool pump = true;
 };
 
-class CastSender final : public CastOutputSender, public std::enable_shared_from_this<CastSender> {
+class CastSender final : public CastSenderBase {
   public:
     // Fills interleaved stereo at 44.1 kHz; runs on the pump thread.
     using Render = std::function<void(float* into, size_t frames)>;
@@ -56,8 +57,6 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
     static constexpr double kRateSettleSeconds = 1.5;
     static constexpr double kStallLimitSeconds = 10.0;
     static constexpr double kPausedLimitSeconds = 5.0;
-    static constexpr double kStopWaitSeconds = 0.8;
-    static constexpr double kStopWriteWaitSeconds = 0.6;
 
     using Parts = CastSenderParts;
 
@@ -67,10 +66,6 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
                                             dispatch::MainQueue& mainQueue, Parts parts = {});
     ~CastSender() override;
 
-    void start() override;
-    // Stops the TV's player (unless it belongs to someone else now), the
-    // stream and the channel; waits at most 0.8 s, then reports `stopped`.
-    void stop() override;
     void send(std::optional<sendspin::TrackInfo> meta) override;
 
     bool audible() const { return pumpState_->audible.load(); }
@@ -86,38 +81,29 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
 
     CastSender(CastTarget target, Render render, dispatch::MainQueue& queue,
                dispatch::MainQueue& mainQueue, Parts parts);
-    void begin();
-    void channelReady();
-    void handle(const CastMessage& message);
-    void receiverStatus(const nlohmann::json& json);
-    void load();
+    void begin() override;
+    // LOADs the stream.
+    void launched() override;
+    void handle(const CastMessage& message, const nlohmann::json& json,
+                const std::string& type) override;
     void loadFailed();
     void mediaStatus(const nlohmann::json& json);
     void setRate(double rate);
     void streamFetched();
     void startPolling();
-    void finish(bool stopTV, std::function<void()> then = {});
-    void report(CastStatus status);
+    void finish(bool stopTV, std::function<void()> then = {}) override;
     void publish(double seconds);
     nlohmann::json mediaMetadata(const std::string& address) const;
     nlohmann::json media() const;
     void sendMetadata();
     void startPump();
-    bool running() const { return pumpState_->running.load(); }
-    template <typename F>
-    void later(double seconds, F task);
+    bool running() const override { return pumpState_->running.load(); }
 
-    const CastTarget target_;
     Render render_;
-    dispatch::MainQueue& queue_;
-    dispatch::MainQueue& mainQueue_;
     Parts parts_;
     std::shared_ptr<PumpState> pumpState_ = std::make_shared<PumpState>();
 
     // Everything below only on `queue_`.
-    std::shared_ptr<CastChannel> channel_;
-    std::optional<int64_t> launchRequestID_;
-    std::optional<std::string> sessionID_, transportID_;
     std::optional<int64_t> mediaSessionID_;
     std::optional<int64_t> currentItemID_;  // the loaded stream's place in the TV's queue
     std::optional<int64_t> loadRequestID_;
@@ -135,9 +121,6 @@ class CastSender final : public CastOutputSender, public std::enable_shared_from
     std::optional<double> estimatorStreamStart_;
     std::optional<double> pausedSince_, stalledSince_;
     std::unique_ptr<dispatch::TimerHandle> poll_;
-    std::vector<std::unique_ptr<dispatch::TimerHandle>> timers_;
-    bool ended_ = false;
-    bool started_ = false;
     std::optional<sendspin::TrackInfo> meta_;
 };
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <random>
 
+#include "cast/json_fields.h"
 #include "cast/local_address.h"
-#include "cast/sender_ending.h"
 #include "cast/tls_cast_connection.h"
 #include "sendspin/lead.h"
 #include "sendspin/protocol.h"
@@ -15,12 +15,6 @@ namespace vt::cast {
 namespace {
 
 namespace Protocol = sendspin::SendspinProtocol;
-
-std::string text(const nlohmann::json& object, const char* key) {
-    const auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) return {};
-    return it->get<std::string>();
-}
 
 std::string freshServerID() {
     std::random_device device;
@@ -61,9 +55,7 @@ std::shared_ptr<CastSyncSender> CastSyncSender::make(CastTarget target, Render r
 
 CastSyncSender::CastSyncSender(CastTarget target, Render render, dispatch::MainQueue& queue,
                                dispatch::MainQueue& mainQueue, Parts parts)
-    : target_(std::move(target)),
-      queue_(queue),
-      mainQueue_(mainQueue),
+    : CastSenderBase(std::move(target), queue, mainQueue),
       parts_(std::move(parts)),
       appID_(syncReceiverAppID()),
       serverID_(freshServerID()) {
@@ -86,39 +78,14 @@ CastSyncSender::~CastSyncSender() {
     parts_.endpoint->stop();
 }
 
-template <typename F>
-void CastSyncSender::later(double seconds, F task) {
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-    timers_.push_back(queue_.postAfter(seconds, [weak, task = std::move(task)] {
-        if (auto self = weak.lock()) task(*self);
-    }));
-}
-
 void CastSyncSender::report(CastStatus status) {
     if (lastStatus_ == status) return;
     lastStatus_ = status;
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-    mainQueue_.post([weak, status = std::move(status)] {
-        if (auto self = weak.lock())
-            if (self->onStatus) self->onStatus(status);
-    });
-}
-
-void CastSyncSender::start() {
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-    queue_.post([weak] {
-        if (auto self = weak.lock()) self->begin();
-    });
+    CastSenderBase::report(std::move(status));
 }
 
 void CastSyncSender::begin() {
-    if (started_ || ended_) return;
-    started_ = true;
-    if (!target_.host) {
-        report(CastStatus::failed("unresolved host"));
-        return;
-    }
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
+    const std::weak_ptr<CastSyncSender> weak = selfAs<CastSyncSender>();
     const std::weak_ptr<SendspinEndpoint> endpoint = parts_.endpoint;
     parts_.endpoint->setEvents({
         .connected =
@@ -160,27 +127,9 @@ void CastSyncSender::begin() {
             if (self->onLatency) self->onLatency(ms);
     });
 
-    const auto port = static_cast<uint16_t>(std::clamp(target_.port, 0, 65535));
-    channel_ = CastChannel::make(parts_.connect(*target_.host, port), queue_);
-    channel_->start({
-        .onReady =
-            [weak] {
-                if (auto self = weak.lock()) self->channelReady();
-            },
-        .onMessage =
-            [weak](const CastMessage& m) {
-                if (auto self = weak.lock()) self->handle(m);
-            },
-        .onLost =
-            [weak](const std::string& reason) {
-                auto self = weak.lock();
-                if (!self || !self->running_) return;
-                self->report(CastStatus::failed(reason));
-                self->finish(false);
-            },
-    });
+    openChannel(parts_.connect, appID_);
     // A TV that neither launches the application nor says it cannot.
-    later(kLaunchLimitSeconds, [](CastSyncSender& self) {
+    later<CastSyncSender>(kLaunchLimitSeconds, [](CastSyncSender& self) {
         if (self.running_ && !self.sessionID_) {
             self.report(CastStatus::failed(std::string(kSyncReceiverUnavailable)));
             self.finish(true);
@@ -188,75 +137,28 @@ void CastSyncSender::begin() {
     });
 }
 
-void CastSyncSender::channelReady() {
-    if (!running_) return;
-    channel_->send(kReceiverID, kConnectionNamespace,
-                   {{"type", "CONNECT"}, {"origin", nlohmann::json::object()}});
-    channel_->send(kReceiverID, kReceiverNamespace, {{"type", "LAUNCH"}, {"appId", appID_}});
-}
-
-void CastSyncSender::handle(const CastMessage& message) {
-    if (ended_) return;
-    const nlohmann::json json = message.json();
-    const std::string type = text(json, "type");
+void CastSyncSender::handle(const CastMessage& message, const nlohmann::json& json,
+                            const std::string& type) {
     if (message.nameSpace == kSendspinNamespace) {
         if (type == "status") receiverReport(json);
-    } else if (type == "RECEIVER_STATUS") {
-        receiverStatus(json);
     } else if (type == "LAUNCH_ERROR") {
         // What a TV without the application answers.
         report(CastStatus::failed(std::string(kSyncReceiverUnavailable)));
-        finish(false);
-    } else if (type == "CLOSE" && transportID_ && message.source == *transportID_) {
-        if (running_) {
-            report({CastStatus::Kind::replaced, {}});
-            finish(false);
-        }
-    }
-}
-
-void CastSyncSender::receiverStatus(const nlohmann::json& json) {
-    const auto status = json.find("status");
-    nlohmann::json applications = nlohmann::json::array();
-    if (status != json.end() && status->is_object()) {
-        const auto list = status->find("applications");
-        if (list != status->end() && list->is_array()) applications = *list;
-    }
-    if (!transportID_) {
-        for (const auto& app : applications) {
-            if (!app.is_object() || text(app, "appId") != appID_) continue;
-            const std::string transport = text(app, "transportId");
-            const std::string session = text(app, "sessionId");
-            if (transport.empty() || session.empty()) continue;
-            transportID_ = transport;
-            sessionID_ = session;
-            launched();
-            return;
-        }
-        return;
-    }
-    for (const auto& app : applications)
-        if (app.is_object() && text(app, "sessionId") == *sessionID_) return;
-    // Somebody else took the TV.
-    if (running_) {
-        report({CastStatus::Kind::replaced, {}});
         finish(false);
     }
 }
 
 void CastSyncSender::launched() {
-    channel_->send(*transportID_, kConnectionNamespace,
-                   {{"type", "CONNECT"}, {"origin", nlohmann::json::object()}});
     report({CastStatus::Kind::buffering, {}});
     sendConfig();
     if (ended_) return;
     // A receiver still loading misses the first config: say it again until it joins.
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
+    const std::weak_ptr<CastSyncSender> weak = selfAs<CastSyncSender>();
     configTimer_ = queue_.repeat(kConfigRepeatSeconds, [weak] {
         auto self = weak.lock();
         if (self && self->running_ && !self->session_.everConnected) self->sendConfig();
     });
-    later(kJoinLimitSeconds, [](CastSyncSender& self) {
+    later<CastSyncSender>(kJoinLimitSeconds, [](CastSyncSender& self) {
         // The TV runs the application but never reached our server: a firewall.
         if (self.running_ && !self.session_.everConnected) {
             self.report(
@@ -264,7 +166,7 @@ void CastSyncSender::launched() {
             self.finish(true);
         }
     });
-    later(kSyncLimitSeconds, [](CastSyncSender& self) {
+    later<CastSyncSender>(kSyncLimitSeconds, [](CastSyncSender& self) {
         if (self.running_ && self.session_.everConnected && !self.session_.synced &&
             !self.session_.everSynced) {
             self.report(CastStatus::failed("the TV never synced its clock"));
@@ -368,7 +270,7 @@ void CastSyncSender::apply(CastSyncSession::Change change) {
         case CastSyncSession::Change::lost: {
             report({CastStatus::Kind::buffering, {}});
             const uint64_t token = ++resyncToken_;
-            later(kResyncLimitSeconds, [token](CastSyncSender& self) {
+            later<CastSyncSender>(kResyncLimitSeconds, [token](CastSyncSender& self) {
                 if (self.running_ && self.resyncToken_ == token && !self.session_.synced) {
                     self.report(CastStatus::failed("the TV lost the stream"));
                     self.finish(true);
@@ -380,43 +282,18 @@ void CastSyncSender::apply(CastSyncSession::Change change) {
 }
 
 void CastSyncSender::finish(bool stopTV, std::function<void()> then) {
-    if (ended_) {
-        if (then) then();
-        return;
+    if (markEnded()) {
+        running_ = false;
+        if (configTimer_) configTimer_->cancel();
+        stream_->stopPump();
+        parts_.endpoint->stop();
+        endChannel(stopTV);
     }
-    ended_ = true;
-    running_ = false;
-    if (configTimer_) configTimer_->cancel();
-    for (auto& timer : timers_) timer->cancel();
-    timers_.clear();
-    stream_->stopPump();
-    parts_.endpoint->stop();
-    endChannel(channel_, sessionID_, stopTV, queue_, kStopWriteWaitSeconds, timers_);
     if (then) then();
 }
 
-void CastSyncSender::stop() {
-    if (queue_.isMainThread()) {
-        finish(true);
-    } else {
-        const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-        runAndWait(queue_, kStopWaitSeconds, [weak](std::function<void()> done) {
-            if (auto self = weak.lock())
-                self->finish(true, std::move(done));
-            else
-                done();
-        });
-    }
-    // Past any de-duplication: the supervisor counts on the last word.
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
-    mainQueue_.post([weak] {
-        if (auto self = weak.lock())
-            if (self->onStatus) self->onStatus({CastStatus::Kind::stopped, {}});
-    });
-}
-
 void CastSyncSender::send(std::optional<sendspin::TrackInfo> meta) {
-    const std::weak_ptr<CastSyncSender> weak = weak_from_this();
+    const std::weak_ptr<CastSyncSender> weak = selfAs<CastSyncSender>();
     queue_.post([weak, meta = std::move(meta)] {
         auto self = weak.lock();
         if (!self) return;

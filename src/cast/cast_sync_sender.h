@@ -22,6 +22,7 @@
 
 #include "cast/cast_channel.h"
 #include "cast/cast_output_sender.h"
+#include "cast/cast_sender_base.h"
 #include "cast/cast_sync_session.h"
 #include "cast/sendspin_endpoint.h"
 #include "dispatch/main_queue.h"
@@ -37,7 +38,7 @@ inline constexpr std::string_view kSyncReceiverUnavailable = "sync receiver unav
 std::string syncReceiverAppID();
 
 struct CastSyncSenderParts {
-    std::function<std::unique_ptr<CastConnection>(const std::string& host, uint16_t port)> connect;
+    CastConnect connect;
     // Where the TV joins; the WebSocket server on every address by default.
     std::shared_ptr<SendspinEndpoint> endpoint;
     std::function<std::optional<std::string>(const std::string& host)> localAddress;
@@ -47,8 +48,7 @@ struct CastSyncSenderParts {
     bool pump = true;
 };
 
-class CastSyncSender final : public CastOutputSender,
-                             public std::enable_shared_from_this<CastSyncSender> {
+class CastSyncSender final : public CastSenderBase {
   public:
     // Fills interleaved stereo at 48 kHz; runs on the pump thread.
     using Render = sendspin::SendspinStream::Render;
@@ -59,8 +59,6 @@ class CastSyncSender final : public CastOutputSender,
     static constexpr double kSyncLimitSeconds = 30.0;
     static constexpr double kResyncLimitSeconds = 15.0;
     static constexpr double kConfigRepeatSeconds = 2.0;
-    static constexpr double kStopWaitSeconds = 0.8;
-    static constexpr double kStopWriteWaitSeconds = 0.6;
     // What the receiver adds to the stamps: the phones' headroom, and the
     // TV's own output path.
     static constexpr double kReceiverHeadroomMs = 200.0;
@@ -74,32 +72,27 @@ class CastSyncSender final : public CastOutputSender,
                                                 dispatch::MainQueue& mainQueue, Parts parts = {});
     ~CastSyncSender() override;
 
-    void start() override;
-    void stop() override;
     void send(std::optional<sendspin::TrackInfo> meta) override;
 
   private:
     CastSyncSender(CastTarget target, Render render, dispatch::MainQueue& queue,
                    dispatch::MainQueue& mainQueue, Parts parts);
-    void begin();
-    void channelReady();
-    void handle(const CastMessage& message);
-    void receiverStatus(const nlohmann::json& json);
-    void launched();
+    void begin() override;
+    // Tells the receiver where our server is, until it joins.
+    void launched() override;
+    void handle(const CastMessage& message, const nlohmann::json& json,
+                const std::string& type) override;
+    bool running() const override { return running_; }
     void sendConfig();
     void clientConnected(int64_t id);
     void clientText(int64_t id, const std::string& text);
     void clientGone(int64_t id);
     void receiverReport(const nlohmann::json& json);
     void apply(CastSyncSession::Change change);
-    void finish(bool stopTV, std::function<void()> then = {});
-    void report(CastStatus status);
-    template <typename F>
-    void later(double seconds, F task);
+    void finish(bool stopTV, std::function<void()> then = {}) override;
+    // Says each status once.
+    void report(CastStatus status) override;
 
-    const CastTarget target_;
-    dispatch::MainQueue& queue_;
-    dispatch::MainQueue& mainQueue_;
     Parts parts_;
     const std::string appID_;
     const std::string serverID_;
@@ -108,16 +101,11 @@ class CastSyncSender final : public CastOutputSender,
     std::atomic<bool> running_{false};
 
     // Everything below only on `queue_`.
-    std::shared_ptr<CastChannel> channel_;
-    std::optional<std::string> sessionID_, transportID_;
     CastSyncSession session_;
     uint64_t resyncToken_ = 0;
-    bool started_ = false;
-    bool ended_ = false;
     std::optional<CastStatus> lastStatus_;
     std::optional<std::string> lastReceiverState_;
     std::unique_ptr<dispatch::TimerHandle> configTimer_;
-    std::vector<std::unique_ptr<dispatch::TimerHandle>> timers_;
     std::optional<sendspin::TrackInfo> meta_;
 };
 
