@@ -58,6 +58,8 @@ AppModel::AppModel(platform::AudioBackend& backend, dispatch::MainQueue& main,
 }
 
 AppModel::~AppModel() {
+    // Its forced mutes end on the rows, which must still be here.
+    calibrator_.reset();
     *nowPlayingAlive_ = false;
     nowPlaying_.reset();
     // Cast senders render from the engine on their own threads.
@@ -219,6 +221,14 @@ double latencyBeyondStreamTimingMs(const AudioDevice&) {
 
 }  // namespace
 
+double AppModel::reportedLatency(int slot) const {
+    if (validSlot(slot) < 0) return 0;
+    const RowState& row = rows_[slot];
+    if (!row.isDevice()) return row.streamLatencyMs;
+    std::optional<AudioDevice> device = deviceOf(row);
+    return device ? latencyBeyondStreamTimingMs(*device) : 0.0;
+}
+
 void AppModel::seedReportedLatency(int slot) {
     if (validSlot(slot) < 0 || !rows_[slot].isDevice()) return;
     RowState& row = rows_[slot];
@@ -282,6 +292,7 @@ void AppModel::start() {
 }
 
 void AppModel::stop() {
+    endCalibration();
     stopFly();
     if (guestParty_) guestParty_->pause();
     stopCastSenders();

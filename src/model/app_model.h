@@ -21,6 +21,8 @@
 
 #include "airplay/airplay_sender.h"
 #include "airplay/airplay_supervisor.h"
+#include "calibration/calibrator.h"
+#include "calibration/unavailable.h"
 #include "cast/cast_supervisor.h"
 #include "delay/playback_mode.h"
 #include "devices/audio_device.h"
@@ -288,6 +290,30 @@ class AppModel {
         return masterEQClippedAt_ && main_.now() - *masterEQClippedAt_ < clipMarkSeconds;
     }
 
+    // ---- Calibration (app_model_calibration.cpp).
+    // Where measurements listen and play; without it they fail with their
+    // own sentences. Both must outlive the model.
+    void enableCalibration(calibration::Microphone& microphone, calibration::ToneOutput& tones);
+    // Running, the row is there, on and audible, and another row is too.
+    bool canCalibrate(int slot) const;
+    // The first other audible row, the reference a calibration offers first.
+    std::optional<int> calibrationReference(int slot) const;
+    // Opens a calibration of `slot` against `referenceSlot`, ending any
+    // other; null when the row cannot be measured against that one.
+    calibration::Calibrator* beginCalibration(int slot, int referenceSlot);
+    // The open calibration; null once it has been applied or cancelled.
+    calibration::Calibrator* calibrator();
+    // Cancels the running calibration, if any.
+    void endCalibration();
+    // Held to the row's range (a local speaker cannot be early), pushed to
+    // the delays and kept.
+    void setMeasuredLatency(int slot, double ms, settings::LatencySource source);
+    // The delay the engine applies to the row now.
+    double engineDelayMs(int slot) const;
+    // What the row's device says of its latency beyond what the stream's
+    // timing already tells the engine; a network output's own report.
+    double reportedLatency(int slot) const;
+
     // ---- Pushing to the engine and the disk.
     void pushRow(int slot);
     void pushDelays();
@@ -346,6 +372,9 @@ class AppModel {
     void stampNewRow(RowState& row) const;
     void afterAdding(int slot);
     bool mutedToStore(const RowState& row) const;
+    bool audible(const RowState& row) const;
+    // All the latency the delay plan allows for the row.
+    double plannedLatencyMs(const RowState& row) const;
     void storeOutputCount();
 
     // Seams for the network outputs, the mixer and the room, which come with
@@ -454,6 +483,14 @@ class AppModel {
     std::unique_ptr<guests::GuestParty> guestParty_;
     std::optional<guests::GuestLink> guestLink_;
     std::optional<std::string> guestServerError_;
+
+    class CalibrationRows;
+    calibration::NoMicrophone noMicrophone_;
+    calibration::NoToneOutput noToneOutput_;
+    calibration::Microphone* microphone_ = &noMicrophone_;
+    calibration::ToneOutput* toneOutput_ = &noToneOutput_;
+    std::unique_ptr<calibration::CalibrationHost> calibrationRows_;
+    std::unique_ptr<calibration::Calibrator> calibrator_;
 
     NoticeBoard noticeBoard_;
     double launched_ = 0;

@@ -475,6 +475,11 @@ void AppModel::pushRow(int slot) {
     engine_->setEQ(slot, row.eq);
 }
 
+double AppModel::plannedLatencyMs(const RowState& row) const {
+    const double flight = stage::RoomLayout::flightMs(row.place, row.hasOutput(), room_);
+    return row.streamLatencyMs + row.measuredLatencyMs + row.engineLateMs + flight;
+}
+
 void AppModel::pushDelays() {
     const size_t n = rows_.size();
     std::vector<double> offsets(n), latencies(n);
@@ -482,8 +487,7 @@ void AppModel::pushDelays() {
     for (size_t i = 0; i < n; ++i) {
         const RowState& row = rows_[i];
         counted[i] = row.counted();
-        const double flight = stage::RoomLayout::flightMs(row.place, row.hasOutput(), room_);
-        latencies[i] = row.streamLatencyMs + row.measuredLatencyMs + row.engineLateMs + flight;
+        latencies[i] = plannedLatencyMs(row);
         offsets[i] = row.delayMs;
     }
     delay::DelayPlan::GroupPlan plan = delay::DelayPlan::plan(
