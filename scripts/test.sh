@@ -7,6 +7,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
+# The npm packages a test runs (pinned by its lock file), fetched here so
+# that the tests themselves download nothing.
+(cd tests/airplay/hap-accessory && npm ci --no-audit --no-fund >/dev/null)
 
 scripts/check-format.sh
 

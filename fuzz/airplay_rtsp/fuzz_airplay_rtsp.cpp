@@ -1,6 +1,6 @@
-// A receiver's RTSP answers, cut into reads of varying size, and the header
-// values the tool reads out of them: the SETUP Transport ports, the Digest
-// challenge, and DMAP items.
+// A receiver's RTSP (or an accessory's HTTP) answers, cut into reads of varying size, and the
+// header values the tool reads out of them: the SETUP Transport ports, the Digest challenge, and
+// DMAP items.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -19,7 +19,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t step = 1 + data[0] * 31;
     std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
 
-    RtspResponseReader reader;
+    // An input that starts as HTTP is read as HTTP, chunked bodies and all.
+    const bool http = input.substr(0, 5) == "HTTP/";
+    RtspResponseReader reader(http ? kHttpVersion : kRtspVersion);
     RtspResponseReader::State state = RtspResponseReader::State::needMore;
     for (size_t at = 0; at < input.size() && state == RtspResponseReader::State::needMore;
          at += step)

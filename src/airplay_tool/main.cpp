@@ -6,6 +6,7 @@
 //       [--volume 0-100] [--password P] [--encrypt|--raw] [--et/--md/--am/--pw/--cn TXT]
 //       --cmdpipe FIFO HOST
 //   vellatone-airplay --ptp-daemon [--if ADDRESS] [--dacp ID]
+//   vellatone-airplay --pair-setup [--http] --dacp ID [--port P] HOST
 //
 // Vellatone launches one per AirPlay output. PCM (s16le, or s32le with
 // --bitdepth 24) arrives on standard input once ACTION=START has been sent on
@@ -23,6 +24,11 @@
 // With --ptp-daemon it is instead the one PTP clock that every AirPlay 2
 // sender shares (ptp/ptp_daemon.h), following a receiver's clock when
 // CLIAIRPLAY_PTP_FOLLOW=1; it needs the privilege to bind UDP 319 and 320.
+//
+// --pair-setup pairs once with a receiver that shows a code: it prompts for
+// the code on standard output ("Please enter the PIN shown on ..."), reads it
+// from standard input, and prints "CREDENTIALS: <192 hex>" for --auth on
+// later runs. --http is for HomeKit accessories, which speak HTTP/1.1.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -34,6 +40,7 @@
 #include <vector>
 
 #include "airplay_tool/command_parser.h"
+#include "airplay_tool/pin_pairing.h"
 #include "airplay_tool/ptp/ptp_daemon.h"
 #include "airplay_tool/ptp/ptp_shared.h"
 #include "airplay_tool/route.h"
@@ -71,6 +78,7 @@ int main(int argc, char** argv) {
         return kExitBadArguments;
     }
     const ToolOptions& options = *parsed.options;
+    if (options.pairSetup) return runPinPairing(options, status, STDIN_FILENO);
 
     // Blocked before any thread starts, so every thread leaves the signals to the descriptor.
     const int signals = signalDescriptor();

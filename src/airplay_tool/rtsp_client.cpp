@@ -116,6 +116,8 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
     RtspRequest r;
     r.method = base.method;
     r.uri = base.uri;
+    r.version = version_;
+    if (version_ == kHttpVersion) r.add("Host", peerIP_);
     r.add("CSeq", std::to_string(++cseq_));
     for (const auto& h : common_) r.headers.push_back(h);
     for (const auto& h : base.headers) r.headers.push_back(h);
@@ -126,7 +128,12 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
               digestAuthorization(kDigestUser, password_, *challenge_, r.method, r.uri));
         result.triedPassword = true;
     }
-    const std::string wire = r.serialize();
+    std::string wire = r.serialize();
+    if (sealer_) {
+        std::string sealed;
+        sealer_->seal(wire, sealed);
+        wire.swap(sealed);
+    }
     lastRequest_ = std::chrono::steady_clock::now();
     size_t sent = 0;
     while (sent < wire.size()) {
@@ -138,7 +145,7 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
         }
         sent += static_cast<size_t>(n);
     }
-    RtspResponseReader reader;
+    RtspResponseReader reader(version_);
     std::string carried;
     carried.swap(pending_);
     RtspResponseReader::State state = reader.append(carried);
@@ -160,7 +167,12 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
             result.error = "the receiver closed the connection";
             return result;
         }
-        state = reader.append(std::string_view(buf, static_cast<size_t>(n)));
+        std::string plain;
+        if (!received(std::string_view(buf, static_cast<size_t>(n)), plain)) {
+            result.error = "the receiver's answer to " + r.method + " did not decrypt";
+            return result;
+        }
+        state = reader.append(plain);
     }
     if (state == RtspResponseReader::State::malformed) {
         result.error = "malformed answer to " + r.method;
@@ -171,13 +183,28 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
     return result;
 }
 
+void RtspClient::encrypt(const hap::ChannelKeys& keys) {
+    sealer_.emplace(keys.outgoing);
+    opener_.emplace(keys.incoming);
+}
+
+bool RtspClient::received(std::string_view raw, std::string& plain) {
+    if (!opener_) {
+        plain.assign(raw);
+        return true;
+    }
+    return opener_->append(raw, plain) == hap::FrameOpener::State::ok;
+}
+
 bool RtspClient::drainUnsolicited() {
     char buf[kReadChunk];
     ssize_t n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
     if (n == 0) return false;
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-    // Nothing a receiver sends unasked means anything to an AirPlay 1 sender.
-    return true;
+    // Nothing a receiver sends unasked means anything to a sender, but an
+    // encrypted channel must still count its frames.
+    std::string ignored;
+    return received(std::string_view(buf, static_cast<size_t>(n)), ignored);
 }
 
 }  // namespace vt::airplay_tool

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "airplay_tool/digest_auth.h"
+#include "airplay_tool/hap/channel_cipher.h"
 #include "airplay_tool/rtsp_message.h"
 
 namespace vt::airplay_tool {
@@ -30,6 +31,10 @@ class RtspClient {
     // Headers every request carries (User-Agent, DACP-ID, ...), after CSeq.
     void addCommonHeader(std::string name, std::string value);
     void setPassword(std::string password) { password_ = std::move(password); }
+    // kHttpVersion for a peer that speaks HTTP rather than RTSP.
+    void setVersion(std::string version) { version_ = std::move(version); }
+    // From now on every byte each way is framed and encrypted with these keys.
+    void encrypt(const hap::ChannelKeys& keys);
 
     // Sends and waits up to `timeoutMs` for the answer. A 401 with a Digest
     // challenge is answered with the password, once, when there is one.
@@ -46,15 +51,20 @@ class RtspClient {
   private:
     explicit RtspClient(int fd);
     RtspResult exchange(const RtspRequest& request, int timeoutMs);
+    // The plain bytes of what arrived; false when the channel is broken.
+    bool received(std::string_view raw, std::string& plain);
 
     int fd_ = -1;
     int cseq_ = 0;
     std::string localIP_;
     std::string peerIP_;
     std::string password_;
+    std::string version_ = kRtspVersion;
     std::optional<DigestChallenge> challenge_;
     std::vector<std::pair<std::string, std::string>> common_;
     std::string pending_;  // bytes past the last answer
+    std::optional<hap::FrameSealer> sealer_;
+    std::optional<hap::FrameOpener> opener_;
     std::chrono::steady_clock::time_point lastRequest_ = std::chrono::steady_clock::now();
 };
 

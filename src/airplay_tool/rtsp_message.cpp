@@ -31,7 +31,7 @@ bool isToken(std::string_view s) {
 }  // namespace
 
 std::string RtspRequest::serialize() const {
-    std::string out = method + " " + uri + " RTSP/1.0\r\n";
+    std::string out = method + " " + uri + " " + version + "\r\n";
     for (const auto& [name, value] : headers) out += name + ": " + value + "\r\n";
     if (!body.empty()) out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     out += "\r\n";
@@ -46,13 +46,14 @@ std::optional<std::string> RtspResponse::header(std::string_view name) const {
     return std::nullopt;
 }
 
-std::optional<RtspResponse> parseRtspResponseHead(std::string_view head) {
+std::optional<RtspResponse> parseRtspResponseHead(std::string_view head, std::string_view version) {
     RtspResponse r;
     size_t lineEnd = head.find("\r\n");
     std::string_view statusLine = head.substr(0, lineEnd);
-    constexpr std::string_view kVersion = "RTSP/1.0 ";
-    if (statusLine.substr(0, kVersion.size()) != kVersion) return std::nullopt;
-    statusLine.remove_prefix(kVersion.size());
+    if (statusLine.substr(0, version.size()) != version ||
+        statusLine.substr(version.size(), 1) != " ")
+        return std::nullopt;
+    statusLine.remove_prefix(version.size() + 1);
     if (statusLine.size() < 3) return std::nullopt;
     for (int i = 0; i < 3; ++i)
         if (!std::isdigit(static_cast<unsigned char>(statusLine[i]))) return std::nullopt;
@@ -87,7 +88,7 @@ RtspResponseReader::State RtspResponseReader::append(std::string_view bytes) {
             return state_;
         }
         if (end > kMaxRtspHeadBytes) return state_ = State::malformed;
-        auto parsed = parseRtspResponseHead(std::string_view(buffer_).substr(0, end));
+        auto parsed = parseRtspResponseHead(std::string_view(buffer_).substr(0, end), version_);
         if (!parsed) return state_ = State::malformed;
         response_ = std::move(*parsed);
         bodyLength_ = 0;
@@ -100,12 +101,67 @@ RtspResponseReader::State RtspResponseReader::append(std::string_view bytes) {
         }
         buffer_.erase(0, end + 4);
         haveHead_ = true;
+        auto encoding = response_.header("transfer-encoding");
+        chunked_ = encoding && lower(*encoding) == "chunked";
     }
+    if (chunked_) return readChunks();
     if (buffer_.size() < bodyLength_) return state_;
     response_.body = buffer_.substr(0, bodyLength_);
     leftover_ = buffer_.substr(bodyLength_);
     buffer_.clear();
     return state_ = State::complete;
+}
+
+// HTTP peers may send the body in chunks: "<hex size>[;ext]\r\n<data>\r\n"
+// until a chunk of size 0, then optional trailer lines and an empty line.
+// Bytes are consumed as they are understood, so each is looked at once.
+RtspResponseReader::State RtspResponseReader::readChunks() {
+    for (;;) {
+        if (trailers_) {
+            const size_t end = buffer_.find("\r\n");
+            if (end == std::string::npos) {
+                if (buffer_.size() > kMaxRtspHeadBytes) return state_ = State::malformed;
+                return state_;
+            }
+            buffer_.erase(0, end + 2);
+            if (end > 0) continue;  // a trailer line: ignored
+            leftover_ = std::move(buffer_);
+            buffer_.clear();
+            return state_ = State::complete;
+        }
+        if (chunkLeft_ == 0) {
+            const size_t end = buffer_.find("\r\n");
+            if (end == std::string::npos) {
+                if (buffer_.size() > kMaxChunkLineBytes) return state_ = State::malformed;
+                return state_;
+            }
+            const std::string_view line = std::string_view(buffer_).substr(0, end);
+            const std::string_view digits = line.substr(0, line.find(';'));
+            size_t size = 0;
+            auto [ptr, ec] =
+                std::from_chars(digits.data(), digits.data() + digits.size(), size, 16);
+            if (digits.empty() || ec != std::errc() || ptr != digits.data() + digits.size() ||
+                size > kMaxRtspBodyBytes - response_.body.size())
+                return state_ = State::malformed;
+            buffer_.erase(0, end + 2);
+            if (size == 0) {
+                trailers_ = true;
+                continue;
+            }
+            chunkLeft_ = size + 2;  // the data and its closing CRLF
+        }
+        const size_t take = std::min(chunkLeft_, buffer_.size());
+        if (take == 0) return state_;
+        const size_t data = chunkLeft_ > 2 ? std::min(take, chunkLeft_ - 2) : 0;
+        response_.body.append(buffer_, 0, data);
+        for (size_t i = data; i < take; ++i) {
+            // Byte i is CR when two remain of the chunk, LF when one does.
+            const char expected = chunkLeft_ - i == 2 ? '\r' : '\n';
+            if (buffer_[i] != expected) return state_ = State::malformed;
+        }
+        buffer_.erase(0, take);
+        chunkLeft_ -= take;
+    }
 }
 
 }  // namespace vt::airplay_tool

@@ -96,6 +96,10 @@ void StatusWriter::ptpClock(const std::string& fields) {
     write(errFd_, "[STATUS] ptp_clock " + oneLine(fields));
 }
 
+void StatusWriter::say(const std::string& line) {
+    write(outFd_, oneLine(line));
+}
+
 void StatusWriter::debug(const std::string& text) {
     write(errFd_, "[debug] " + oneLine(text));
 }

@@ -46,6 +46,8 @@ class StatusWriter {
     // `[STATUS] ptp_clock <fields>`: the shared PTP clock's mode and state.
     void ptpClock(const std::string& fields);
     void debug(const std::string& text);
+    // A line on standard output as it stands: pairing's prompt and credentials.
+    void say(const std::string& line);
 
     static std::string errorLine(const std::string& code, int http, const std::string& detail);
 

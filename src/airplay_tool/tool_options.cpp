@@ -111,10 +111,9 @@ ParsedOptions parseToolOptions(const std::vector<std::string>& args) {
         {"--debug", number(o.debug, 0, 9, "--debug")},
     };
     const std::map<std::string, bool*> flags = {
-        {"--ptp-shared", &o.ptpShared},
-        {"--ptp-daemon", &o.ptpDaemon},
-        {"--encrypt", &o.forceEncrypt},
-        {"--raw", &o.forceRaw},
+        {"--ptp-shared", &o.ptpShared}, {"--ptp-daemon", &o.ptpDaemon},
+        {"--encrypt", &o.forceEncrypt}, {"--raw", &o.forceRaw},
+        {"--pair-setup", &o.pairSetup}, {"--http", &o.http},
     };
 
     std::vector<std::string> positional;

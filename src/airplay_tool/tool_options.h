@@ -31,6 +31,8 @@ struct ToolOptions {
     std::string publishIP;
     bool ptpShared = false;
     bool ptpDaemon = false;  // run the shared PTP clock instead of streaming
+    bool pairSetup = false;  // --pair-setup: pair by PIN, print the credentials, end
+    bool http = false;       // --http: the receiver speaks HTTP/1.1 (a HomeKit accessory)
     bool forceEncrypt = false;
     bool forceRaw = false;
     // The receiver's TXT fields when the caller knows them.

@@ -35,9 +35,42 @@ TEST(RtspResponse, ReadsStatusHeadersAndBodyInAnyPieces) {
     }
 }
 
+TEST(RtspResponse, HttpChunkedBodiesAreJoinedAndBounded) {
+    const std::string wire =
+        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "5\r\nhello\r\n1;ext=1\r\n \r\nA\r\n0123456789\r\n0\r\nX-Trailer: 1\r\n\r\nnext";
+    for (size_t step : {size_t{1}, size_t{9}, wire.size()}) {
+        RtspResponseReader reader(kHttpVersion);
+        RtspResponseReader::State state = RtspResponseReader::State::needMore;
+        for (size_t at = 0; at < wire.size() && state == RtspResponseReader::State::needMore;
+             at += step)
+            state = reader.append(std::string_view(wire).substr(at, step));
+        ASSERT_EQ(state, RtspResponseReader::State::complete) << step;
+        EXPECT_EQ(reader.response().body, "hello 0123456789");
+        if (step == wire.size()) {
+            EXPECT_EQ(reader.leftover(), "next");
+        }
+    }
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (const std::string& body :
+         std::vector<std::string>{"x\r\n", "5\r\nhelloXY", "-1\r\n", "40001\r\n",
+                                  std::string(kMaxChunkLineBytes + 1, '1')}) {
+        EXPECT_EQ(RtspResponseReader(kHttpVersion).append(head + body),
+                  RtspResponseReader::State::malformed)
+            << body;
+    }
+    // Chunks that add up past the body bound.
+    RtspResponseReader many(kHttpVersion);
+    RtspResponseReader::State state = many.append(head);
+    const std::string chunk = "FFFF\r\n" + std::string(0xFFFF, 'a') + "\r\n";
+    for (int i = 0; i < 5 && state == RtspResponseReader::State::needMore; ++i)
+        state = many.append(chunk);
+    EXPECT_EQ(state, RtspResponseReader::State::malformed);
+}
+
 TEST(RtspResponse, RejectsMalformedAndOversizedAnswers) {
     const std::vector<std::string> bad = {
-        "HTTP/1.1 200 OK\r\n\r\n",                               // another protocol
+        "HTTP/1.1 200 OK\r\n\r\n",                               // another protocol than asked
         "RTSP/1.0 2x0 OK\r\n\r\n",                               // not a status
         "RTSP/1.0 200OK\r\n\r\n",                                // no blank after it
         "RTSP/1.0 200 OK\r\nno colon here\r\n\r\n",              // not a header
