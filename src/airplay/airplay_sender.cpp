@@ -167,6 +167,7 @@ std::vector<std::string> AirPlaySender::arguments(const std::string& cmdPipe) co
                                   config_.timing,
                                   "--dacp",
                                   config_.deviceID};
+    if (config_.timing == ptp && config_.ptpShared) a.push_back("--ptp-shared");
     if (config_.password && !config_.password->empty()) {
         a.push_back("--password");
         a.push_back(*config_.password);

@@ -58,6 +58,8 @@ class AirPlaySender {
         std::string deviceID;
         std::string timing = ptp;
         std::string route = nativeRoute;
+        // The shared PTP daemon runs: a PTP sender uses it (--ptp-shared).
+        bool ptpShared = false;
         Render render;
     };
 

@@ -83,6 +83,10 @@ void AirPlaySupervisor::start(int slot, const discovery::AirPlayReceiver& r) {
     } else {
         config.timing = AirPlaySender::ptp;
         config.route = hooks_.route(r.id).value_or(AirPlaySender::nativeRoute);
+        // Whether it started is not asked: the sender shares the clock only
+        // if it runs, and otherwise the tool reports what it could do alone.
+        clock().ensureRunning(config.binary, AirPlaySender::localAddress(*r.host), config.deviceID);
+        config.ptpShared = clock().isRunning();
     }
     config.render = [render = hooks_.render, slot](float* into, uint32_t frames) {
         render(slot, into, frames);
@@ -133,6 +137,11 @@ void AirPlaySupervisor::waitForUser(int slot) {
         sender->stop();
     }
     hooks_.connectingChanged(slot, false);
+}
+
+void AirPlaySupervisor::engineStopped() {
+    stopAll();
+    clock().stop();
 }
 
 void AirPlaySupervisor::stopAll() {
@@ -270,12 +279,19 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         case Kind::streaming:
             unsharedTries_[slot] = 0;
             return;
-        case Kind::clockUnshared:
-            // No shared PTP daemon runs in this build, so none may still be
-            // settling: the clock is recovered at the first report.
+        case Kind::clockUnshared: {
+            // The first report while the daemon runs is an ordinary failure:
+            // the daemon may still be settling. After that, or without a
+            // daemon, a new daemon is tried.
+            const int before = unsharedTries_[slot]++;
+            if (before == 0 && clock().isRunning()) {
+                ordinaryFailure(slot, id);
+                return;
+            }
             unsharedTries_[slot] = 0;
             recoverSharedClock();
             return;
+        }
         case Kind::failed:
         case Kind::stopped:
         case Kind::clockStalled:
@@ -329,6 +345,7 @@ void AirPlaySupervisor::recoverSharedClock() {
     ++clockRecoveries_;
     recoveringClock_ = true;
     stopAll();
+    clock().stop();
     later(clockRecoverySeconds, -1, [this] {
         recoveringClock_ = false;
         if (hooks_.engineRunning()) reconcile();

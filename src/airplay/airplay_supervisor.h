@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "airplay/airplay_clock.h"
 #include "airplay/airplay_sender.h"
 #include "airplay/airplay_status.h"
 #include "discovery/airplay_receiver.h"
@@ -63,6 +64,8 @@ class AirPlaySupervisor {
         std::function<std::string()> deviceID;
         // Tests make senders that pace by the virtual clock; none: real ones.
         std::function<std::unique_ptr<AirPlaySender>(AirPlaySender::Config)> makeSender;
+        // The shared PTP daemon; none: AirPlayClock::shared().
+        SharedClock* clock = nullptr;
     };
 
     AirPlaySupervisor(dispatch::MainQueue& main, Hooks hooks);
@@ -71,6 +74,8 @@ class AirPlaySupervisor {
     void setReceivers(std::vector<discovery::AirPlayReceiver> receivers);
     // The engine started: fresh counts of clock recoveries.
     void engineStarted() { clockRecoveries_ = 0; }
+    // The engine stopped: every sender, then the shared clock.
+    void engineStopped();
     void reconcile();
     void stopAll();
     void stopSender(int slot);
@@ -102,6 +107,7 @@ class AirPlaySupervisor {
     bool stillFor(int slot, const std::string& receiverID) const;
     void recoverSharedClock();
     void dropTimers(int slot);
+    SharedClock& clock() { return hooks_.clock ? *hooks_.clock : AirPlayClock::shared(); }
 
     dispatch::MainQueue& main_;
     Hooks hooks_;

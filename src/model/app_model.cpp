@@ -296,7 +296,7 @@ void AppModel::stop() {
     stopFly();
     if (guestParty_) guestParty_->pause();
     stopCastSenders();
-    if (airplay_) airplay_->stopAll();
+    if (airplay_) airplay_->engineStopped();
     engine_->stop();
     restorer_.restore();
     isRunning_ = false;

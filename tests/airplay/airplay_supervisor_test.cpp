@@ -36,6 +36,24 @@ class ScriptedSender final : public AirPlaySender {
     size_t index_;
 };
 
+// The shared PTP daemon: it runs once started, unless it cannot.
+class FakeClock final : public SharedClock {
+  public:
+    bool isRunning() override { return running; }
+    bool ensureRunning(const std::filesystem::path&, const std::optional<std::string>&,
+                       const std::string&) override {
+        if (!running) ++starts;
+        running = canRun;
+        return running;
+    }
+    void stop() override {
+        if (running) ++stops;
+        running = false;
+    }
+    bool canRun = true, running = false;
+    int starts = 0, stops = 0;
+};
+
 class SupervisorTest : public ::testing::Test {
   protected:
     SupervisorTest() {
@@ -70,6 +88,7 @@ class SupervisorTest : public ::testing::Test {
             configs_.push_back(c);
             return std::make_unique<ScriptedSender>(std::move(c), queue_, made_, stops_);
         };
+        h.clock = &clock_;
         sup_ = std::make_unique<AirPlaySupervisor>(queue_, std::move(h));
     }
 
@@ -98,6 +117,7 @@ class SupervisorTest : public ::testing::Test {
     std::vector<AirPlaySender::Config> configs_;
     std::vector<ScriptedSender*> made_;
     std::vector<bool> stops_;
+    FakeClock clock_;
     std::unique_ptr<AirPlaySupervisor> sup_;
 };
 
@@ -266,25 +286,55 @@ TEST_F(SupervisorTest, AReceiverThatLeavesLosesItsSenderAndLatencyAndLateReports
     EXPECT_TRUE(stops_[1]);
 }
 
-TEST_F(SupervisorTest, AClockUnsharedRecoversTheClockTwiceInOneRunAndNoMore) {
+TEST_F(SupervisorTest, AClockUnsharedRetriesOnceThenRecoversTheClockTwiceInOneRunAndNoMore) {
     rows_ = {{0, "Den"}};
     sup_->setReceivers({receiver("Den", true)});
-    for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(clock_.starts, 1);
+    EXPECT_TRUE(configs_.back().ptpShared);
+    // The first report with the daemon running may be the daemon settling:
+    // an ordinary retry, the daemon kept.
+    last()->say(Kind::clockUnshared);
+    queue_.advance(1.51);
+    EXPECT_EQ(count(), 2u);
+    EXPECT_EQ(clock_.stops, 0);
+    for (int recovery = 1; recovery <= 2; ++recovery) {
         const size_t before = count();
+        if (recovery == 2) last()->say(Kind::clockUnshared);  // counted afresh after a recovery
         last()->say(Kind::clockUnshared);
         EXPECT_TRUE(stops_.back());
+        EXPECT_EQ(clock_.stops, recovery);
         queue_.advance(1.01);
         EXPECT_EQ(count(), before + 1);
+        EXPECT_EQ(clock_.starts, recovery + 1);  // a new daemon, started by the new sender
     }
     last()->say(Kind::clockUnshared);
-    queue_.advance(30);
+    last()->say(Kind::clockUnshared);
     EXPECT_EQ(airplaySubtitle(false, sup_->status(0), 0, false),
               "AirPlay · clock in use, retrying");
+    queue_.advance(30);
+    EXPECT_EQ(clock_.stops, 2);  // no third recovery in one run
+    // Stopping the engine stops the daemon; a new run may recover again.
+    sup_->engineStopped();
+    EXPECT_FALSE(clock_.running);
     sup_->engineStarted();
-    const size_t before = count();
+    sup_->reconnect(0);
     last()->say(Kind::clockUnshared);
+    last()->say(Kind::clockUnshared);
+    EXPECT_EQ(clock_.stops, 4);
+}
+
+TEST_F(SupervisorTest, WithoutADaemonSendersGoAloneAndTheFirstUnsharedRecovers) {
+    clock_.canRun = false;  // no privilege for the PTP ports
+    rows_ = {{0, "Den"}, {1, "Kitchen"}};
+    sup_->setReceivers({receiver("Den", true), receiver("Kitchen")});
+    EXPECT_FALSE(configs_[0].ptpShared);
+    EXPECT_EQ(clock_.starts, 1);  // tried for the AirPlay 2 receiver only
+    made_[0]->say(Kind::clockUnshared);
+    EXPECT_TRUE(stops_[0]);
+    EXPECT_TRUE(stops_[1]);  // every sender goes in a recovery
     queue_.advance(1.01);
-    EXPECT_EQ(count(), before + 1);
+    EXPECT_EQ(count(), 4u);
+    EXPECT_EQ(clock_.starts, 2);
 }
 
 TEST(AirPlaySubtitle, StreamingShowsItsLagInSeconds) {

@@ -6,6 +6,13 @@
 # launch (printf %b), $FAKE_TOOL_ON_START on standard error at ACTION=START;
 # $FAKE_TOOL_EXIT, if set, ends the tool at once with that status after
 # printing.
+# As the PTP daemon it only lives until SIGTERM, or ends at once with
+# $FAKE_PTP_EXIT as a daemon without the privilege for its ports does.
+case " $* " in *" --ptp-daemon "*)
+    [ -n "$FAKE_PTP_EXIT" ] && exit "$FAKE_PTP_EXIT"
+    trap 'exit 0' TERM
+    while :; do sleep 0.05; done ;;
+esac
 dir=$FAKE_TOOL_DIR
 printf '%s\n' "$@" >"$dir/args"
 env >"$dir/env"
