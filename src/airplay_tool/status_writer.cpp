@@ -63,6 +63,14 @@ void StatusWriter::clockReadyNtp(int exchanges, int64_t readyAtUnixMs) {
                       " ready_in_ms=0 ready_at_unix_ms=" + std::to_string(readyAtUnixMs));
 }
 
+void StatusWriter::clockReadyPtp(const std::string& state, int64_t streakMs, int exchanges,
+                                 int64_t readyInMs, int64_t readyAtUnixMs) {
+    write(errFd_, "[STATUS] clock_ready mode=ptp state=" + state + " streak_ms=" +
+                      std::to_string(streakMs) + " exchanges=" + std::to_string(exchanges) +
+                      " ready_in_ms=" + std::to_string(readyInMs) +
+                      " ready_at_unix_ms=" + std::to_string(readyAtUnixMs));
+}
+
 void StatusWriter::started(int64_t requestedUnixMs, int64_t atUnixMs) {
     write(errFd_, "[STATUS] started requested_unix_ms=" + std::to_string(requestedUnixMs) +
                       " at_unix_ms=" + std::to_string(atUnixMs));

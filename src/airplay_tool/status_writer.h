@@ -34,6 +34,8 @@ class StatusWriter {
                  int warmLeadMs);
     void connected();
     void clockReadyNtp(int exchanges, int64_t readyAtUnixMs);
+    void clockReadyPtp(const std::string& state, int64_t streakMs, int exchanges, int64_t readyInMs,
+                       int64_t readyAtUnixMs);
     void started(int64_t requestedUnixMs, int64_t atUnixMs);
     void flushed();
     // `[STATUS] playing elapsed_ms=` or `[STATUS] paused elapsed_ms=`.

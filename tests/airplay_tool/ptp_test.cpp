@@ -3,11 +3,20 @@
 // clock that runs apart from the master's, and the shared socket's lines.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "airplay_tool/ptp/clock_readiness.h"
 #include "airplay_tool/ptp/ptp_follower.h"
 #include "airplay_tool/ptp/ptp_grandmaster.h"
 #include "airplay_tool/ptp/ptp_message.h"
 #include "airplay_tool/ptp/ptp_shared.h"
+#include "airplay_tool/ptp/session_clock.h"
 
 using namespace vt::airplay_tool::ptp;
 
@@ -164,6 +173,124 @@ TEST(PtpShared, LinesReadBackAndBadOnesAreRefused) {
     EXPECT_EQ(parseSharedRequest("?")->kind, SharedRequest::Kind::status);
     for (const char* bad : {"", "R", "R10.0.0.1", "R 10.0.0", "X 10.0.0.1", "? 999.1.1.1"})
         EXPECT_FALSE(parseSharedRequest(bad)) << bad;
+}
+
+TEST(ClockReadiness, ProbesUntilTheReceiverSpeaksAndStallsWhenItNeverDoes) {
+    SharedStatus lead{"0123456789abcdef", 1, "lead", "ready", 0, 1, false, 0};
+    ClockReadiness readiness(1000);
+    ASSERT_EQ(readiness.update(1000, 5, lead)->state, "probing");
+    EXPECT_FALSE(readiness.update(3000, 5, std::nullopt));  // the daemon not answering
+    lead.heard = true;
+    lead.exchanges = 3;
+    const auto ready = readiness.update(3500, 77, lead);
+    ASSERT_TRUE(ready);
+    EXPECT_EQ(*ready, (ClockReadyLine{"ready", 0, 3, 2500, 77}));
+    EXPECT_FALSE(readiness.update(9000, 5, std::nullopt));  // nothing after ready
+
+    ClockReadiness silent(0);
+    lead.heard = false;
+    EXPECT_EQ(silent.update(0, 0, lead)->state, "probing");
+    EXPECT_FALSE(silent.update(ClockReadiness::stallMs - 1, 0, lead));
+    EXPECT_EQ(silent.update(ClockReadiness::stallMs, 0, lead)->state, "stalled");
+    lead.heard = true;  // heard at last
+    EXPECT_EQ(silent.update(ClockReadiness::stallMs + 900, 0, lead)->state, "ready");
+
+    // Following, the follower's own state is the clock's.
+    ClockReadiness following(0);
+    SharedStatus follow{"0123456789abcdef", 1, "follow", "probing", 0, 1, true, 9};
+    EXPECT_EQ(following.update(0, 0, follow)->state, "probing");
+    follow.state = "stalled";
+    EXPECT_EQ(following.update(6000, 0, follow)->state, "stalled");
+}
+
+// A shared daemon as the test plays it: answers every line with `answer`,
+// remembering the requests.
+class FakeDaemon {
+  public:
+    explicit FakeDaemon(std::string answer) : answer_(std::move(answer)) {
+        path = std::filesystem::temp_directory_path() /
+               ("vt-ptp-test-" + std::to_string(::getpid()) + ".sock");
+        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        ::unlink(path.c_str());
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        thread_ = std::thread([this] {
+            char line[256];
+            sockaddr_un from{};
+            for (;;) {
+                socklen_t length = sizeof from;
+                const ssize_t n = ::recvfrom(fd_, line, sizeof line, 0,
+                                             reinterpret_cast<sockaddr*>(&from), &length);
+                if (n <= 0 || std::string(line, size_t(n)) == "quit") return;
+                {
+                    std::lock_guard<std::mutex> hold(lock_);
+                    requests_.emplace_back(line, size_t(n));
+                }
+                ::sendto(fd_, answer_.data(), answer_.size(), 0, reinterpret_cast<sockaddr*>(&from),
+                         length);
+            }
+        });
+    }
+    ~FakeDaemon() {
+        const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        ::sendto(fd, "quit", 4, 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::close(fd);
+        thread_.join();
+        ::close(fd_);
+        ::unlink(path.c_str());
+    }
+    std::vector<std::string> requests() {
+        std::lock_guard<std::mutex> hold(lock_);
+        return requests_;
+    }
+    std::string path;
+
+  private:
+    std::string answer_;
+    int fd_ = -1;
+    std::thread thread_;
+    std::mutex lock_;
+    std::vector<std::string> requests_;
+};
+
+TEST(SessionClock, JoinsTheDaemonWithItsReceiverAndSaysWhenTheClockIsReady) {
+    FakeDaemon daemon(
+        "clock_id=aabbccfffeddeeff clock_number=-6144091866752225537 mode=follow "
+        "state=ready offset_ns=2500 peers=1 heard=1 exchanges=12");
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    {
+        vt::airplay_tool::StatusWriter status(pipeFds[1], pipeFds[1]);
+        SessionClock clock({.useShared = true,
+                            .sharedPath = daemon.path,
+                            .receiver = "10.78.0.2",
+                            .ourAddress = "10.78.0.1"},
+                           status);
+        ASSERT_EQ(clock.attach(), SessionClock::Source::shared);
+        EXPECT_EQ(clock.peerInfo().clockID, -6144091866752225537);
+        EXPECT_EQ(clock.peerInfo().addresses, std::vector<std::string>{"10.78.0.1"});
+        EXPECT_EQ(clock.peerList(), (std::vector<std::string>{"10.78.0.2", "10.78.0.1"}));
+        EXPECT_EQ(clock.ptpNs(1'000'000'000), 1'000'002'500);
+        clock.reportReadiness();
+        for (int i = 0; i < 200 && !clock.isReady(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_TRUE(clock.isReady());
+    }
+    ::close(pipeFds[1]);
+    char text[1024] = {};
+    const ssize_t n = ::read(pipeFds[0], text, sizeof text - 1);
+    ::close(pipeFds[0]);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(std::string(text).rfind("[STATUS] clock_ready mode=ptp state=ready ", 0), 0u) << text;
+    const auto asked = daemon.requests();
+    ASSERT_GE(asked.size(), 3u);
+    EXPECT_EQ(asked.front(), "R 10.78.0.2");  // registered on joining
+    EXPECT_EQ(asked.back(), "U 10.78.0.2");   // and let go at the end
 }
 
 }  // namespace

@@ -129,6 +129,10 @@ std::optional<SharedStatus> parseSharedStatus(std::string_view line) {
             auto n = number<int>(value);
             if (!n || *n < 0) return std::nullopt;
             s.peers = *n;
+        } else if (key == "exchanges") {
+            auto n = number<int>(value);
+            if (!n || *n < 0) return std::nullopt;
+            s.exchanges = *n;
         } else if (key == "heard") {
             if (value != "0" && value != "1") return std::nullopt;
             s.heard = value == "1";
@@ -144,7 +148,9 @@ std::string sharedStatusLine(const SharedStatus& s) {
                        " mode=" + s.mode + " state=" + s.state +
                        " offset_ns=" + std::to_string(s.offsetNs) +
                        " peers=" + std::to_string(s.peers);
-    if (s.heard) line += std::string(" heard=") + (*s.heard ? "1" : "0");
+    if (s.heard)
+        line += std::string(" heard=") + (*s.heard ? "1" : "0") +
+                " exchanges=" + std::to_string(s.exchanges);
     return line;
 }
 

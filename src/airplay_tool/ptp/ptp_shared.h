@@ -4,7 +4,8 @@
 // one line of fields:
 //   "?"        the clock: clock_id=<16 hex> clock_number=<signed 64-bit>
 //              mode=lead|follow state=probing|ready|stalled offset_ns=<n> peers=<n>
-//   "? <ip>"   the same, plus heard=0|1: whether that receiver has sent us any PTP
+//   "? <ip>"   the same, plus heard=0|1 and exchanges=<n>: whether and how often
+//              that receiver has sent us PTP messages
 //   "R <ip>"   also send Announce, Sync and Follow_Up to that receiver by unicast
 //   "U <ip>"   stop doing so
 // PTP time is CLOCK_REALTIME plus offset_ns (0 while we lead). Both sides
@@ -40,6 +41,7 @@ struct SharedStatus {
     int64_t offsetNs = 0;
     int peers = 0;
     std::optional<bool> heard;
+    int exchanges = 0;  // with `heard`
     bool operator==(const SharedStatus&) const = default;
 };
 std::optional<SharedStatus> parseSharedStatus(std::string_view line);
