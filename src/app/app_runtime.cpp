@@ -9,6 +9,7 @@
 #include <exception>
 #include <string_view>
 
+#include "app/calibration_control.h"
 #include "app/control_path.h"
 #include "app/control_server.h"
 #include "app/guest_root.h"
@@ -160,6 +161,11 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
         if (onChange_) onChange_();
         return reply;
     });
+    server_->setCalibrationHandler(
+        [this](const nlohmann::json& line, const ControlServer::Reply& reply) {
+            handleCalibrationLine(*model_, main_, line, reply);
+            if (onChange_) onChange_();
+        });
     try {
         server_->start();
     } catch (const std::exception& e) {

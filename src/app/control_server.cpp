@@ -269,18 +269,27 @@ void ControlServer::start() {
 void ControlServer::handleLine(uint64_t client, const std::string& line) {
     if (line.empty()) return;
     std::optional<remote::PhoneMessage> message = remote::tryDecodePhoneMessage(line);
-    if (!message && mixer_) {
+    if (!message && (mixer_ || calibration_)) {
         nlohmann::json j;
         try {
             j = remote::parseLine(line);  // bounded in depth
         } catch (const std::exception&) {
         }
         const auto type = j.is_object() ? j.find("type") : j.end();
-        if (type != j.end() && type->is_string() &&
-            type->get<std::string>().rfind("mixer.", 0) == 0) {
+        const std::string kind =
+            type != j.end() && type->is_string() ? type->get<std::string>() : std::string();
+        if (mixer_ && kind.rfind("mixer.", 0) == 0) {
             std::string reply = mixer_(j);
             publish(false);
             io_->send(client, reply + "\n");
+            return;
+        }
+        if (calibration_ && kind.rfind("calibration.", 0) == 0) {
+            std::weak_ptr<Io> io = io_;
+            calibration_(j, [io, client](const std::string& reply) {
+                if (auto live = io.lock()) live->send(client, reply + "\n");
+            });
+            publish(false);
             return;
         }
     }

@@ -34,6 +34,11 @@ class ControlServer {
     // Lines of the socket's own, never part of the phone's wire: one JSON
     // object whose "type" starts with "mixer."; the answer is one line.
     using MixerHandler = std::function<std::string(const nlohmann::json&)>;
+    // Lines whose "type" starts with "calibration.": the answer comes when
+    // the measurement ends, through `reply` (main thread; a client gone by
+    // then is no error).
+    using Reply = std::function<void(const std::string& line)>;
+    using CalibrationHandler = std::function<void(const nlohmann::json&, Reply reply)>;
 
     // At most this many clients at once; more are turned away.
     static constexpr int maxClients = 16;
@@ -47,6 +52,7 @@ class ControlServer {
     ControlServer& operator=(const ControlServer&) = delete;
 
     void setMixerHandler(MixerHandler handler) { mixer_ = std::move(handler); }
+    void setCalibrationHandler(CalibrationHandler handler) { calibration_ = std::move(handler); }
 
     // Makes the folder and the socket and starts serving. Throws
     // std::runtime_error with a sentence for the user when another instance
@@ -68,6 +74,7 @@ class ControlServer {
     Handler handler_;
     LocalHandler local_;
     MixerHandler mixer_;
+    CalibrationHandler calibration_;
     std::shared_ptr<Io> io_;
     std::thread thread_;
     // Main thread: the last state each client was sent.

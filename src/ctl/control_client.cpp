@@ -71,23 +71,34 @@ void ControlClient::sync() {
 }
 
 nlohmann::json ControlClient::mixerRequest(const nlohmann::json& line) {
+    return request(line, "mixer.", timeoutSeconds);
+}
+
+nlohmann::json ControlClient::calibrationRequest(const nlohmann::json& line) {
+    return request(line, "calibration.", calibrationTimeoutSeconds);
+}
+
+nlohmann::json ControlClient::request(const nlohmann::json& line, const std::string& typePrefix,
+                                      double timeout) {
     sendLine(line.dump());
     nlohmann::json answer;
-    readUntil([&](const std::string& text) {
-        if (text.find("\"mixer.") == std::string::npos) return false;
-        try {
-            answer = remote::parseLine(text);
-        } catch (const std::exception&) {
-            return false;
-        }
-        return answer.is_object() && answer.value("type", "").rfind("mixer.", 0) == 0;
-    });
+    readUntil(
+        [&](const std::string& text) {
+            if (text.find("\"" + typePrefix) == std::string::npos) return false;
+            try {
+                answer = remote::parseLine(text);
+            } catch (const std::exception&) {
+                return false;
+            }
+            return answer.is_object() && answer.value("type", "").rfind(typePrefix, 0) == 0;
+        },
+        timeout);
     return answer;
 }
 
-void ControlClient::readUntil(const std::function<bool(const std::string&)>& done) {
+void ControlClient::readUntil(const std::function<bool(const std::string&)>& done, double timeout) {
     using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    const auto deadline = Clock::now() + std::chrono::duration<double>(timeout);
     std::deque<std::string> lines;
     for (;;) {
         while (!lines.empty()) {

@@ -43,10 +43,19 @@ class ControlClient {
     // Sends a mixer line (the socket's own, not the phone's) and returns
     // the app's one-line answer, as JSON.
     nlohmann::json mixerRequest(const nlohmann::json& line);
+    // The same for a measurement, which takes seconds rather than a moment.
+    nlohmann::json calibrationRequest(const nlohmann::json& line);
 
   private:
+    // A measurement drains what is playing (up to 4 s), then plays and
+    // records through each of two speakers.
+    static constexpr double calibrationTimeoutSeconds = 60.0;
+
+    nlohmann::json request(const nlohmann::json& line, const std::string& typePrefix,
+                           double timeout);
     // Reads lines until one satisfies `done`; keeps the newest state.
-    void readUntil(const std::function<bool(const std::string& line)>& done);
+    void readUntil(const std::function<bool(const std::string& line)>& done,
+                   double timeout = timeoutSeconds);
 
     int fd_ = -1;
     remote::LineCodec codec_{remote::maxLineBytes};

@@ -52,6 +52,9 @@ constexpr const char* kUsage =
     "  play | pause | toggle | next | previous | forward15 | back15\n"
     "                      steer the media player that plays\n"
     "  seek SECONDS        move the player to a place in the track\n"
+    "  calibrate SLOT REFERENCE-SLOT microphone|reported [--apply]\n"
+    "                      measure how late a slot is against another; prints\n"
+    "                      \"measured SLOT: X ms\", and keeps it with --apply\n"
     "  send 'JSON'         send one message line as it is\n"
     "The socket is $VELLATONE_CONTROL_SOCKET, else $XDG_RUNTIME_DIR/vellatone/control.sock.\n";
 
@@ -140,15 +143,17 @@ int run(const std::vector<std::string>& args) {
     if (args.empty()) throw UsageError{"No command given."};
     const std::string& cmd = args[0];
     static const std::map<std::string, size_t> arity = {
-        {"status", 1},  {"outputs", 1},      {"add", 2},      {"remove", 2},   {"delay", 3},
-        {"volume", 3},  {"mute", 3},         {"master", 2},   {"start", 1},    {"stop", 1},
-        {"send", 2},    {"remove-guest", 2}, {"password", 2}, {"track", 1},    {"play", 1},
-        {"pause", 1},   {"toggle", 1},       {"next", 1},     {"previous", 1}, {"forward15", 1},
-        {"back15", 1},  {"seek", 2},         {"apps", 1},     {"app", 3},      {"app-mute", 3},
-        {"app-solo", 2}};
+        {"status", 1},   {"outputs", 1},      {"add", 2},      {"remove", 2},   {"delay", 3},
+        {"volume", 3},   {"mute", 3},         {"master", 2},   {"start", 1},    {"stop", 1},
+        {"send", 2},     {"remove-guest", 2}, {"password", 2}, {"track", 1},    {"play", 1},
+        {"pause", 1},    {"toggle", 1},       {"next", 1},     {"previous", 1}, {"forward15", 1},
+        {"back15", 1},   {"seek", 2},         {"apps", 1},     {"app", 3},      {"app-mute", 3},
+        {"app-solo", 2}, {"calibrate", 4}};
+    // Only a calibration takes a flag.
+    const bool applyFlag = cmd == "calibrate" && args.size() == 5 && args[4] == "--apply";
     auto it = arity.find(cmd);
     if (it == arity.end()) throw UsageError{"\"" + cmd + "\" is not a command."};
-    if (args.size() != it->second)
+    if (args.size() != it->second && !applyFlag)
         throw UsageError{"\"" + cmd + "\" takes " + std::to_string(it->second - 1) + " argument" +
                          (it->second == 2 ? "" : "s") + "."};
 
@@ -166,6 +171,13 @@ int run(const std::vector<std::string>& args) {
          cmd == "password") &&
         !vt::ctl::parseSlot(args[1]))
         throw UsageError{"\"" + args[1] + "\" is not a slot number."};
+    if (cmd == "calibrate") {
+        for (size_t i : {size_t{1}, size_t{2}})
+            if (!vt::ctl::parseSlot(args[i]))
+                throw UsageError{"\"" + args[i] + "\" is not a slot number."};
+        if (args[3] != "microphone" && args[3] != "reported")
+            throw UsageError{"\"" + args[3] + "\" is neither microphone nor reported."};
+    }
     std::optional<PhoneMessage> raw;
     if (cmd == "send") {
         raw = vt::remote::tryDecodePhoneMessage(args[1]);
@@ -298,6 +310,16 @@ int run(const std::vector<std::string>& args) {
     } else if (cmd == "send") {
         c.sendLine(args[1]);
         c.sync();
+    } else if (cmd == "calibrate") {
+        const nlohmann::json answer =
+            c.calibrationRequest({{"type", "calibration.run"},
+                                  {"slot", *vt::ctl::parseSlot(args[1])},
+                                  {"reference", *vt::ctl::parseSlot(args[2])},
+                                  {"method", args[3]},
+                                  {"apply", applyFlag}});
+        if (answer.value("type", "") != "calibration.done")
+            throw ControlError(answer.value("why", std::string("Vellatone did not measure it.")));
+        std::printf("measured %s: %.1f ms\n", args[1].c_str(), answer.value("ms", 0.0));
     } else if (cmd == "apps") {
         const nlohmann::json answer = c.mixerRequest({{"type", "mixer.apps"}});
         for (const auto& a : answer.value("apps", nlohmann::json::array())) {

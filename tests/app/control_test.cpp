@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "../model/model_fixture.h"
+#include "app/calibration_control.h"
 #include "app/control_path.h"
 #include "app/control_server.h"
 #include "app/local_command.h"
@@ -112,6 +113,33 @@ TEST_F(Bridge, GuestRowsSayGuestOnceAndGoByTheirSlot) {
     bridge().handle(PhoneMessage::RemoveOutput{2, "bob-phone"});
     EXPECT_EQ(m.rows().size(), 1u);
     EXPECT_EQ(m.guestParty()->count(), 0u);
+}
+
+TEST_F(Bridge, AMeasurementOnTheSocketAnswersOnceItHasEnded) {
+    model::AppModel& m = withRows({"living", "den"});
+    std::vector<nlohmann::json> answers;
+    auto run = [&](nlohmann::json line) {
+        handleCalibrationLine(m, main, line, [&](const std::string& reply) {
+            answers.push_back(nlohmann::json::parse(reply));
+        });
+        settle();
+        return answers.back();
+    };
+    nlohmann::json line = {
+        {"type", "calibration.run"}, {"slot", 1}, {"reference", 0}, {"method", "reported"}};
+    EXPECT_EQ(run(line)["why"],
+              "Slot 1 cannot be measured now: it must be playing and audible, and so must another "
+              "output.");
+    m.startStop();
+    settle();
+    // A local sink's latency is all in its stream's timing: nothing to add.
+    EXPECT_EQ(run(line)["why"],
+              "This speaker does not say it is meaningfully late. Nothing to correct, or it does "
+              "not report its delay. Try listening instead.");
+    EXPECT_FALSE(m.calibrator());
+    line["method"] = "tapping";  // needs a person
+    EXPECT_EQ(run(line)["type"], "calibration.failed");
+    EXPECT_EQ(answers.size(), 3u);
 }
 
 TEST(NoticeLog, EachNoticeIsLoggedWhenItAppearsAndAgainWhenItReturns) {

@@ -54,6 +54,9 @@ ctl start || fail "start"
 [[ $(default_sink) == vellatone ]] || fail "the default sink is $(default_sink), not the capture sink"
 [[ $(ctl status | field "s['running'], len(s['rows']), s['rows'][2]['trimMs']") == "True 3 100.0" ]] ||
     fail "status: $(ctl status)"
+# A null sink's latency is all in its stream's timing: nothing to take on its word.
+if ctl calibrate 1 0 reported 2>"$work/err"; then fail "a null sink's report was taken"; fi
+grep -q "does not say it is meaningfully late" "$work/err" || fail "calibrate said: $(cat "$work/err")"
 
 step "noise from another program, measured at the three speakers"
 sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/noise.raw" \
