@@ -6,7 +6,8 @@
 #     grandmaster to be our clock identity, with a path delay measured and an
 #     offset under 100 us (both hosts read one system clock, so anything more
 #     is our time stamps or our messages at fault). The daemon's shared socket
-#     must know ptp4l as heard from once a receiver is registered.
+#     must know ptp4l as heard from once a receiver is registered. Then the
+#     same with ptp4l measuring the link peer to peer (Pdelay).
 #  2. With CLIAIRPLAY_PTP_FOLLOW=1 our daemon follows ptp4l as master: its
 #     shared socket must report ptp4l's clock, ready, within 100 us.
 #  3. Without the privilege to bind 319/320 the daemon says so and ends with 2.
@@ -68,8 +69,6 @@ network_transport UDPv4
 time_stamping software
 uds_address $work/ptp4l.uds
 summary_interval 0
-logAnnounceInterval -2
-announceReceiptTimeout 2
 CONF
     cat
 }
@@ -132,12 +131,32 @@ for sample in 1 2 3; do
 done
 ask_daemon "? $addr_b" | grep -q "peers=1 heard=1" || fail "the daemon did not hear ptp4l: $(ask_daemon "? $addr_b")"
 
+# 1b. The same with the link measured peer to peer (Pdelay_Req, answered
+# two-step), as 802.1AS receivers measure it.
+kill "$slave_pid"
+wait "$slave_pid" 2>/dev/null
+ptp4l_config <<<"slaveOnly 1
+delay_mechanism P2P" >"$work/p2p.conf"
+ip netns exec "$ns_b" ptp4l -f "$work/p2p.conf" -i "p$$b" -m >"$work/ptp4l-p2p.log" 2>&1 &
+pids+=($!)
+measured_peer() {
+    delay=$(pmc_get PORT_DATA_SET | field peerMeanPathDelay)
+    offset=$(pmc_get CURRENT_DATA_SET | field offsetFromMaster)
+    pmc_get PARENT_DATA_SET | grep -q "grandmasterIdentity *$our_clock" &&
+        [[ -n $delay && $(abs "$delay") != 0 && -n $offset && $(abs "$offset") != 0 ]]
+}
+wait_for 12 measured_peer || fail "ptp4l measured no peer delay to our clock"
+echo "ptp4l following us peer to peer: offsetFromMaster ${offset} ns, peerMeanPathDelay ${delay} ns"
+(($(abs "$offset") < max_offset_ns)) || fail "offset ${offset} ns is over ${max_offset_ns} ns"
+
 # 2. ptp4l leads; we follow.
-kill "${pids[@]}"
+kill "${pids[@]}" 2>/dev/null
 wait "${pids[@]}" 2>/dev/null
 pids=()
 ptp4l_config <<<"priority1 1
-logSyncInterval -3" >"$work/master.conf"
+logSyncInterval -3
+logAnnounceInterval -2
+announceReceiptTimeout 2" >"$work/master.conf"
 ip netns exec "$ns_b" ptp4l -f "$work/master.conf" -i "p$$b" -m >"$work/ptp4l-master.log" 2>&1 &
 pids+=($!)
 CLIAIRPLAY_PTP_FOLLOW=1 ip netns exec "$ns_a" "$TOOL" --ptp-daemon --if "$addr_a" --dacp "$device_id" \
@@ -158,7 +177,7 @@ echo "following ptp4l: offset ${offset} ns"
 (($(abs "$offset") < max_offset_ns)) || fail "offset ${offset} ns is over ${max_offset_ns} ns"
 
 # 3. No privilege: plain words and status 2.
-kill "${pids[@]}"
+kill "${pids[@]}" 2>/dev/null
 wait "${pids[@]}" 2>/dev/null
 pids=()
 ip netns exec "$ns_a" setpriv --reuid=65534 --regid=65534 --clear-groups \

@@ -33,9 +33,13 @@ TEST(PtpMessage, EveryMessageTheClockSendsReadsBackAsItWas) {
     request.sequenceId = 513;
     request.correction = -5 * 65536;
     const Message sync = gm.sync();
+    Message peerRequest = request;
+    peerRequest.type = MessageType::pdelayReq;
     for (const Message& m : {gm.announce(1'700'000'000 * second + 5), sync,
                              gm.followUp(sync, 1'700'000'000 * second + 999'999'999),
-                             *gm.answer(request, 42 * second + 1), request}) {
+                             *gm.answer(request, 42 * second + 1), request, peerRequest,
+                             *gm.answerPeerDelay(peerRequest, 43 * second),
+                             gm.peerDelayFollowUp(peerRequest, 44 * second)}) {
         const auto bytes = encodeMessage(m);
         EXPECT_EQ(bytes.size(), headerBytes + *bodyBytes(m.type));
         const auto back = parseMessage(bytes);
@@ -88,6 +92,19 @@ TEST(PtpGrandmaster, AnswersOnlyDelayRequestsOfItsDomain) {
     EXPECT_EQ(reply->requesting, request.source);
     EXPECT_EQ(reply->sequenceId, 9);
     EXPECT_EQ(reply->timestamp.toNs(), 7 * second + 3);
+    // A neighbour's peer-delay request: the time it came, then the time the answer left.
+    Message peer = request;
+    peer.type = MessageType::pdelayReq;
+    peer.correction = 3 * 65536;
+    const auto peerReply = gm.answerPeerDelay(peer, 8 * second);
+    ASSERT_TRUE(peerReply);
+    EXPECT_TRUE(peerReply->flags & flag::twoStep);
+    EXPECT_EQ(peerReply->requesting, peer.source);
+    EXPECT_EQ(peerReply->timestamp.toNs(), 8 * second);
+    const Message peerFollowUp = gm.peerDelayFollowUp(peer, 8 * second + 40'000);
+    EXPECT_EQ(peerFollowUp.timestamp.toNs(), 8 * second + 40'000);
+    EXPECT_EQ(correctionNs(peerFollowUp), 3);
+    EXPECT_FALSE(gm.answerPeerDelay(request, second));
     request.domain = 1;
     EXPECT_FALSE(gm.answer(request, second));
     request.domain = 0;

@@ -117,10 +117,15 @@ void PtpEngine::received(int fd) {
                 masterAddress_ = datagram->from;
             continue;
         }
-        if (auto reply = grandmaster_.answer(*message, datagram->receivedNs)) {
-            const bool unicast = message->flags & flag::unicast;
+        const bool unicast = message->flags & flag::unicast;
+        if (auto reply = grandmaster_.answer(*message, datagram->receivedNs))
             sockets_.sendGeneral(encodeMessage(*reply),
                                  unicast ? datagram->from : PtpSockets::multicast());
+        if (auto reply = grandmaster_.answerPeerDelay(*message, datagram->receivedNs)) {
+            const in_addr to = unicast ? datagram->from : PtpSockets::peerDelayMulticast();
+            if (const auto left = sockets_.sendEvent(encodeMessage(*reply), to))
+                sockets_.sendGeneral(encodeMessage(grandmaster_.peerDelayFollowUp(*message, *left)),
+                                     to);
         }
     }
 }

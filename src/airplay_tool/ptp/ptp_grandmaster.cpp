@@ -15,6 +15,8 @@ constexpr uint8_t announcedAccuracy = 0x21;
 constexpr uint16_t announcedVariance = 0x436A;
 constexpr uint8_t internalOscillator = 0xA0;
 constexpr uint8_t locallyAdministered = 0x02;
+// Peer-delay answers carry no interval of their own.
+constexpr int8_t peerDelayLogInterval = 0x7F;
 
 std::string hexDigits(const std::string& text) {
     std::string digits;
@@ -113,6 +115,24 @@ std::optional<Message> Grandmaster::answer(const Message& request, int64_t recei
     Message m = header(MessageType::delayResp, request.sequenceId, logDelayReqInterval);
     m.correction = request.correction;
     m.timestamp = Timestamp::fromNs(receivedNs);
+    m.requesting = request.source;
+    return m;
+}
+
+std::optional<Message> Grandmaster::answerPeerDelay(const Message& request,
+                                                    int64_t receivedNs) const {
+    if (request.type != MessageType::pdelayReq || request.domain != domain) return std::nullopt;
+    Message m = header(MessageType::pdelayResp, request.sequenceId, peerDelayLogInterval);
+    m.flags = flag::twoStep;
+    m.timestamp = Timestamp::fromNs(receivedNs);
+    m.requesting = request.source;
+    return m;
+}
+
+Message Grandmaster::peerDelayFollowUp(const Message& request, int64_t sentNs) const {
+    Message m = header(MessageType::pdelayRespFollowUp, request.sequenceId, peerDelayLogInterval);
+    m.correction = request.correction;
+    m.timestamp = Timestamp::fromNs(sentNs);
     m.requesting = request.source;
     return m;
 }

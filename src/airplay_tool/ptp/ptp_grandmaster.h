@@ -44,6 +44,11 @@ class Grandmaster {
     // The answer to a Delay_Req received at `receivedNs`; nothing for any
     // other message or another domain.
     std::optional<Message> answer(const Message& request, int64_t receivedNs) const;
+    // The two-step answer to a Pdelay_Req, with which a neighbour measures
+    // the link: a Pdelay_Resp at once, and once that has left (`sentNs`) its
+    // Follow_Up. Nothing for any other message or another domain.
+    std::optional<Message> answerPeerDelay(const Message& request, int64_t receivedNs) const;
+    Message peerDelayFollowUp(const Message& request, int64_t sentNs) const;
 
   private:
     Message header(MessageType type, uint16_t sequence, int8_t logInterval) const;

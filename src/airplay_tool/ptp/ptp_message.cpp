@@ -25,6 +25,11 @@ uint8_t controlField(MessageType type) {
     }
 }
 
+bool carriesRequester(MessageType type) {
+    return type == MessageType::delayResp || type == MessageType::pdelayResp ||
+           type == MessageType::pdelayRespFollowUp;
+}
+
 class Reader {
   public:
     explicit Reader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
@@ -99,6 +104,9 @@ std::optional<size_t> bodyBytes(MessageType type) {
         case MessageType::followUp:
             return timestampBytes;
         case MessageType::delayResp:
+        case MessageType::pdelayReq:  // its second half is reserved
+        case MessageType::pdelayResp:
+        case MessageType::pdelayRespFollowUp:
             return timestampBytes + portIdentityBytes;
         case MessageType::announce:
             return announceBodyBytes;
@@ -148,7 +156,7 @@ std::optional<Message> parseMessage(std::span<const uint8_t> datagram) {
     const auto stamp = r.timestamp();
     if (!stamp) return std::nullopt;
     m.timestamp = *stamp;
-    if (m.type == MessageType::delayResp) m.requesting = r.port();
+    if (carriesRequester(m.type)) m.requesting = r.port();
     if (m.type == MessageType::announce) {
         AnnounceBody& a = m.announce;
         a.currentUtcOffset = int16_t(r.number(2));
@@ -183,7 +191,8 @@ std::vector<uint8_t> encodeMessage(const Message& m) {
     w.number(uint8_t(m.logInterval), 1);
     if (!bodyBytes(m.type)) return w.out;
     w.timestamp(m.timestamp);
-    if (m.type == MessageType::delayResp) w.port(m.requesting);
+    if (carriesRequester(m.type)) w.port(m.requesting);
+    if (m.type == MessageType::pdelayReq) w.number(0, portIdentityBytes);
     if (m.type == MessageType::announce) {
         const AnnounceBody& a = m.announce;
         w.number(uint16_t(a.currentUtcOffset), 2);

@@ -17,6 +17,8 @@ namespace vt::airplay_tool::ptp {
 inline constexpr uint16_t eventPort = 319;    // Sync, Delay_Req: time-stamped
 inline constexpr uint16_t generalPort = 320;  // Announce, Follow_Up, Delay_Resp
 inline constexpr const char* multicastGroup = "224.0.1.129";
+// Where peer-delay messages go: never forwarded past the link.
+inline constexpr const char* peerDelayGroup = "224.0.0.107";
 inline constexpr size_t headerBytes = 34;
 inline constexpr uint8_t ptpVersion = 2;
 
@@ -85,10 +87,12 @@ struct Message {
     PortIdentity source;
     uint16_t sequenceId = 0;
     int8_t logInterval = 0x7F;
-    // originTimestamp (Sync, Delay_Req, Announce), preciseOriginTimestamp
-    // (Follow_Up) or receiveTimestamp (Delay_Resp).
+    // originTimestamp (Sync, Delay_Req, Pdelay_Req, Announce),
+    // preciseOriginTimestamp (Follow_Up), receiveTimestamp (Delay_Resp),
+    // requestReceiptTimestamp (Pdelay_Resp) or responseOriginTimestamp
+    // (Pdelay_Resp_Follow_Up).
     Timestamp timestamp;
-    PortIdentity requesting;  // Delay_Resp only
+    PortIdentity requesting;  // Delay_Resp, Pdelay_Resp and its Follow_Up
     AnnounceBody announce;    // Announce only
     bool operator==(const Message&) const = default;
 };

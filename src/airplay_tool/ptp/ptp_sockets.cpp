@@ -74,11 +74,13 @@ int bound(uint16_t port, const in_addr& interface, PtpSockets::Failure& failure,
         }
         return -1;
     }
-    ip_mreq group{};
-    group.imr_multiaddr = PtpSockets::multicast();
-    group.imr_interface = interface;
     // Without a route for multicast there is no group to join; unicast still works.
-    ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group);
+    for (in_addr joined : {PtpSockets::multicast(), PtpSockets::peerDelayMulticast()}) {
+        ip_mreq group{};
+        group.imr_multiaddr = joined;
+        group.imr_interface = interface;
+        ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group);
+    }
     ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface);
     const unsigned char off = 0, ttl = multicastTtl;
     ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
@@ -106,6 +108,12 @@ int64_t realtimeNs() {
 in_addr PtpSockets::multicast() {
     in_addr group{};
     ::inet_pton(AF_INET, multicastGroup, &group);
+    return group;
+}
+
+in_addr PtpSockets::peerDelayMulticast() {
+    in_addr group{};
+    ::inet_pton(AF_INET, peerDelayGroup, &group);
     return group;
 }
 

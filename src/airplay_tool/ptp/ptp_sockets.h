@@ -42,12 +42,14 @@ class PtpSockets {
     bool kernelTimestamps() const { return kernelStamps_; }
 
     // Sends on the event port and gives the time the packet left.
+    // Multicast goes to the PTP group, or with `to` the peer-delay group.
     std::optional<int64_t> sendEvent(std::span<const uint8_t> bytes, in_addr to);
     bool sendGeneral(std::span<const uint8_t> bytes, in_addr to);
     // One datagram from `fd` (one of the two), or nothing when none waits.
     std::optional<Datagram> receive(int fd);
 
     static in_addr multicast();
+    static in_addr peerDelayMulticast();
 
   private:
     PtpSockets(int event, int general, bool kernelStamps)
