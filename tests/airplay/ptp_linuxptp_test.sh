@@ -10,19 +10,24 @@
 #     same with ptp4l measuring the link peer to peer (Pdelay).
 #  2. With CLIAIRPLAY_PTP_FOLLOW=1 our daemon follows ptp4l as master: its
 #     shared socket must report ptp4l's clock, ready, within 100 us.
-#  3. Without the privilege to bind 319/320 the daemon says so and ends with 2.
+#     A session's clock (as the AirPlay 2 route runs it) joins the daemon
+#     with ptp4l as its receiver and reports it ready; with the daemon gone
+#     it runs a clock of its own, which ptp4l also answers.
+#  3. Without the privilege to bind 319/320 the daemon says so and ends with
+#     2, and a session keeps time by NTP and says so.
 # ptp4l runs with free_running 1: it measures but never steers the system
 # clock, which it would share with everything else on this machine.
 #
-#   ptp_linuxptp_test.sh BIN_DIR
+#   ptp_linuxptp_test.sh BIN_DIR SESSION_PROBE
 set -uo pipefail
 
 TOOL=$(realpath "$1")/vellatone-airplay
+PROBE=$(realpath "$2")
 [[ $(id -u) = 0 ]] || { echo "skipped: needs root for network namespaces"; exit 77; }
 for need in ip ptp4l pmc python3 setpriv; do
     command -v "$need" >/dev/null || { echo "skipped: $need is not installed"; exit 77; }
 done
-[[ -x $TOOL ]] || { echo "skipped: no vellatone-airplay built"; exit 77; }
+[[ -x $TOOL && -x $PROBE ]] || { echo "skipped: the tool or the probe is not built"; exit 77; }
 
 # Clocks differ by less than this, or the test fails.
 max_offset_ns=100000
@@ -131,6 +136,13 @@ for sample in 1 2 3; do
 done
 ask_daemon "? $addr_b" | grep -q "peers=1 heard=1" || fail "the daemon did not hear ptp4l: $(ask_daemon "? $addr_b")"
 
+# A session joins the daemon with ptp4l as its receiver.
+ip netns exec "$ns_a" "$PROBE" --shared "$addr_b" "$addr_a" >"$work/session-shared.log" 2>&1 ||
+    fail "a session on the daemon's clock never became ready"
+grep -q "source=shared clock_number=-6144091866752225537" "$work/session-shared.log" ||
+    fail "the session did not join the daemon"
+grep -q "clock_ready mode=ptp state=ready" "$work/session-shared.log" || fail "no ready line"
+
 # 1b. The same with the link measured peer to peer (Pdelay_Req, answered
 # two-step), as 802.1AS receivers measure it.
 kill "$slave_pid"
@@ -148,6 +160,14 @@ measured_peer() {
 wait_for 12 measured_peer || fail "ptp4l measured no peer delay to our clock"
 echo "ptp4l following us peer to peer: offsetFromMaster ${offset} ns, peerMeanPathDelay ${delay} ns"
 (($(abs "$offset") < max_offset_ns)) || fail "offset ${offset} ns is over ${max_offset_ns} ns"
+
+# Without the daemon a session runs a clock of its own, and ptp4l answers it too.
+kill "${pids[0]}"
+wait "${pids[0]}" 2>/dev/null
+ip netns exec "$ns_a" "$PROBE" "$addr_b" "$addr_a" >"$work/session-own.log" 2>&1 ||
+    fail "a session with a clock of its own never became ready"
+grep -q "source=own" "$work/session-own.log" || fail "the session did not run its own clock"
+grep "clock_ready" "$work/session-own.log" | tail -1
 
 # 2. ptp4l leads; we follow.
 kill "${pids[@]}" 2>/dev/null
@@ -186,5 +206,10 @@ status=$?
 [[ $status = 2 ]] || fail "an unprivileged daemon ended with $status, not 2"
 grep -q "code=ptp_no_privilege .*needs root or CAP_NET_BIND_SERVICE" "$work/unprivileged.log" ||
     fail "an unprivileged daemon did not say why: $(cat "$work/unprivileged.log")"
+ip netns exec "$ns_a" setpriv --reuid=65534 --regid=65534 --clear-groups \
+    "$PROBE" "$addr_b" "$addr_a" >"$work/session-none.log" 2>&1
+grep -q "mode=none .*needs root or CAP_NET_BIND_SERVICE" "$work/session-none.log" &&
+    grep -q "clock_ready mode=ntp state=ready" "$work/session-none.log" ||
+    fail "an unprivileged session did not fall back to NTP: $(cat "$work/session-none.log")"
 
 echo "passed in $(python3 -c "print(round($(date +%s.%N) - $started, 1))") s"

@@ -112,6 +112,9 @@ void PtpEngine::received(int fd) {
         heard.lastNs = datagram->receivedNs;
         ++heard.count;
         if (options_.follow) {
+            // With receivers registered, the clock followed is one of theirs.
+            const bool choosing = !follower_.master() && message->type == MessageType::announce;
+            if (choosing && !peers_.empty() && !peers_.count(from)) continue;
             follower_.receive(*message, datagram->receivedNs);
             if (follower_.master() && message->source.clock == *follower_.master())
                 masterAddress_ = datagram->from;

@@ -1,7 +1,8 @@
 // One PTP clock at work on its two ports: leading as a two-step grandmaster
 // (Announce each second, Sync and Follow_Up every 125 ms, to the PTP
 // multicast group and to every registered peer; a Delay_Resp to every
-// Delay_Req) or following the first clock that announces itself. It runs on
+// Delay_Req) or following the first clock that announces itself (one of the
+// registered peers', when there are any). It runs on
 // one thread of its own (`run`); the others ask it for its status and
 // register peers, under its lock. The daemon serves it to every sender; a
 // sender without a daemon runs one in its own process.
