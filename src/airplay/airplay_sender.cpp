@@ -166,8 +166,13 @@ std::vector<std::string> AirPlaySender::arguments(const std::string& cmdPipe) co
                                   "--timing",
                                   config_.timing,
                                   "--dacp",
-                                  config_.deviceID};
+                                  config_.credential ? config_.credential->dacp : config_.deviceID};
     if (config_.timing == ptp && config_.ptpShared) a.push_back("--ptp-shared");
+    // Never on the compatible route, which does not pair.
+    if (config_.credential && config_.route == nativeRoute) {
+        a.push_back("--auth");
+        a.push_back(config_.credential->creds);
+    }
     if (config_.password && !config_.password->empty()) {
         a.push_back("--password");
         a.push_back(*config_.password);

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "airplay/airplay_credential.h"
 #include "airplay/airplay_status.h"
 #include "airplay/child_process.h"
 #include "airplay/status_table.h"
@@ -55,6 +56,8 @@ class AirPlaySender {
         std::filesystem::path binary;
         discovery::AirPlayReceiver receiver;
         std::optional<std::string> password;
+        // A PIN pairing's result: its id goes as --dacp instead of deviceID.
+        std::optional<AirPlayCredential> credential;
         std::string deviceID;
         std::string timing = ptp;
         std::string route = nativeRoute;

@@ -73,6 +73,7 @@ void AirPlaySupervisor::start(int slot, const discovery::AirPlayReceiver& r) {
     config.binary = *hooks_.tool();
     config.receiver = r;
     config.password = hooks_.password(r.id);
+    if (hooks_.credential) config.credential = hooks_.credential(r.id);
     config.deviceID = hooks_.deviceID();
     if (isAirPlay1(r)) {
         // An AirPlay 1 receiver has no PTP clock to share: its tool keeps
@@ -300,7 +301,15 @@ void AirPlaySupervisor::handle(int slot, const std::string& id, const AirPlaySta
         case Kind::forbidden:
             waitForUser(slot);  // only the notice's Try again changes a refusal
             return;
-        case Kind::authRequired:
+        case Kind::authRequired: {
+            // Pairing is offered by itself only where a code is shown and
+            // none was tried; otherwise the row's menu offers it.
+            auto sender = senders_.find(slot);
+            const bool hadCredential =
+                sender != senders_.end() && sender->second->config().credential.has_value();
+            if (!hadCredential && r && wantsPIN(*r) && hooks_.askPairing) hooks_.askPairing(slot);
+            return;
+        }
         default:
             return;
     }

@@ -57,6 +57,9 @@ class AirPlaySupervisor {
         // Ask the user for the receiver's password.
         std::function<void(int slot)> askPassword;
         std::function<std::optional<std::string>(const std::string& receiverID)> password;
+        // Offer the PIN pairing for the row (once per row: the model keeps count).
+        std::function<void(int slot)> askPairing;
+        std::function<std::optional<AirPlayCredential>(const std::string& receiverID)> credential;
         // The stored route: none means the native one.
         std::function<std::optional<std::string>(const std::string& receiverID)> route;
         std::function<void(const std::string& receiverID, const std::optional<std::string>& route)>

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "airplay/airplay_pairing.h"
 #include "airplay/airplay_sender.h"
 #include "airplay/airplay_supervisor.h"
 #include "calibration/calibrator.h"
@@ -186,6 +187,21 @@ class AppModel {
     const std::optional<std::string>& passwordReceiverID() const { return passwordReceiverID_; }
     const std::optional<std::string>& passwordReceiverName() const { return passwordReceiverName_; }
     bool passwordRejected() const { return passwordRejected_; }
+    // The PIN sheet (app_model_pairing.cpp): a one-time pairing with the
+    // row's receiver, whose credential every later sender hands on. At most
+    // one runs; a second one ends the first.
+    bool canPair(int slot) const;
+    void beginPairing(int slot);
+    void submitPIN(const std::string& typed);
+    void endPairing();
+    const std::optional<std::string>& pairingReceiverID() const { return pairingReceiverID_; }
+    const std::optional<std::string>& pairingReceiverName() const { return pairingReceiverName_; }
+    bool pairingAwaitingPIN() const { return pairingAwaitingPIN_; }
+    const std::optional<std::string>& pairingError() const { return pairingError_; }
+    std::optional<airplay::AirPlayCredential> airplayCredential(
+        const std::string& receiverID) const;
+    void setAirplayCredential(const airplay::AirPlayCredential& credential,
+                              const std::string& receiverID);
     // This computer's id towards AirPlay receivers, made once and kept.
     std::string airplayDeviceID();
     // At launch: drops kept pairings made under another device id, and the
@@ -466,6 +482,10 @@ class AppModel {
     std::unique_ptr<mixer::AppMixer> mixer_;
     std::optional<std::string> passwordReceiverID_, passwordReceiverName_;
     bool passwordRejected_ = false;
+    void pairingEvent(const airplay::AirPlayPairing::Event& event);
+    std::unique_ptr<airplay::AirPlayPairing> pairing_;
+    std::optional<std::string> pairingReceiverID_, pairingReceiverName_, pairingError_;
+    bool pairingAwaitingPIN_ = false;
 
     std::unique_ptr<nowplaying::NowPlaying> nowPlaying_;
     std::optional<nowplaying::NowPlayingInfo> nowPlayingInfo_;

@@ -63,6 +63,12 @@ void AppModel::enableAirPlay(secrets::SecretStore& secrets) {
         beginPassword(slot);
     };
     hooks.password = [this](const std::string& id) { return passwords_->password(id); };
+    hooks.askPairing = [this](int slot) {
+        if (validSlot(slot) < 0 || rows_[slot].pairingOffered) return;
+        rows_[slot].pairingOffered = true;
+        beginPairing(slot);
+    };
+    hooks.credential = [this](const std::string& id) { return airplayCredential(id); };
     hooks.route = [this](const std::string& id) { return airplayRoute(id); };
     hooks.setRoute = [this](const std::string& id, const std::optional<std::string>& route) {
         setAirplayRoute(id, route);

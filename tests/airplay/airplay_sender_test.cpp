@@ -135,6 +135,22 @@ TEST_F(AirPlaySenderTest, AnNtpReceiverStartsOnConnectedAndPlaysAtTheToolsLead) 
     EXPECT_EQ(renders_, renders);
 }
 
+TEST_F(AirPlaySenderTest, APairingsIdAndCredentialGoOnTheNativeRouteOnly) {
+    for (const char* route : {"airplay2", "airplay2-compat"}) {
+        make("ptp", route);
+        AirPlaySender::Config c = sender_->config();
+        c.credential = AirPlayCredential{"02:99:99:99:99:99", "c0ffee"};
+        const auto args = AirPlaySender(std::move(c), queue_).arguments("/tmp/p");
+        const auto has = [&](const std::string& a, const std::string& b) {
+            for (size_t i = 0; i + 1 < args.size(); ++i)
+                if (args[i] == a && args[i + 1] == b) return true;
+            return false;
+        };
+        EXPECT_TRUE(has("--dacp", "02:99:99:99:99:99")) << route;
+        EXPECT_EQ(has("--auth", "c0ffee"), std::string(route) == "airplay2") << route;
+    }
+}
+
 TEST_F(AirPlaySenderTest, APtpReceiverWithoutAClockStartsSixSecondsAfterConnecting) {
     setenv("FAKE_TOOL_ERR", "[STATUS] connected\\n", 1);
     make("ptp", "airplay2");

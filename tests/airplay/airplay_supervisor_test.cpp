@@ -69,6 +69,11 @@ class SupervisorTest : public ::testing::Test {
         h.latencyChanged = [this](int slot, double ms) { latency_[slot] = ms; };
         h.connectingChanged = [](int, bool) {};
         h.askPassword = [this](int slot) { asked_.push_back(slot); };
+        h.askPairing = [this](int slot) { pairingAsked_.push_back(slot); };
+        h.credential = [this](const std::string& id) -> std::optional<AirPlayCredential> {
+            auto it = credentials_.find(id);
+            return it == credentials_.end() ? std::nullopt : std::optional(it->second);
+        };
         h.password = [this](const std::string& id) -> std::optional<std::string> {
             auto it = passwords_.find(id);
             return it == passwords_.end() ? std::nullopt : std::optional(it->second);
@@ -112,7 +117,8 @@ class SupervisorTest : public ::testing::Test {
     std::vector<AirPlaySupervisor::Row> rows_;
     std::map<int, std::optional<AirPlayStatus>> shown_;
     std::map<int, double> latency_;
-    std::vector<int> asked_;
+    std::vector<int> asked_, pairingAsked_;
+    std::map<std::string, AirPlayCredential> credentials_;
     std::map<std::string, std::string> passwords_, routes_;
     std::vector<AirPlaySender::Config> configs_;
     std::vector<ScriptedSender*> made_;
@@ -224,14 +230,25 @@ TEST_F(SupervisorTest, ARefusedPasswordAsksOnceForAnAirPlay1ReceiverAndAGivenOne
     EXPECT_EQ(configs_.back().password, "hunter2");
 }
 
-TEST_F(SupervisorTest, AnAirPlay1ReceiverWantingAuthenticationWantsItsPassword) {
-    rows_ = {{0, "Kitchen"}, {1, "Den"}};
-    sup_->setReceivers({receiver("Kitchen"), receiver("Den", true)});
+TEST_F(SupervisorTest, AuthenticationWantedIsAPasswordOnAirPlay1AndAPairingWhereACodeIsShown) {
+    rows_ = {{0, "Kitchen"}, {1, "Den"}, {2, "TV"}};
+    sup_->setReceivers(
+        {receiver("Kitchen"), receiver("Den", true), receiver("TV", true, "AppleTV6,2")});
     made_[0]->say(Kind::authRequired);
     made_[1]->say(Kind::authRequired);
+    made_[2]->say(Kind::authRequired);
     EXPECT_EQ(asked_, std::vector<int>{0});
     EXPECT_EQ(sup_->status(0)->kind, Kind::passwordRequired);
-    EXPECT_EQ(sup_->status(1)->kind, Kind::authRequired);  // AirPlay 2: pairing
+    EXPECT_EQ(sup_->status(1)->kind, Kind::authRequired);  // AirPlay 2, but shows no code
+    EXPECT_EQ(pairingAsked_, std::vector<int>{2});
+
+    // Paired: the next sender hands the credential on, and a refusal of it
+    // is left to the row's menu rather than asked again.
+    credentials_["TV"] = {"02:00:00:00:00:09", "c0ffee"};
+    sup_->passwordGiven(2);
+    EXPECT_EQ(configs_.back().credential, credentials_["TV"]);
+    last()->say(Kind::authRequired);
+    EXPECT_EQ(pairingAsked_, std::vector<int>{2});
 }
 
 TEST_F(SupervisorTest, AStoredPasswordRefusedOnAirPlay2TriesTheCompatibleRouteFirst) {

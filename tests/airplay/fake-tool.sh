@@ -6,6 +6,8 @@
 # launch (printf %b), $FAKE_TOOL_ON_START on standard error at ACTION=START;
 # $FAKE_TOOL_EXIT, if set, ends the tool at once with that status after
 # printing.
+# A pairing run is fake-pair-tool.sh's.
+[ "$1" = --pair-setup ] && exec "$(dirname "$0")/fake-pair-tool.sh" "$@"
 # As the PTP daemon it only lives until SIGTERM, or ends at once with
 # $FAKE_PTP_EXIT as a daemon without the privilege for its ports does.
 case " $* " in *" --ptp-daemon "*)

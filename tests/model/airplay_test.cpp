@@ -4,6 +4,8 @@
 #include <stdlib.h>
 
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "discovery/fake_service_browser.h"
@@ -20,8 +22,8 @@ class AirPlayModelTest : public ModelTest {
     AirPlayModelTest() {
         setenv("VELLATONE_CLIAIRPLAY", VELLATONE_FAKE_AIRPLAY_TOOL, 1);
         setenv("FAKE_TOOL_DIR", dir.c_str(), 1);
-        for (const char* v :
-             {"FAKE_TOOL_OUT", "FAKE_TOOL_ERR", "FAKE_TOOL_ON_START", "FAKE_TOOL_EXIT"})
+        for (const char* v : {"FAKE_TOOL_OUT", "FAKE_TOOL_ERR", "FAKE_TOOL_ON_START",
+                              "FAKE_TOOL_EXIT", "FAKE_PAIR_ERR", "FAKE_PAIR_EXIT"})
             unsetenv(v);
     }
     ~AirPlayModelTest() override { model.reset(); }
@@ -118,6 +120,42 @@ TEST_F(AirPlayModelTest, AReceiverThatTurnsUsAwayRaisesItsNoticeAndTryAgainTries
     m.act(forbidden, NoticeButton::primary);
     EXPECT_FALSE(m.noticeFor(kitchen()));
     ASSERT_TRUE(waitFor([&] { return m.noticeFor(kitchen()).has_value(); }));
+    m.startStop();
+}
+
+TEST_F(AirPlayModelTest, ATvThatWantsPairingOpensThePinSheetAndTheCredentialIsUsedNext) {
+    setenv("FAKE_TOOL_ERR", "[STATUS] error code=auth_required http=470\\n[ERROR] pair\\n", 1);
+    setenv("FAKE_PAIR_CODE", "3939", 1);
+    AppModel& m = launch();
+    m.enableDiscovery(network);
+    m.enableAirPlay(secrets);
+    m.addOutput("living");
+    network.announce("_airplay._tcp", {{"TV",
+                                        {{"model", "AppleTV6,2"}, {"features", "0x5A7FFFF7,0x1E"}},
+                                        discovery::ServiceAddress{"192.0.2.8", 7000}}});
+    settle();
+    ASSERT_TRUE(m.addAirPlayOutput("TV"));
+    settle();
+    m.startStop();
+    ASSERT_TRUE(waitFor([&] { return m.pairingAwaitingPIN(); }));
+    EXPECT_EQ(m.pairingReceiverName(), "TV");
+    EXPECT_EQ(m.meta(m.rows()[1]), "AirPlay · needs pairing");
+
+    m.submitPIN("3 9 3 9");
+    ASSERT_TRUE(waitFor([&] { return !m.pairingReceiverID().has_value(); }));
+    const auto kept = m.airplayCredential("TV");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(*kept, (airplay::AirPlayCredential{m.airplayDeviceID(), "0123abcd"}));
+    // The refused sender makes way for one that hands the credential on.
+    ASSERT_TRUE(waitFor([&] {
+        std::ifstream in(dir / "args");
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str().find("--auth\n0123abcd\n") != std::string::npos;
+    }));
+    // Refused again with it: the sheet does not open by itself a second time.
+    settle();
+    EXPECT_FALSE(m.pairingReceiverID());
     m.startStop();
 }
 
