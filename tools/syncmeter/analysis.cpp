@@ -204,6 +204,63 @@ std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int wind
     return points;
 }
 
+std::optional<Arrival> firstArrival(const Track& a, const Track& b, double maxLagSec,
+                                    double fraction) {
+    const std::vector<float>& ref = *a.samples;
+    if (ref.empty() || b.samples->empty() || !(maxLagSec > 0)) return std::nullopt;
+    const std::vector<float> other = resampleOnto(a, b);
+    const long maxLag = static_cast<long>(maxLagSec * a.rate);
+    const long n = static_cast<long>(ref.size());
+    if (n < 2 * maxLag) return std::nullopt;
+    size_t size = 1;
+    while (size < static_cast<size_t>(n + maxLag)) size <<= 1;
+    std::vector<double> x(size, 0.0), y(size, 0.0), corr(size);
+    std::copy(ref.begin(), ref.end(), x.begin());
+    std::copy(other.begin(), other.end(), y.begin());
+    const size_t bins = size / 2 + 1;
+    auto* fx = fftw_alloc_complex(bins);
+    auto* fy = fftw_alloc_complex(bins);
+    fftw_plan px = fftw_plan_dft_r2c_1d(static_cast<int>(size), x.data(), fx, FFTW_ESTIMATE);
+    fftw_plan py = fftw_plan_dft_r2c_1d(static_cast<int>(size), y.data(), fy, FFTW_ESTIMATE);
+    fftw_execute(px);
+    fftw_execute(py);
+    for (size_t k = 0; k < bins; ++k) {
+        std::complex<double> p = std::complex<double>(fx[k][0], -fx[k][1]) *
+                                 std::complex<double>(fy[k][0], fy[k][1]);
+        fx[k][0] = p.real();
+        fx[k][1] = p.imag();
+    }
+    fftw_plan pc = fftw_plan_dft_c2r_1d(static_cast<int>(size), fx, corr.data(), FFTW_ESTIMATE);
+    fftw_execute(pc);
+    fftw_destroy_plan(px);
+    fftw_destroy_plan(py);
+    fftw_destroy_plan(pc);
+    fftw_free(fx);
+    fftw_free(fy);
+
+    corr.resize(static_cast<size_t>(maxLag) + 1);
+    const size_t strongest =
+        static_cast<size_t>(std::max_element(corr.begin(), corr.end()) - corr.begin());
+    if (corr[strongest] <= 0) return std::nullopt;
+    std::vector<double> magnitudes(corr.size());
+    for (size_t i = 0; i < corr.size(); ++i) magnitudes[i] = std::fabs(corr[i]);
+    std::nth_element(magnitudes.begin(), magnitudes.begin() + magnitudes.size() / 2,
+                     magnitudes.end());
+    const double median = std::max(magnitudes[magnitudes.size() / 2], 1e-30);
+    size_t first = 0;
+    while (corr[first] < fraction * corr[strongest]) ++first;
+    while (first + 1 < corr.size() && corr[first + 1] > corr[first]) ++first;
+    // A parabola through the peak and its neighbours, as bestLag does.
+    auto refine = [&](size_t i) {
+        if (i == 0 || i + 1 >= corr.size()) return static_cast<double>(i);
+        const double ym = corr[i - 1], y0 = corr[i], yp = corr[i + 1];
+        const double denom = ym - 2 * y0 + yp;
+        return static_cast<double>(i) + (denom != 0 ? 0.5 * (ym - yp) / denom : 0.0);
+    };
+    const double ms = periodOf(a) * 1000.0;
+    return Arrival{refine(first) * ms, refine(strongest) * ms, corr[strongest] / median};
+}
+
 Dropouts findDropouts(const std::vector<float>& left, const std::vector<float>& right, double rate,
                       double minMs) {
     Dropouts d;

@@ -44,6 +44,18 @@ struct OffsetPoint {
 std::vector<OffsetPoint> measureOffsets(const Track& a, const Track& b, int windows,
                                         double windowSec);
 
+// The first arrival of a's sound in b: where a sound reaches b along
+// several paths (a direct one, then louder reflections), the earliest lag,
+// within [0, maxLagSec], whose correlation reaches `fraction` of the
+// strongest; refined to a fraction of a sample on its own local peak.
+struct Arrival {
+    double firstMs = 0;      // b hears a's sound this much later, by the first path
+    double strongestMs = 0;  // ... and loudest by this path
+    double strength = 0;     // the strongest correlation over the median of all lags
+};
+std::optional<Arrival> firstArrival(const Track& a, const Track& b, double maxLagSec,
+                                    double fraction);
+
 struct Dropout {
     double atSec = 0;  // from the start of the recording
     double ms = 0;

@@ -2,7 +2,7 @@
 // once and reports how well they play the same sound in time.
 //
 //   vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]
-//       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...
+//       [--expect A-B=MS]... [--latency A->B]... [--arrival A->B]... NAME=SOURCE...
 //   vellatone-syncmeter --raw FILE [--rate R] [--channels C] [--skip S] [...] NAME=PORT...
 //
 // With --raw nothing is recorded: FILE holds one capture of C interleaved
@@ -12,7 +12,11 @@
 //
 // For --expect, the error of B's offset against A (B later is positive) from
 // MS is measured at K points along the run. --latency prints the median offset
-// of B against A. Every recording is checked for runs of digital silence
+// of B against A. --arrival prints when B first hears A's sound, by the
+// earliest path that carries at least 30 % of the strongest one's sound (a
+// microphone hears a speaker directly and then, maybe louder, off the walls):
+// with a different noise in each speaker, each speaker's delay to the
+// microphone, measured rather than taken from anything's settings. Every recording is checked for runs of digital silence
 // longer than 1 ms inside the sound, and for sound in at least half of it.
 // With --capture NAME, that recording is what the others play from: a gap
 // at another is judged against the capture's gaps around it and fails only
@@ -41,6 +45,10 @@ using vt::syncmeter::Recording;
 // the speakers play the capture well under this later, and a stall of the
 // whole machine silences both at the same moment.
 constexpr double kGapNearSec = 0.5;
+// A speaker's sound reaches the microphone within this long.
+constexpr double kArrivalMaxLagSec = 0.5;
+// A path carrying this share of the strongest one's correlation is an arrival.
+constexpr double kArrivalFraction = 0.3;
 
 struct Pair {
     std::string a, b;
@@ -52,7 +60,8 @@ struct Pair {
                  "usage: vellatone-syncmeter [--seconds N] [--windows K] [--limit-ms L]\n"
                  "       [--raw FILE [--rate R] [--channels C] [--skip S]]\n"
                  "       [--capture NAME [--gap-slack-ms MS]]\n"
-                 "       [--expect A-B=MS]... [--latency A->B]... NAME=SOURCE...\n");
+                 "       [--expect A-B=MS]... [--latency A->B]... [--arrival A->B]...\n"
+                 "       NAME=SOURCE...\n");
     std::exit(2);
 }
 
@@ -74,7 +83,7 @@ int main(int argc, char** argv) {
     int rawChannels = 0;
     std::string captureName;
     double gapSlackMs = 5.0;
-    std::vector<Pair> expects, latencies;
+    std::vector<Pair> expects, latencies, arrivals;
     std::vector<vt::syncmeter::RecordRequest> requests;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -111,6 +120,11 @@ int main(int argc, char** argv) {
             size_t arrow = v.find("->");
             if (arrow == std::string::npos) usage();
             latencies.push_back({v.substr(0, arrow), v.substr(arrow + 2), 0});
+        } else if (arg == "--arrival") {
+            std::string v = next();
+            size_t arrow = v.find("->");
+            if (arrow == std::string::npos) usage();
+            arrivals.push_back({v.substr(0, arrow), v.substr(arrow + 2), 0});
         } else if (arg.find('=') != std::string::npos && arg[0] != '-') {
             size_t eq = arg.find('=');
             requests.push_back({arg.substr(0, eq), arg.substr(eq + 1)});
@@ -188,6 +202,18 @@ int main(int argc, char** argv) {
         std::vector<double> offsets;
         for (const auto& pt : points) offsets.push_back(pt.offsetMs);
         std::printf("latency %s->%s: %.1f ms\n", p.a.c_str(), p.b.c_str(), median(offsets));
+    }
+    for (const auto& p : arrivals) {
+        auto arrival = vt::syncmeter::firstArrival(track(p.a), track(p.b), kArrivalMaxLagSec,
+                                                   kArrivalFraction);
+        if (!arrival) {
+            std::printf("arrival %s->%s: no common sound found\n", p.a.c_str(), p.b.c_str());
+            ok = false;
+            continue;
+        }
+        std::printf("arrival %s->%s: %.3f ms (strongest at %.3f ms, %.0f times the median)\n",
+                    p.a.c_str(), p.b.c_str(), arrival->firstMs, arrival->strongestMs,
+                    arrival->strength);
     }
     // Gaps on the host time line, so that a speaker's can be set against the
     // capture's.
