@@ -8,8 +8,10 @@
 //   vellatone-room --out SINK [--noise LEVEL] SPEAKER=MS[@GAIN][,MS[@GAIN]]...
 //
 // Each line on standard input is a new set of paths (the same words); a
-// speaker it does not name falls silent. "ready" is printed once every
-// stream runs, "paths" after each change.
+// speaker it does not name falls silent. "noise" makes the room play a
+// noise of its own into every speaker sink (a different one into each),
+// "quiet" stops it. "ready" is printed once every stream runs, "settled" when
+// the delays hold, "paths", "noise" and "quiet" as each is done.
 //
 // Frames are placed by the host time the server's timing gives every block,
 // on both sides: the delay from a speaker's sink to the room's sink is what
@@ -21,11 +23,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/pulse/pulse_loop.h"
@@ -39,6 +44,7 @@ using vt::platform::pulse::PulseLoop;
 
 constexpr uint32_t kRoomRate = 48000;
 constexpr double kDefaultNoise = 0.003;
+constexpr double kSettleSec = 3.0;
 
 [[noreturn]] void usage() {
     std::fprintf(stderr,
@@ -62,8 +68,29 @@ void recorded(void* history, const float* frames, uint32_t count, double hostSec
     static_cast<vt::room::SpeakerHistory*>(history)->append(frames, count, hostSec);
 }
 
-void silence(void*, float* frames, uint32_t count, double, double) {
-    std::fill(frames, frames + 2 * static_cast<size_t>(count), 0.0f);
+// What the room plays into a speaker sink itself: silence, or on request a
+// noise of its own for each speaker, so that the microphone's recording
+// correlates with each speaker only where it hears that one.
+struct Keeper {
+    std::atomic<bool>* noisy = nullptr;
+    uint64_t state = 0;
+};
+constexpr float kKeeperNoise = 0.3f;
+
+void keep(void* keeper, float* frames, uint32_t count, double, double) {
+    auto* k = static_cast<Keeper*>(keeper);
+    const bool noisy = k->noisy->load(std::memory_order_relaxed);
+    for (uint32_t i = 0; i < count; ++i) {
+        float v = 0.0f;
+        if (noisy) {
+            k->state ^= k->state << 13;
+            k->state ^= k->state >> 7;
+            k->state ^= k->state << 17;
+            v = kKeeperNoise * (2.0f * static_cast<float>(k->state >> 40) / (1 << 24) - 1.0f);
+        }
+        frames[2 * i] = v;
+        frames[2 * i + 1] = v;
+    }
 }
 
 void play(void* mixer, float* frames, uint32_t count, double presentSec, double) {
@@ -122,17 +149,20 @@ int main(int argc, char** argv) {
     std::vector<std::unique_ptr<vt::platform::Stream>> streams;
     // An idle null sink renders far ahead, and jumps back when something
     // starts to play into it: a speaker's recorded time line would jump
-    // with it. Silence of ours keeps every speaker playing all along.
+    // with it. A stream of ours keeps every speaker playing all along.
+    std::atomic<bool> noisy{false};
+    std::vector<Keeper> keepers(speakers.size());
     for (size_t i = 0; i < speakers.size(); ++i) {
-        auto keep = vt::platform::pulse::openPlaybackStream(
-            outLoop, speakers[i], "Vellatone room silence",
-            static_cast<uint32_t>(histories[i]->rate()), &silence, nullptr);
-        if (keep.stream) streams.push_back(std::move(keep.stream));
+        keepers[i] = Keeper{&noisy, 0x9e3779b97f4a7c15ULL * (i + 1)};
+        auto kept = vt::platform::pulse::openPlaybackStream(
+            outLoop, speakers[i], "Vellatone room", static_cast<uint32_t>(histories[i]->rate()),
+            &keep, &keepers[i]);
+        if (kept.stream) streams.push_back(std::move(kept.stream));
     }
     for (size_t i = 0; i < speakers.size(); ++i) {
-        auto r = vt::platform::pulse::openRecordStream(
-            in, speakers[i] + ".monitor", static_cast<uint32_t>(histories[i]->rate()), &recorded,
-            histories[i].get());
+        auto r = vt::platform::pulse::openRecordStream(in, speakers[i] + ".monitor",
+                                                       static_cast<uint32_t>(histories[i]->rate()),
+                                                       &recorded, histories[i].get());
         if (!r.stream) {
             std::fprintf(stderr, "vellatone-room: cannot record %s: %s\n", speakers[i].c_str(),
                          r.error.c_str());
@@ -150,9 +180,22 @@ int main(int argc, char** argv) {
     streams.push_back(std::move(r.stream));
     std::printf("ready\n");
     std::fflush(stdout);
+    // The streams' clocks take their first lines from a few seconds of
+    // timing; until then the delays may be off by milliseconds.
+    std::thread([] {
+        std::this_thread::sleep_for(std::chrono::duration<double>(kSettleSec));
+        std::printf("settled\n");
+        std::fflush(stdout);
+    }).detach();
 
     std::string line;
     while (std::getline(std::cin, line)) {
+        if (line == "noise" || line == "quiet") {
+            noisy.store(line == "noise", std::memory_order_relaxed);
+            std::printf("%s\n", line.c_str());
+            std::fflush(stdout);
+            continue;
+        }
         auto next = vt::room::parsePaths(line, speakers, error);
         if (!next) {
             std::fprintf(stderr, "vellatone-room: %s\n", error.c_str());

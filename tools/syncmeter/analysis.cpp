@@ -225,8 +225,8 @@ std::optional<Arrival> firstArrival(const Track& a, const Track& b, double maxLa
     fftw_execute(px);
     fftw_execute(py);
     for (size_t k = 0; k < bins; ++k) {
-        std::complex<double> p = std::complex<double>(fx[k][0], -fx[k][1]) *
-                                 std::complex<double>(fy[k][0], fy[k][1]);
+        std::complex<double> p =
+            std::complex<double>(fx[k][0], -fx[k][1]) * std::complex<double>(fy[k][0], fy[k][1]);
         fx[k][0] = p.real();
         fx[k][1] = p.imag();
     }

@@ -16,8 +16,8 @@
 // earliest path that carries at least 30 % of the strongest one's sound (a
 // microphone hears a speaker directly and then, maybe louder, off the walls):
 // with a different noise in each speaker, each speaker's delay to the
-// microphone, measured rather than taken from anything's settings. Every recording is checked for runs of digital silence
-// longer than 1 ms inside the sound, and for sound in at least half of it.
+// microphone, measured rather than taken from anything's settings. Every recording is checked for
+// runs of digital silence longer than 1 ms inside the sound, and for sound in at least half of it.
 // With --capture NAME, that recording is what the others play from: a gap
 // at another is judged against the capture's gaps around it and fails only
 // when longer than they were by over --gap-slack-ms (5 by default); the
@@ -201,7 +201,7 @@ int main(int argc, char** argv) {
         }
         std::vector<double> offsets;
         for (const auto& pt : points) offsets.push_back(pt.offsetMs);
-        std::printf("latency %s->%s: %.1f ms\n", p.a.c_str(), p.b.c_str(), median(offsets));
+        std::printf("latency %s->%s: %.3f ms\n", p.a.c_str(), p.b.c_str(), median(offsets));
     }
     for (const auto& p : arrivals) {
         auto arrival = vt::syncmeter::firstArrival(track(p.a), track(p.b), kArrivalMaxLagSec,
