@@ -17,9 +17,12 @@
 #include "app/mixer_control.h"
 #include "app/notice_log.h"
 #include "app/remote_bridge.h"
+#include "calibration/pulse/pulse_microphone.h"
+#include "calibration/pulse/pulse_tone_player.h"
 #include "devices/sound_server.h"
 #include "discovery/avahi_services.h"
 #include "dispatch/work_queues.h"
+#include "engine/multi_output_engine.h"
 #include "guard/signal_watcher.h"
 #include "model/notice_words.h"
 #include "nowplaying/mpris_bus.h"
@@ -138,6 +141,10 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_->enableNowPlaying(*mediaPlayers_, *artworkQueue_, artworkFolder());
     appStreams_ = std::make_unique<platform::PulseSinkInputs>();
     model_->enableMixer(*appStreams_);
+    microphone_ = std::make_unique<calibration::PulseMicrophone>();
+    toneOutput_ = std::make_unique<calibration::PulseToneOutput>(
+        main_, engine::MultiOutputEngine::kCaptureSinkName);
+    model_->enableCalibration(*microphone_, *toneOutput_);
 
     bridge_ = std::make_unique<RemoteBridge>(*model_, *backend_, computerName(), VELLATONE_VERSION);
     server_ = std::make_unique<ControlServer>(

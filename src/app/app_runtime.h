@@ -97,6 +97,8 @@ class AppRuntime {
     std::unique_ptr<nowplaying::MediaPlayerBus> mediaPlayers_;
     std::unique_ptr<dispatch::SerialQueue> artworkQueue_;
     std::unique_ptr<platform::PulseSinkInputs> appStreams_;
+    std::unique_ptr<calibration::Microphone> microphone_;
+    std::unique_ptr<calibration::ToneOutput> toneOutput_;
     std::unique_ptr<model::AppModel> model_;
     std::unique_ptr<RemoteBridge> bridge_;
     std::unique_ptr<ControlServer> server_;
