@@ -51,8 +51,9 @@ room_begin() {
         # The graph's driver reaches every node a cycle before its own
         # monitor does: were a speaker the driver, the room would hear that
         # speaker a quantum late, and only while it drove. A sink nobody
-        # plays to drives the graph for the room's whole life instead, the
-        # same while the room is measured and while it is used.
+        # plays to, linked into the room, drives the graph for the room's
+        # whole life instead, the same while the room is measured and while
+        # it is used.
         pactl load-module module-null-sink sink_name=room_meter_clock rate=48000 channels=2 \
             sink_properties=priority.driver=30000 >/dev/null || return 1
         room_start_tool roomhiss "${ROOM_SPEAKERS[@]/%/=}" || return 1
@@ -122,11 +123,14 @@ room_filter_start() {
         done
         unset IFS
     done
-    p=$((p + 1))
-    (( p <= 8 )) || { echo "the room's mixer takes at most 7 paths" >&2; return 1; }
-    gains+="\"Gain $p\" = 1.0"
-    inputs+="\"mix:In $p\""
-    local n=$((${#ROOM_SPEAKERS[@]} + 1)) positions=
+    # The hiss, and the sink that drives the graph: linked in (at no gain)
+    # so that it drives the room's whole graph, speakers and all, whatever
+    # else is linked to them.
+    p=$((p + 2))
+    (( p <= 8 )) || { echo "the room's mixer takes at most 6 paths" >&2; return 1; }
+    gains+="\"Gain $((p - 1))\" = 1.0 \"Gain $p\" = 0.0"
+    inputs+="\"mix:In $((p - 1))\" \"mix:In $p\""
+    local n=$((${#ROOM_SPEAKERS[@]} + 2)) positions=
     for ((k = 0; k < n; k++)); do positions+="AUX$k "; done
     cat >"$work/room-filter.conf" <<CONF
 context.spa-libs = {
@@ -184,6 +188,7 @@ CONF
         k=$((k + 1))
     done
     pw-link roomhiss:monitor_FL "room_in:input_AUX$k" || return 1
+    pw-link room_meter_clock:monitor_FL "room_in:input_AUX$((k + 1))" || return 1
     pactl set-default-source roommic
 }
 
