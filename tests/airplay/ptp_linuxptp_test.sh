@@ -8,8 +8,10 @@
 #     is our time stamps or our messages at fault). The daemon's shared socket
 #     must know ptp4l as heard from once a receiver is registered. Then the
 #     same with ptp4l measuring the link peer to peer (Pdelay).
-#  2. With CLIAIRPLAY_PTP_FOLLOW=1 our daemon follows ptp4l as master: its
-#     shared socket must report ptp4l's clock, ready, within 100 us.
+#  2. A session whose receiver will not follow us (CLIAIRPLAY_PTP_FOLLOW=1)
+#     turns our daemon into a follower of that receiver, here ptp4l as
+#     master: the session becomes ready, and the daemon's shared socket
+#     reports ptp4l's clock within 100 us.
 #     A session's clock (as the AirPlay 2 route runs it) joins the daemon
 #     with ptp4l as its receiver and reports it ready; with the daemon gone
 #     it runs a clock of its own, which ptp4l also answers.
@@ -179,9 +181,12 @@ logAnnounceInterval -2
 announceReceiptTimeout 2" >"$work/master.conf"
 ip netns exec "$ns_b" ptp4l -f "$work/master.conf" -i "p$$b" -m >"$work/ptp4l-master.log" 2>&1 &
 pids+=($!)
-CLIAIRPLAY_PTP_FOLLOW=1 ip netns exec "$ns_a" "$TOOL" --ptp-daemon --if "$addr_a" --dacp "$device_id" \
-    >"$work/follower.log" 2>&1 &
+ip netns exec "$ns_a" "$TOOL" --ptp-daemon --if "$addr_a" --dacp "$device_id" >"$work/follower.log" 2>&1 &
 pids+=($!)
+wait_for 5 grep -q "state=ready" "$work/follower.log" || fail "the daemon did not start again"
+# A session whose receiver will not follow us turns the leading daemon into its follower.
+ip netns exec "$ns_a" "$PROBE" --shared --follow "$addr_b" "$addr_a" >"$work/session-follow.log" 2>&1 ||
+    fail "a session following ptp4l never became ready: $(cat "$work/session-follow.log")"
 master_clock=
 following() {
     local line

@@ -1,9 +1,9 @@
 // One AirPlay 2 session's PTP clock as the route runs it, for the linuxptp
 // test: joins the shared daemon (--shared) or runs a clock of its own,
-// registers RECEIVER, and prints the tool's status lines until the clock is
-// ready or 8 s have passed.
+// registers RECEIVER (to follow its clock, with --follow), and prints the tool's status lines until
+// the clock is ready or 8 s have passed.
 //
-//   ptp_session_probe [--shared] RECEIVER OUR_ADDRESS
+//   ptp_session_probe [--shared] [--follow] RECEIVER OUR_ADDRESS
 // Exit status 0 once ready (or when keeping time by NTP), 1 otherwise.
 #include <chrono>
 #include <cstdio>
@@ -19,12 +19,14 @@ int main(int argc, char** argv) {
     constexpr auto waitAtMost = std::chrono::seconds(8);
     ptp::SessionClock::Options options;
     int at = 1;
-    if (at < argc && std::string(argv[at]) == "--shared") {
-        options.useShared = true;
-        ++at;
+    for (; at < argc && argv[at][0] == '-'; ++at) {
+        const std::string flag = argv[at];
+        if (flag == "--shared") options.useShared = true;
+        if (flag == "--follow") options.follow = true;
     }
     if (argc - at != 2) {
-        std::fprintf(stderr, "usage: ptp_session_probe [--shared] RECEIVER OUR_ADDRESS\n");
+        std::fprintf(stderr,
+                     "usage: ptp_session_probe [--shared] [--follow] RECEIVER OUR_ADDRESS\n");
         return 2;
     }
     options.receiver = argv[at];

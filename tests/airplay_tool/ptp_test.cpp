@@ -187,6 +187,8 @@ TEST(PtpShared, LinesReadBackAndBadOnesAreRefused) {
     ASSERT_TRUE(request);
     EXPECT_EQ(request->kind, SharedRequest::Kind::addPeer);
     EXPECT_EQ(sharedRequestLine(*request), "R 10.78.0.2");
+    for (const char* line : {"?", "? 10.0.0.1", "U 10.0.0.1", "F 10.0.0.1"})
+        EXPECT_EQ(sharedRequestLine(*parseSharedRequest(line)), line);
     EXPECT_EQ(parseSharedRequest("?")->kind, SharedRequest::Kind::status);
     for (const char* bad : {"", "R", "R10.0.0.1", "R 10.0.0", "X 10.0.0.1", "? 999.1.1.1"})
         EXPECT_FALSE(parseSharedRequest(bad)) << bad;

@@ -54,6 +54,7 @@ void answerSenders(PtpEngine& engine, int shared) {
         if (!request) continue;
         if (request->kind == SharedRequest::Kind::addPeer) engine.addPeer(*request->peer);
         if (request->kind == SharedRequest::Kind::removePeer) engine.removePeer(*request->peer);
+        if (request->kind == SharedRequest::Kind::followPeer) engine.followPeer(*request->peer);
         const std::string reply = sharedStatusLine(engine.status(request->peer));
         ::sendto(shared, reply.data(), reply.size(), MSG_DONTWAIT,
                  reinterpret_cast<sockaddr*>(&from), fromLength);

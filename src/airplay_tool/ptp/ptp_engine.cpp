@@ -25,14 +25,15 @@ PtpEngine::PtpEngine(Options options, PtpSockets sockets)
     : options_(std::move(options)),
       sockets_(std::move(sockets)),
       grandmaster_(clockIdentityFor(options_.deviceID)),
-      follower_(grandmaster_.port(), realtimeNs()) {}
+      follower_(grandmaster_.port(), realtimeNs()),
+      following_(options_.follow) {}
 
 int PtpEngine::run(int stopFd, int extraFd, const std::function<void()>& onExtra) {
     int64_t nextSync = monotonicNs(), nextAnnounce = nextSync;
     for (;;) {
         const int64_t now = monotonicNs();
         int64_t due = now + followerTickNs;
-        if (!options_.follow) {
+        if (!following_) {
             if (now >= nextAnnounce) {
                 announce();
                 nextAnnounce += Grandmaster::announceIntervalNs;
@@ -111,9 +112,11 @@ void PtpEngine::received(int fd) {
         Heard& heard = heard_[from];
         heard.lastNs = datagram->receivedNs;
         ++heard.count;
-        if (options_.follow) {
-            // With receivers registered, the clock followed is one of theirs.
+        if (following_) {
+            // The clock followed is the receiver's that asked for it, else
+            // one of the registered receivers', else the first to announce.
             const bool choosing = !follower_.master() && message->type == MessageType::announce;
+            if (choosing && followed_ && from != followed_->s_addr) continue;
             if (choosing && !peers_.empty() && !peers_.count(from)) continue;
             follower_.receive(*message, datagram->receivedNs);
             if (follower_.master() && message->source.clock == *follower_.master())
@@ -135,14 +138,13 @@ void PtpEngine::received(int fd) {
 
 SharedStatus PtpEngine::statusLocked() const {
     SharedStatus s;
-    const ClockIdentity clock = options_.follow
-                                    ? follower_.master().value_or(grandmaster_.port().clock)
-                                    : grandmaster_.port().clock;
+    const ClockIdentity clock = following_ ? follower_.master().value_or(grandmaster_.port().clock)
+                                           : grandmaster_.port().clock;
     s.clockID = clockIdentityText(clock);
     s.clockNumber = clockIdentityNumber(clock);
-    s.mode = options_.follow ? "follow" : "lead";
-    s.state = options_.follow ? clockStateName(follower_.state(realtimeNs())) : "ready";
-    s.offsetNs = options_.follow ? follower_.offsetNs().value_or(0) : 0;
+    s.mode = following_ ? "follow" : "lead";
+    s.state = following_ ? clockStateName(follower_.state(realtimeNs())) : "ready";
+    s.offsetNs = following_ ? follower_.offsetNs().value_or(0) : 0;
     s.peers = int(peers_.size());
     return s;
 }
@@ -161,6 +163,17 @@ SharedStatus PtpEngine::status(std::optional<in_addr> peer) const {
 void PtpEngine::addPeer(in_addr peer) {
     std::lock_guard<std::mutex> hold(lock_);
     if (peers_.size() < maxPeers) peers_[peer.s_addr] = true;
+}
+
+void PtpEngine::followPeer(in_addr peer) {
+    std::lock_guard<std::mutex> hold(lock_);
+    if (peers_.size() < maxPeers) peers_[peer.s_addr] = true;
+    if (following_ && followed_ && followed_->s_addr == peer.s_addr) return;
+    following_ = true;
+    followed_ = peer;
+    follower_ = Follower(grandmaster_.port(), realtimeNs());
+    masterAddress_.reset();
+    lastState_.reset();
 }
 
 void PtpEngine::removePeer(in_addr peer) {

@@ -10,6 +10,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -43,6 +44,9 @@ class PtpEngine {
     // With `peer`: also whether it was heard from, and how often.
     SharedStatus status(std::optional<in_addr> peer = std::nullopt) const;
     void addPeer(in_addr peer);
+    // A receiver that will not follow us: from now on we follow its clock
+    // (registering it as a peer too), whichever we led or followed before.
+    void followPeer(in_addr peer);
     void removePeer(in_addr peer);
     bool kernelTimestamps() const { return sockets_.kernelTimestamps(); }
     // Called on the engine's thread when the followed clock's state changes.
@@ -61,6 +65,9 @@ class PtpEngine {
     mutable std::mutex lock_;
     Grandmaster grandmaster_;
     Follower follower_;
+    // Read by the engine's thread unlocked between its passes; set under the lock.
+    std::atomic<bool> following_;
+    std::optional<in_addr> followed_;
     std::optional<in_addr> masterAddress_;
     std::optional<ClockState> lastState_;
     std::map<uint32_t, bool> peers_;

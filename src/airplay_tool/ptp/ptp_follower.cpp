@@ -22,8 +22,23 @@ const char* clockStateName(ClockState state) {
 Follower::Follower(PortIdentity ownPort, int64_t startedNs, uint8_t transportSpecific)
     : own_(ownPort), startedNs_(startedNs), transportSpecific_(transportSpecific) {}
 
+namespace {
+
+// Times past 2106 and corrections over a second are no clock's we can
+// follow; kept out, every sum of times below stays far from overflowing.
+constexpr uint64_t latestSeconds = uint64_t(1) << 32;
+constexpr int64_t largestCorrectionNs = 1'000'000'000;
+
+bool believable(const Message& m) {
+    const int64_t correction = correctionNs(m);
+    return m.timestamp.seconds < latestSeconds && correction <= largestCorrectionNs &&
+           correction >= -largestCorrectionNs;
+}
+
+}  // namespace
+
 void Follower::receive(const Message& m, int64_t receivedNs) {
-    if (m.source == own_) return;
+    if (m.source == own_ || !believable(m)) return;
     if (m.type == MessageType::announce && !master_) master_ = m.source;
     if (!master_ || !(m.source == *master_)) return;
     if (!firstHeardNs_) firstHeardNs_ = receivedNs;

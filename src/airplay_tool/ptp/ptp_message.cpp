@@ -67,9 +67,11 @@ class Reader {
 
 class Writer {
   public:
+    // At most 8 bytes wide.
     void number(uint64_t v, size_t width) {
         for (size_t i = width; i-- > 0;) out.push_back(uint8_t(v >> (8 * i)));
     }
+    void zeros(size_t n) { out.insert(out.end(), n, 0); }
     void clock(const ClockIdentity& c) { out.insert(out.end(), c.begin(), c.end()); }
     void port(const PortIdentity& p) {
         clock(p.clock);
@@ -192,7 +194,7 @@ std::vector<uint8_t> encodeMessage(const Message& m) {
     if (!bodyBytes(m.type)) return w.out;
     w.timestamp(m.timestamp);
     if (carriesRequester(m.type)) w.port(m.requesting);
-    if (m.type == MessageType::pdelayReq) w.number(0, portIdentityBytes);
+    if (m.type == MessageType::pdelayReq) w.zeros(portIdentityBytes);
     if (m.type == MessageType::announce) {
         const AnnounceBody& a = m.announce;
         w.number(uint16_t(a.currentUtcOffset), 2);

@@ -68,6 +68,9 @@ std::optional<SharedRequest> parseSharedRequest(std::string_view line) {
         case 'U':
             r.kind = SharedRequest::Kind::removePeer;
             break;
+        case 'F':
+            r.kind = SharedRequest::Kind::followPeer;
+            break;
         default:
             return std::nullopt;
     }
@@ -82,10 +85,21 @@ std::optional<SharedRequest> parseSharedRequest(std::string_view line) {
 }
 
 std::string sharedRequestLine(const SharedRequest& r) {
-    const char* letter = r.kind == SharedRequest::Kind::addPeer      ? "R"
-                         : r.kind == SharedRequest::Kind::removePeer ? "U"
-                                                                     : "?";
-    return r.peer ? std::string(letter) + " " + addressText(*r.peer) : letter;
+    std::string letter = "?";
+    switch (r.kind) {
+        case SharedRequest::Kind::status:
+            break;
+        case SharedRequest::Kind::addPeer:
+            letter = "R";
+            break;
+        case SharedRequest::Kind::removePeer:
+            letter = "U";
+            break;
+        case SharedRequest::Kind::followPeer:
+            letter = "F";
+            break;
+    }
+    return r.peer ? letter + " " + addressText(*r.peer) : letter;
 }
 
 std::optional<SharedStatus> parseSharedStatus(std::string_view line) {

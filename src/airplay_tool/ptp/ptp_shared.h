@@ -8,6 +8,8 @@
 //              that receiver has sent us PTP messages
 //   "R <ip>"   also send Announce, Sync and Follow_Up to that receiver by unicast
 //   "U <ip>"   stop doing so
+//   "F <ip>"   that receiver will not follow us: follow its clock instead
+//              (every session then shares the receiver's clock)
 // PTP time is CLOCK_REALTIME plus offset_ns (0 while we lead). Both sides
 // read what the other sends as untrusted text, bounded in length.
 #pragma once
@@ -26,7 +28,7 @@ inline constexpr size_t sharedLineBytes = 256;
 std::string defaultSharedSocketPath();
 
 struct SharedRequest {
-    enum class Kind { status, addPeer, removePeer };
+    enum class Kind { status, addPeer, removePeer, followPeer };
     Kind kind = Kind::status;
     std::optional<in_addr> peer;
 };

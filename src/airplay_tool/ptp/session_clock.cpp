@@ -49,8 +49,9 @@ SessionClock::~SessionClock() {
 
 SessionClock::Source SessionClock::attach() {
     if (options_.useShared) {
-        const SharedRequest join =
-            receiver_ ? SharedRequest{SharedRequest::Kind::addPeer, receiver_} : SharedRequest{};
+        const auto kind =
+            options_.follow ? SharedRequest::Kind::followPeer : SharedRequest::Kind::addPeer;
+        const SharedRequest join = receiver_ ? SharedRequest{kind, receiver_} : SharedRequest{};
         attached_ = askSharedClock(options_.sharedPath, join, askTimeoutMs);
         if (attached_) return source_ = Source::shared;
         status_.ptpClock("mode=own detail=\"the shared PTP daemon did not answer at " +
@@ -67,7 +68,10 @@ SessionClock::Source SessionClock::attach() {
     ownStopFd_ = ::eventfd(0, EFD_CLOEXEC);
     own_ = std::make_unique<PtpEngine>(PtpEngine::Options{options_.deviceID, options_.follow},
                                        std::move(*sockets));
-    if (receiver_) own_->addPeer(*receiver_);
+    if (receiver_ && options_.follow)
+        own_->followPeer(*receiver_);
+    else if (receiver_)
+        own_->addPeer(*receiver_);
     attached_ = own_->status();
     ownThread_ = std::thread([this] { own_->run(ownStopFd_); });
     return source_ = Source::own;

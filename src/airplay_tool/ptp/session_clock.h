@@ -4,7 +4,9 @@
 // our clock, and the `clock_ready` lines.
 //
 // With --ptp-shared the session joins the daemon and registers its receiver
-// there, so that the daemon sends it Sync and Announce by unicast too.
+// there, so that the daemon sends it Sync and Announce by unicast too; a
+// receiver that will not follow us (CLIAIRPLAY_PTP_FOLLOW=1) is registered
+// as the clock to follow instead.
 // Without a daemon it runs a clock of its own in this process. When neither
 // can be had (no privilege for the PTP ports, or another program holds them)
 // it has no clock and says why: the session then keeps time by NTP, which the
