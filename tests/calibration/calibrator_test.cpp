@@ -111,15 +111,14 @@ TEST_F(CalibratorTest, MicrophoneFailuresSayWhatToDo) {
 
 // A person who hears each click and taps 180 ms later, give or take 20.
 TEST_F(CalibratorTest, TappingRecoversTheDifferenceThroughAPersonsReactionTime) {
-    std::mt19937 random(3);
-    std::normal_distribution<double> reaction(0.180, 0.020);
+    testing::Reaction reaction;
     std::vector<std::unique_ptr<dispatch::TimerHandle>> taps;
     std::unique_ptr<Calibrator> c = open(Method::tapping);
     tones.onEmit = [&](const testing::Emission& click) {
         for (const auto& row : host.rows)
             if (!row.muted)
                 taps.push_back(main.postAfter(
-                    host.heardAt(row, click.startSec) + reaction(random) - main.now(),
+                    host.heardAt(row, click.startSec) + reaction.nextSec() - main.now(),
                     [&] { c->tap(); }));
     };
     c->tap();  // before any click: nothing to answer

@@ -115,6 +115,22 @@ class FakeTones : public ToneOutput {
     dispatch::VirtualMainQueue& main_;
 };
 
+// A person's reaction to a click: a steady 180 ms, scattered evenly over
+// 20 ms either way. Random scatter would not do for a test: with twelve taps
+// a side, the difference of two medians of Gaussian taps (sigma 20 ms) has a
+// spread of about 10 ms, so no fixed limit near 5 ms would hold every run.
+class Reaction {
+  public:
+    double nextSec() {
+        static constexpr double scatterMs[] = {-20, 12, -4, 20, -12, 4};
+        const double ms = 180.0 + scatterMs[next_++ % std::size(scatterMs)];
+        return ms / 1000.0;
+    }
+
+  private:
+    size_t next_ = 0;
+};
+
 struct RoomSound {
     double micRate = 48000;
     float directGain = 0.3f;

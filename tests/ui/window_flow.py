@@ -2,7 +2,7 @@
 speakers, driven through its automation hook the way a person would: add both
 outputs from the palette, start, read the rows and their subtitles, play a
 sound and watch the meters, move a row from the keyboard, remove a row and
-undo it, open the sheets, stop. Screenshots go to the folder given.
+undo it, open the sheets (measuring a delay by comparison among them), stop. Screenshots go to the folder given.
 
 usage: window_flow.py BIN_DIR REPO_DIR SCREENSHOT_DIR
 Needs DISPLAY (run it under xvfb-run)."""
@@ -23,12 +23,27 @@ run = WindowRun(BIN, REPO, "vt-window.")
 step, fail, check, pulse = run.step, run.fail, run.check, run.pulse
 
 
+def still(name):
+    """The item is on the screen and has not moved over a tenth of a second."""
+    before = w.find(name).get("rect")
+    time.sleep(0.1)
+    return w.visible(name) and w.find(name).get("rect") == before
+
+
+def press(name):
+    """Clicks the item once it shows and stays put: menus and sheets move as
+    they grow, and a click lands by position."""
+    w.wait_for(name, lambda: still(name))
+    w.click(name)
+
+
 def main():
     step("a private PulseAudio with two speakers")
     run.start_sound_server("speakers:48000:Speakers", "living:48000:Living", "kitchen:48000:Kitchen")
     pulse("set-default-sink", "speakers")
     env = run.env
     step("launch the window")
+    global w
     w = run.launch()
     w.wait_for("the window", lambda: w.visible("startSwitch"))
     check(w.find("startSwitch").get("checked") is False, "the switch starts on")
@@ -55,8 +70,7 @@ def main():
 
     step("add Kitchen with a click")
     w.click("addOutputButton")
-    w.wait_for("the palette", lambda: w.visible("addOutput.kitchen"))
-    w.click("addOutput.kitchen")
+    press("addOutput.kitchen")
     w.wait_for("the second row", lambda: len(w.rows()["rows"]) == 2)
 
     step("start with the switch")
@@ -122,8 +136,7 @@ def main():
 
     step("remove Kitchen from its menu and undo")
     w.click("row.1.menuButton")
-    w.wait_for("the menu", lambda: w.visible("row.1.menu.remove"))
-    w.click("row.1.menu.remove")
+    press("row.1.menu.remove")
     w.wait_for("the removal", lambda: [r["name"] for r in w.rows()["rows"]] == ["Living"])
     w.wait_for("the undo offer", lambda: w.visible("undoRemove"))
     w.click("undoRemove")
@@ -142,6 +155,41 @@ def main():
         w.send(cmd="grab", path=os.path.join(SHOTS, "invitation-sheet.png"))
         w.send(cmd="key", text="Escape")
         time.sleep(0.5)
+
+        step("measure Kitchen against Living by comparing, from the row's menu")
+        w.click("row.1.menuButton")
+        press("row.1.menu.measure")
+        w.wait_for("the calibration sheet", lambda: w.visible("calibration.begin"))
+        check(w.find("calibration.title").get("text") == "How late is Kitchen?",
+              f"the sheet's title: {w.find('calibration.title')}")
+        time.sleep(0.5)
+        w.send(cmd="grab", path=os.path.join(SHOTS, "calibration-sheet.png"))
+        press("calibration.method.tapping")
+        press("calibration.begin")
+        # Without a test-sound player in this build the method says so.
+        w.wait_for("the reference's clicks",
+                   lambda: w.visible("calibration.tap") or w.visible("calibration.message"))
+        if w.visible("calibration.tap"):
+            check(w.find("calibration.playing").get("text") ==
+                  "Tap along with the click from Living.", "which speaker plays the click")
+        else:
+            check(w.find("calibration.message").get("text") ==
+                  "Could not start audio for the test sound.",
+                  f"tapping failed: {w.find('calibration.message')}")
+        press("calibration.back")
+        press("calibration.method.narrowing")
+        press("calibration.begin")
+        w.wait_for("two settings to compare", lambda: w.visible("calibration.playA"))
+        for _ in range(10):
+            if w.visible("calibration.result"):
+                break
+            press("calibration.playB")
+            press("calibration.chooseB")
+        w.wait_for("a result within ten rounds", lambda: w.visible("calibration.result"))
+        press("calibration.apply")
+        w.wait_for("the sheet to close", lambda: not w.visible("calibration.apply"))
+        kept = json.load(open(os.path.join(env["VELLATONE_CONFIG_DIR"], "settings.json")))
+        check("narrowed" in json.dumps(kept), "the comparison's result was not kept")
     else:
         print("the sheets are not built: no sheet screenshots", flush=True)
 

@@ -121,6 +121,47 @@ TEST_F(SheetQmlTest, InvitationWordsAndCopy) {
     EXPECT_FALSE(named("invite.firewallHint")->property("visible").toBool());
 }
 
+// Items a Repeater made are found among the items, as the automation hook
+// looks, not among QObject children.
+QQuickItem* findItem(QQuickItem* item, const QString& name) {
+    if (!item) return nullptr;
+    if (item->objectName() == name) return item;
+    for (QQuickItem* child : item->childItems())
+        if (QQuickItem* found = findItem(child, name)) return found;
+    return nullptr;
+}
+
+TEST_F(SheetQmlTest, CalibrationOffersTheMethodsAndKeepsAComparison) {
+    model->startStop();
+    settle();
+    ASSERT_TRUE(show("CalibrationSheet { id: s; app: testApp; slot: 1 }"));
+    auto* content = qobject_cast<QQuickItem*>(named("calibration.title"))->parentItem();
+    auto method = [&](const char* id) -> QObject* {
+        QQuickItem* found = findItem(content, QString("calibration.method.") + id);
+        EXPECT_TRUE(found) << id;
+        return found;
+    };
+    EXPECT_EQ(named("calibration.title")->property("text").toString(), "How late is Living?");
+    EXPECT_EQ(method("tapping")->property("text").toString(), "tapping · about 40 seconds");
+    EXPECT_TRUE(method("microphone")->property("checked").toBool());
+    QMetaObject::invokeMethod(method("narrowing"), "toggle");
+    QMetaObject::invokeMethod(method("narrowing"), "toggled");
+    QMetaObject::invokeMethod(named("calibration.begin"), "clicked");
+    pump();
+    ASSERT_TRUE(named("calibration.playA")->property("visible").toBool());
+    EXPECT_EQ(named("calibration.playA")->property("text").toString(), "A: 75 ms");
+    for (int round = 0; round < 10 && !named("calibration.result")->property("visible").toBool();
+         ++round) {
+        QMetaObject::invokeMethod(named("calibration.chooseA"), "clicked");
+        pump();
+    }
+    EXPECT_EQ(named("calibration.result")->property("text").toString(), "1.2 ms");
+    QMetaObject::invokeMethod(named("calibration.apply"), "clicked");
+    pump();
+    EXPECT_EQ(model->rows()[1].latencySource, settings::LatencySource::narrowed);
+    EXPECT_FALSE(model->calibrator());
+}
+
 }  // namespace
 }  // namespace vt::ui::test
 

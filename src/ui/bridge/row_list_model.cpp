@@ -44,6 +44,8 @@ QVariant RowListModel::data(const QModelIndex& index, int role) const {
             return e.canEnterPassword;
         case EqOnRole:
             return e.eqOn;
+        case CanCalibrateRole:
+            return e.canCalibrate;
         default:
             return {};
     }
@@ -65,7 +67,8 @@ QHash<int, QByteArray> RowListModel::roleNames() const {
             {GuestRole, "guest"},
             {CanReconnectRole, "canReconnect"},
             {CanEnterPasswordRole, "canEnterPassword"},
-            {EqOnRole, "eqOn"}};
+            {EqOnRole, "eqOn"},
+            {CanCalibrateRole, "canCalibrate"}};
 }
 
 void RowListModel::sync(model::AppModel& model, const std::map<int, double>& levels) {
@@ -90,6 +93,7 @@ void RowListModel::sync(model::AppModel& model, const std::map<int, double>& lev
         e.canReconnect = model.canReconnect(shown.slot);
         e.canEnterPassword = model.canEnterPassword(shown.slot);
         e.eqOn = row.eq.enabled && !row.eq.isFlat();
+        e.canCalibrate = model.canCalibrate(shown.slot);
         next.push_back(std::move(e));
     }
     setEntries(std::move(next));

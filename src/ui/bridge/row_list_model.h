@@ -36,6 +36,7 @@ class RowListModel : public QAbstractListModel {
         CanReconnectRole,
         CanEnterPasswordRole,
         EqOnRole,
+        CanCalibrateRole,
     };
 
     struct Entry {
@@ -46,6 +47,7 @@ class RowListModel : public QAbstractListModel {
         bool muted = false, soloed = false, disabled = false, connected = false;
         int hue = 0;
         bool guest = false, canReconnect = false, canEnterPassword = false, eqOn = false;
+        bool canCalibrate = false;
         bool operator==(const Entry&) const = default;
     };
 

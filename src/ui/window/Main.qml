@@ -159,6 +159,7 @@ ApplicationWindow {
                 last: index === rowList.count - 1
                 dropTarget: rowList.dropIndex === index && rowList.dropIndex >= 0
                 onEqRequested: (s) => sheets.openEqualiser(s)
+                onMeasureRequested: (s) => sheets.openCalibration(s)
                 onRemoved: undoBar.offer()
                 onDragMoved: (sceneY) => {
                     const i = rowList.indexAtScene(sceneY)

@@ -24,6 +24,7 @@ FocusScope {
     required property bool guest
     required property bool canReconnect
     required property bool canEnterPassword
+    required property bool canCalibrate
     required property bool eqOn
     property bool first: false
     property bool last: false
@@ -31,6 +32,7 @@ FocusScope {
     property bool dropTarget: false
 
     signal eqRequested(int slot)
+    signal measureRequested(int slot)
     signal removed(int slot)
     signal dragMoved(real sceneY)
     signal dragEnded(int slot, real sceneY)
@@ -268,6 +270,8 @@ FocusScope {
         disabledRow: strip.disabled
         canReconnect: strip.canReconnect
         canEnterPassword: strip.canEnterPassword
+        canCalibrate: strip.canCalibrate
+        onMeasureAsked: strip.measureRequested(strip.slot)
         first: strip.first
         last: strip.last
         onRenameAsked: strip.beginRename()

@@ -1,5 +1,5 @@
 // A row's menu: switch it off or on, reconnect, give an AirPlay receiver its
-// password, move, remove.
+// password, measure how late it is, move, remove.
 import QtQuick
 import QtQuick.Controls
 import Vellatone
@@ -10,11 +10,13 @@ Menu {
     property bool disabledRow: false
     property bool canReconnect: false
     property bool canEnterPassword: false
+    property bool canCalibrate: false
     property bool first: false
     property bool last: false
     property string rowName: ""
     signal renameAsked()
     signal removed()
+    signal measureAsked()
 
     MenuItem {
         objectName: "row." + menu.slot + ".menu.rename"
@@ -38,6 +40,13 @@ Menu {
         visible: menu.canEnterPassword
         height: visible ? implicitHeight : 0
         onTriggered: App.beginPassword(menu.slot)
+    }
+    MenuItem {
+        objectName: "row." + menu.slot + ".menu.measure"
+        text: qsTr("Measure delay…")
+        visible: menu.canCalibrate
+        height: visible ? implicitHeight : 0
+        onTriggered: menu.measureAsked()
     }
     MenuSeparator {}
     MenuItem {

@@ -1,4 +1,4 @@
-// Opens the equaliser and invitation sheets over the window, when the build
+// Opens the equaliser, invitation, calibration and password sheets over the window, when the build
 // has the sheets module. One sheet at a time; a closed sheet is destroyed.
 import QtQuick
 import QtQuick.Controls
@@ -35,6 +35,10 @@ QtObject {
 
     function openInvitation() {
         open("InvitationSheet {}", (sheet) => {})
+    }
+
+    function openCalibration(slot) {
+        open("CalibrationSheet {}", (sheet) => { sheet.slot = slot })
     }
 
     function openPassword() {
