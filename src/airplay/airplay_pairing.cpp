@@ -71,7 +71,7 @@ std::vector<std::string> AirPlayPairing::arguments(const std::string& cmdPipe) c
 void AirPlayPairing::start() {
     if (child_ || finished_) return;
     if (!receiver_.host) {
-        emit({Event::Kind::failed, {}, "unresolved host"});
+        tell({Event::Kind::failed, {}, "unresolved host"});
         return;
     }
     const std::string fifo = freshFifoPath();
@@ -82,12 +82,12 @@ void AirPlayPairing::start() {
     std::string error;
     child_ = spawnChild(arguments(cmdPipePath_.value_or("")), env, error);
     if (!child_) {
-        emit({Event::Kind::failed, {}, "cannot launch pairing: " + error});
+        tell({Event::Kind::failed, {}, "cannot launch pairing: " + error});
         cleanup();
         return;
     }
     reader_ = std::thread([this] { readOutputs(); });
-    emit({Event::Kind::connecting, {}, {}});
+    tell({Event::Kind::connecting, {}, {}});
 }
 
 void AirPlayPairing::submitPIN(const std::string& typed) {
@@ -159,12 +159,12 @@ void AirPlayPairing::handleLine(bool fromStdout, std::string_view line) {
     }
     const PairingOutLine read = readPairingOutLine(line);
     if (read.kind == PairingOutLine::Kind::credentials)
-        emit({Event::Kind::paired, {dacp_, read.credentials}, {}});
+        tell({Event::Kind::paired, {dacp_, read.credentials}, {}});
     else if (read.kind == PairingOutLine::Kind::prompt)
-        emit({Event::Kind::awaitingPIN, {}, {}});
+        tell({Event::Kind::awaitingPIN, {}, {}});
 }
 
-void AirPlayPairing::emit(Event event) {
+void AirPlayPairing::tell(Event event) {
     std::weak_ptr<AirPlayPairing*> self = weakSelf_;
     main_.post([self, event = std::move(event)] {
         if (auto alive = self.lock()) (*alive)->deliver(event);

@@ -59,7 +59,7 @@ class AirPlayPairing {
     void handleLine(bool fromStdout, std::string_view line);
     // Any thread: `event` goes to `deliver` on the main queue, unless the
     // object is gone by then.
-    void emit(Event event);
+    void tell(Event event);
     // Main thread: to onEvent, unless the outcome was already told.
     void deliver(const Event& event);
     void cleanup();
