@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "calibration/pulse/pulse_mic_capture.h"
+#include "calibration/pulse/stream_priority.h"
 #include "platform/pulse/pulse_loop.h"
 
 namespace vt::calibration {
@@ -61,6 +62,7 @@ MicOpenResult PulseMicrophone::openDefault() {
         result.detail = "no sound server";
         return result;
     }
+    raiseStreamPriority(*loop);
     const auto name = defaultSourceName(*loop);
     const SourceFacts facts = name ? sourceFacts(*loop, *name) : SourceFacts{};
     if (!facts.found || facts.monitor) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "calibration/pulse/stream_priority.h"
 #include "platform/pulse/pulse_loop.h"
 #include "platform/pulse/pulse_streams.h"
 
@@ -126,6 +127,7 @@ TonePlayerOpenResult PulseToneOutput::open(double sampleRate) {
         result.detail = "no sound server";
         return result;
     }
+    raiseStreamPriority(*loop);
     auto player = std::make_unique<PulseTonePlayer>(main_, std::move(loop), sampleRate);
     if (!player->open(sinkName_, result.detail)) return result;
     result.player = std::move(player);
