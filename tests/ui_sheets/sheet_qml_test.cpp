@@ -217,5 +217,48 @@ TEST_F(PasswordSheetTest, OpeningWithAPasswordKeptSaysItWasRefusedAndCancelKeeps
     EXPECT_EQ(secrets.get("Vellatone AirPlay password", "Kitchen"), "old");
 }
 
+// A TV that shows a code: the sheet waits, asks for the code, and a right
+// one ends the pairing with the credential kept. The tool is the stand-in
+// of the AirPlay tests, which prompts and knows the code 3939.
+class PairingSheetTest : public PasswordSheetTest {
+  protected:
+    void SetUp() override {
+        setenv("VELLATONE_CLIAIRPLAY", VELLATONE_FAKE_AIRPLAY_TOOL, 1);
+        setenv("FAKE_TOOL_DIR", dir.c_str(), 1);
+        setenv("FAKE_PAIR_CODE", "3939", 1);
+        unsetenv("FAKE_PAIR_ERR");
+        unsetenv("FAKE_PAIR_EXIT");
+        PasswordSheetTest::SetUp();
+        network.announce("_airplay._tcp", {{"TV",
+                                            {{"model", "AppleTV6,2"}, {"features", "0x0,0x1E"}},
+                                            discovery::ServiceAddress{"192.0.2.8", 7000}}});
+        settle();
+        ASSERT_TRUE(model->addAirPlayOutput("TV"));
+        settle();
+    }
+    // Real time passes for the tool.
+    bool waitFor(const std::function<bool()>& done) {
+        for (int i = 0; i < 300; ++i) {
+            pump();
+            if (done()) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+};
+
+TEST_F(PairingSheetTest, WaitsAsksForTheCodeAndAPairingEndsIt) {
+    app->beginPairing(3);
+    ASSERT_TRUE(show("PairingSheet { id: s; app: testApp }"));
+    ASSERT_TRUE(waitFor([&] { return model->pairingAwaitingPIN(); }));
+    EXPECT_EQ(named("pairing.title")->property("text").toString(), "Enter the code showing on TV");
+    named("pairing.field")->setProperty("text", "3939");
+    pump();
+    QMetaObject::invokeMethod(named("pairing.pair"), "clicked");
+    ASSERT_TRUE(waitFor([&] { return !model->pairingReceiverID().has_value(); }));
+    ASSERT_TRUE(model->airplayCredential("TV"));
+    EXPECT_EQ(model->airplayCredential("TV")->creds, "0123abcd");
+}
+
 }  // namespace
 }  // namespace vt::ui::test

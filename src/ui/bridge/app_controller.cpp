@@ -141,6 +141,18 @@ void AppController::beginPassword(int slot) {
     act([&] { model_.beginPassword(slot); });
 }
 
+void AppController::beginPairing(int slot) {
+    act([&] { model_.beginPairing(slot); });
+}
+
+void AppController::submitPIN(const QString& typed) {
+    act([&] { model_.submitPIN(typed.toStdString()); });
+}
+
+void AppController::cancelPairing() {
+    act([&] { model_.endPairing(); });
+}
+
 void AppController::removeOutput(int slot) {
     act([&] {
         if (model_.canRemove(slot)) model_.removeOutput(slot);

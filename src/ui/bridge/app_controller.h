@@ -42,6 +42,9 @@ class AppController : public QObject {
     Q_PROPERTY(bool hasSheets READ hasSheets CONSTANT)
     Q_PROPERTY(QString passwordReceiverName READ passwordReceiverName NOTIFY changed)
     Q_PROPERTY(bool passwordRejected READ passwordRejected NOTIFY changed)
+    Q_PROPERTY(QString pairingReceiverName READ pairingReceiverName NOTIFY changed)
+    Q_PROPERTY(bool pairingAwaitingPIN READ pairingAwaitingPIN NOTIFY changed)
+    Q_PROPERTY(QString pairingError READ pairingError NOTIFY changed)
     Q_PROPERTY(bool hasVisualiser READ hasVisualiser CONSTANT)
     Q_PROPERTY(bool hasTrack READ hasTrack NOTIFY changed)
     Q_PROPERTY(QString trackTitle READ trackTitle NOTIFY changed)
@@ -104,6 +107,17 @@ class AppController : public QObject {
     Q_INVOKABLE void submitPassword(const QString& text);
     Q_INVOKABLE void cancelPassword();
     Q_INVOKABLE void beginPassword(int slot);
+    // The PIN sheet: empty while no pairing runs.
+    QString pairingReceiverName() const {
+        return QString::fromStdString(model_.pairingReceiverName().value_or(""));
+    }
+    bool pairingAwaitingPIN() const { return model_.pairingAwaitingPIN(); }
+    QString pairingError() const {
+        return QString::fromStdString(model_.pairingError().value_or(""));
+    }
+    Q_INVOKABLE void beginPairing(int slot);
+    Q_INVOKABLE void submitPIN(const QString& typed);
+    Q_INVOKABLE void cancelPairing();
     Q_INVOKABLE void removeOutput(int slot);
     Q_INVOKABLE void undoRemove();
     Q_INVOKABLE void rename(int slot, const QString& name);

@@ -42,6 +42,8 @@ QVariant RowListModel::data(const QModelIndex& index, int role) const {
             return e.canReconnect;
         case CanEnterPasswordRole:
             return e.canEnterPassword;
+        case CanPairRole:
+            return e.canPair;
         case EqOnRole:
             return e.eqOn;
         case CanCalibrateRole:
@@ -67,6 +69,7 @@ QHash<int, QByteArray> RowListModel::roleNames() const {
             {GuestRole, "guest"},
             {CanReconnectRole, "canReconnect"},
             {CanEnterPasswordRole, "canEnterPassword"},
+            {CanPairRole, "canPair"},
             {EqOnRole, "eqOn"},
             {CanCalibrateRole, "canCalibrate"}};
 }
@@ -92,6 +95,7 @@ void RowListModel::sync(model::AppModel& model, const std::map<int, double>& lev
         e.guest = row.isGuest();
         e.canReconnect = model.canReconnect(shown.slot);
         e.canEnterPassword = model.canEnterPassword(shown.slot);
+        e.canPair = model.canPair(shown.slot);
         e.eqOn = row.eq.enabled && !row.eq.isFlat();
         e.canCalibrate = model.canCalibrate(shown.slot);
         next.push_back(std::move(e));

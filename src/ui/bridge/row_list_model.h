@@ -35,6 +35,7 @@ class RowListModel : public QAbstractListModel {
         GuestRole,
         CanReconnectRole,
         CanEnterPasswordRole,
+        CanPairRole,
         EqOnRole,
         CanCalibrateRole,
     };
@@ -46,7 +47,8 @@ class RowListModel : public QAbstractListModel {
         double volume = 1, delayMs = 0, level = 0;
         bool muted = false, soloed = false, disabled = false, connected = false;
         int hue = 0;
-        bool guest = false, canReconnect = false, canEnterPassword = false, eqOn = false;
+        bool guest = false, canReconnect = false, canEnterPassword = false, canPair = false,
+             eqOn = false;
         bool canCalibrate = false;
         bool operator==(const Entry&) const = default;
     };

@@ -232,11 +232,13 @@ ApplicationWindow {
         overlay: window.Overlay.overlay
     }
 
-    // The model asks for a receiver's password by itself, once per row.
+    // The model asks for a receiver's password, or a pairing, by itself,
+    // once per row.
     Connections {
         target: App
         function onChanged() {
             if (App.hasSheets && App.passwordReceiverName !== "") sheets.openPassword()
+            if (App.hasSheets && App.pairingReceiverName !== "") sheets.openPairing()
         }
     }
 }

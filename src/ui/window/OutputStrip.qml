@@ -25,6 +25,7 @@ FocusScope {
     required property bool canReconnect
     required property bool canEnterPassword
     required property bool canCalibrate
+    required property bool canPair
     required property bool eqOn
     property bool first: false
     property bool last: false
@@ -272,6 +273,7 @@ FocusScope {
         canEnterPassword: strip.canEnterPassword
         canCalibrate: strip.canCalibrate
         onMeasureAsked: strip.measureRequested(strip.slot)
+        canPair: strip.canPair
         first: strip.first
         last: strip.last
         onRenameAsked: strip.beginRename()

@@ -1,5 +1,5 @@
 // A row's menu: switch it off or on, reconnect, give an AirPlay receiver its
-// password, measure how late it is, move, remove.
+// password or pair with it, measure how late it is, move, remove.
 import QtQuick
 import QtQuick.Controls
 import Vellatone
@@ -11,6 +11,7 @@ Menu {
     property bool canReconnect: false
     property bool canEnterPassword: false
     property bool canCalibrate: false
+    property bool canPair: false
     property bool first: false
     property bool last: false
     property string rowName: ""
@@ -47,6 +48,13 @@ Menu {
         visible: menu.canCalibrate
         height: visible ? implicitHeight : 0
         onTriggered: menu.measureAsked()
+    }
+    MenuItem {
+        objectName: "row." + menu.slot + ".menu.pair"
+        text: qsTr("Pair…")
+        visible: menu.canPair
+        height: visible ? implicitHeight : 0
+        onTriggered: App.beginPairing(menu.slot)
     }
     MenuSeparator {}
     MenuItem {

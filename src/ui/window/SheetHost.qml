@@ -41,6 +41,11 @@ QtObject {
         open("CalibrationSheet {}", (sheet) => { sheet.slot = slot })
     }
 
+    function openPairing() {
+        if (host.current && host.current.objectName === "pairingSheet") return
+        open("PairingSheet {}", (sheet) => {})
+    }
+
     function openPassword() {
         if (host.current && host.current.objectName === "passwordSheet") return
         open("PasswordSheet {}", (sheet) => {})
