@@ -1,3 +1,4 @@
+#include "airplay_tool/airplay2_route.h"
 #include "airplay_tool/raop_route.h"
 #include "airplay_tool/route.h"
 
@@ -10,7 +11,7 @@ std::unique_ptr<Route> makeRoute(const ToolOptions& options, StatusWriter& statu
             return std::make_unique<RaopRoute>(options, status);
         case Protocol::airplay2:
         case Protocol::airplay2Compat:
-            break;
+            return std::make_unique<AirPlay2Route>(options, status);
     }
     status.error(error_code::unsupported, 0,
                  "the " + protocolName(options.protocol) + " route is not available in this build");
