@@ -86,8 +86,9 @@ void AirPlayPairing::start() {
         cleanup();
         return;
     }
-    reader_ = std::thread([this] { readOutputs(); });
+    // Told before the reader starts, so that it comes before any prompt.
     tell({Event::Kind::connecting, {}, {}});
+    reader_ = std::thread([this] { readOutputs(); });
 }
 
 void AirPlayPairing::submitPIN(const std::string& typed) {
