@@ -95,12 +95,31 @@ start_pipewire() {
             XDG_CONFIG_HOME="$dir/home/.config" XDG_STATE_HOME="$dir/home/.local/state" \
             DBUS_SESSION_BUS_ADDRESS="$bus" "$p" >> "$dir/$p.log" 2>&1 < /dev/null &
         echo $! > "$pids/$p"
-        # Each needs the one before it to answer; pipewire-pulse's socket
-        # is the last sign of life.
+        # WirePlumber and pipewire-pulse give up at once when PipeWire does
+        # not answer yet (WirePlumber exits; nothing then links a stream).
+        # After a kill its old socket is still there, so ask PipeWire itself.
         if [ "$p" = pipewire ]; then
-            for _ in $(seq 100); do [ -S "$runtime/pipewire-0" ] && break; sleep 0.05; done
+            for _ in $(seq 200); do in_env pw-cli info 0 >/dev/null 2>&1 && break; sleep 0.05; done
         fi
     done
+}
+
+# pipewire-pulse answers before WirePlumber has made the "default" metadata
+# and chosen a default sink; until it has, a default cannot be set and new
+# streams are not linked to anything. With sinks: until one is the default.
+wait_for_session_manager() {
+    [ "$server" = pipewire ] || return 0
+    local default
+    for _ in $(seq 200); do
+        if [ $# -eq 0 ]; then
+            [[ $(in_env pw-cli ls Metadata 2>/dev/null) == *'metadata.name = "default"'* ]] && return 0
+        else
+            default=$(in_env pactl get-default-sink 2>/dev/null) || default=
+            [ -n "$default" ] && [ "$default" != "@DEFAULT_SINK@" ] && return 0
+        fi
+        sleep 0.05
+    done
+    return 1
 }
 
 load_sinks() {
@@ -144,6 +163,8 @@ start)
     "start_$server"
     wait_for_answer || { echo "private $server did not start; see the logs in $dir" >&2; exit 1; }
     load_sinks "$@"
+    wait_for_session_manager "$@" ||
+        { echo "WirePlumber did not take charge; see the logs in $dir" >&2; exit 1; }
     print_env
     ;;
 env)

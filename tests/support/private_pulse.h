@@ -78,10 +78,16 @@ class PrivatePulse {
         running_ = false;
     }
 
+    // KEEP_WORK set keeps the directory, with the servers' logs, for a look
+    // after a failure (as the app tests' KEEP_WORK does).
     ~PrivatePulse() {
         if (dir_.empty()) return;
         std::string out;
         capture(quote(VELLATONE_PRIVATE_PULSE_SCRIPT) + " stop " + quote(dir_) + " 2>&1", out);
+        if (getenv("KEEP_WORK")) {
+            fprintf(stderr, "kept private server dir: %s\n", dir_.c_str());
+            return;
+        }
         std::error_code ec;
         std::filesystem::remove_all(dir_, ec);
     }
