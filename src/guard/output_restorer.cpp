@@ -92,8 +92,13 @@ void OutputRestorer::prepareCaptureSink() {
         settings_.setPendingRestoreUID(saved->name);
         settings_.setLastOutputUID(saved->name);
         copyVolume(backend_, *saved, capture);
-        if (made && saved->hasVolume && capture.hasVolume)
+        if (made && saved->hasVolume && capture.hasVolume) {
             heldCaptureVolume_ = HeldVolume{saved->volumeScalar, std::nullopt};
+            // Ticks note the system volume only once the hold is over; a
+            // server that dies before then must still find it. (After a
+            // restart it is the one noted before, below.)
+            if (!owedName) systemVolume_ = saved->volumeScalar;
+        }
     }
 
     // The owed sink may not be back yet (a restarted server makes its sinks

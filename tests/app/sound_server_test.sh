@@ -45,13 +45,15 @@ start_tone() { tone; tone_pid=$!; }
 stop_tone() { [[ -n $tone_pid ]] && { kill "$tone_pid" 2>/dev/null || true; wait "$tone_pid" 2>/dev/null || true; }; tone_pid=; }
 
 rate_of() { [[ $1 == kitchen ]] && echo 44100 || echo 48000; }
-# The level in dB of the last half of one second recorded at a speaker.
+# The level in dB of the last half of one second recorded at a speaker: the
+# median of its 10 ms blocks, so that a dropout on a busy machine (measured
+# elsewhere) does not pass for a change of volume.
 level_db() {
     local sink=$1 rate
     rate=$(rate_of "$sink")
     pacat --record --device="$sink.monitor" --rate="$rate" --channels=2 --format=float32le \
         --latency-msec=20 2>/dev/null | head -c $((rate * 8)) >"$work/rec.raw" || true
-    python3 - "$work/rec.raw" <<'PY'
+    python3 - "$work/rec.raw" "$rate" <<'PY'
 import sys, math
 from array import array
 x = array("f")
@@ -59,7 +61,10 @@ with open(sys.argv[1], "rb") as f:
     data = f.read()
 x.frombytes(data[: len(data) // 4 * 4])
 x = x[len(x) // 2:]
-rms = math.sqrt(sum(v * v for v in x) / len(x)) if len(x) else 0.0
+block = 2 * int(sys.argv[2]) // 100
+levels = sorted(math.sqrt(sum(v * v for v in x[i:i + block]) / block)
+                for i in range(0, len(x) - block + 1, block))
+rms = levels[len(levels) // 2] if levels else 0.0
 print("%.2f" % (20 * math.log10(rms) if rms > 0 else -200.0))
 PY
 }

@@ -84,6 +84,18 @@ TEST_F(OutputRestorerTest, ACaptureSinkMadeAgainAfterARestartKeepsTheSystemVolum
     EXPECT_EQ(settings->pendingRestoreUID(), "speakers") << "still owed";
 }
 
+TEST_F(OutputRestorerTest, AServerLostWhileTheNewSinkIsStillHeldKeepsTheSystemVolume) {
+    restorer.switchToCaptureSink();  // the speakers' 0.6, held
+    restorer.holdCaptureVolume(1.0);
+    backend.removeSink("vellatone");
+    backend.removeSink("speakers");
+    restorer.serverLost();
+    restorer.switchToCaptureSink();
+    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume
+    restorer.holdCaptureVolume(2.0);
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.6, 1e-9);
+}
+
 TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {
     restorer.switchToCaptureSink();
     const uint32_t lateComer = addStream(idOf("vellatone"));  // started while we ran
