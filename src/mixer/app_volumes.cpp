@@ -13,6 +13,10 @@ std::map<uint32_t, AppStream> byIndex(const std::vector<AppStream>& streams) {
     return out;
 }
 
+bool silent(const std::vector<RawVolume>& v) {
+    return std::all_of(v.begin(), v.end(), [](RawVolume x) { return x == 0; });
+}
+
 std::vector<RawVolume> volumeOf(const nlohmann::json& j) {
     std::vector<RawVolume> out;
     if (!j.is_array() || j.size() > 32) return {};
@@ -136,6 +140,13 @@ void AppVolumes::streamsChanged() {
         auto it = held_.find(index);
         if (it == held_.end()) {
             if (want.second == 1.0) continue;
+            // pipewire-pulse reports a stream it has not yet heard the volume
+            // of as silent; taken as the original, that 0 would be written
+            // over the volume the server gives it a moment later, and given
+            // back at quit. A stream that is really at 0 plays the same
+            // without us. Only the silence we left on the app's last stream
+            // is ours to take back.
+            if (silent(p->second.volume) && !leftSilent(p->second)) continue;
             Held h;
             h.app = want.first;
             h.original = p->second.volume;
@@ -160,7 +171,10 @@ void AppVolumes::streamsChanged() {
     }
     std::erase_if(seenAt_, [&](const auto& e) { return !present.contains(e.first); });
     std::erase_if(givenBack_, [&](const auto& e) { return !present.contains(e.first); });
-    for (const auto& [index, s] : present) seenAt_.try_emplace(index, now);
+    // A stream counts as seen once it has a volume, so that it then takes
+    // its gain at once rather than by a ramp from full.
+    for (const auto& [index, s] : present)
+        if (!silent(s.volume) || held_.contains(index)) seenAt_.try_emplace(index, now);
     // Streams no longer wished for go back to their originals.
     for (auto& [index, h] : held_)
         if (!target.contains(index) && (h.ramping ? h.rampTo : h.gain) != 1.0)
@@ -234,6 +248,13 @@ std::vector<RawVolume> AppVolumes::ownVolume(const std::string& restoreKey,
     auto it = ended_.find(restoreKey);
     if (it != ended_.end() && same(seen, it->second.sent)) return it->second.original;
     return seen;
+}
+
+bool AppVolumes::leftSilent(const AppStream& stream) const {
+    auto k = stream.properties.find(kRestoreKeyProperty);
+    if (k == stream.properties.end()) return false;
+    auto it = ended_.find(k->second);
+    return it != ended_.end() && same(stream.volume, it->second.sent);
 }
 
 void AppVolumes::release(const Held& h) {

@@ -105,6 +105,8 @@ class AppVolumes {
     // The server keeps the last volume a stream of this kind had: make that
     // the original again, so nothing of ours outlives the stream.
     void release(const Held& held);
+    // The stream starts at the volume an ended stream of its app had from us.
+    bool leftSilent(const AppStream& stream) const;
 
     AppStreams& streams_;
     dispatch::MainQueue& main_;

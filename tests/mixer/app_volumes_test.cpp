@@ -86,6 +86,26 @@ TEST_F(AppVolumesTest, AChangeMadeElsewhereBecomesTheOriginalAndNewStreamsGetThe
     EXPECT_NEAR(linear(1, 0), 2 * streams.toLinear(20000), 1e-4);
 }
 
+TEST_F(AppVolumesTest, AStreamFirstReportedSilentIsHeldOnlyOnceItHasItsVolume) {
+    AppVolumes volumes(streams, main, *settings);
+    streams.add(3, {0, 0});  // as pipewire-pulse lists a stream it has no volume for yet
+    volumes.apply({{"music", {{3}, 0.5}}});
+    EXPECT_EQ(volumes.originalOf(3), nullptr);
+    streams.all[3].volume = {50000, 50000};  // what the server gives it
+    volumes.streamsChanged();
+    EXPECT_NEAR(linear(3, 0), 0.5 * streams.toLinear(50000), 1e-4);  // at once, no ramp
+    // Silenced by a solo, it ends; the app's next stream may be handed our 0.
+    volumes.apply({{"music", {{3}, 0.0}}});
+    main.advance(0.1);
+    streams.all.erase(3);
+    volumes.streamsChanged();
+    streams.add(4, {0, 0});
+    streams.all[4].properties[kRestoreKeyProperty] = "key3";
+    volumes.apply({{"music", {{4}, 0.0}}});
+    ASSERT_NE(volumes.originalOf(4), nullptr);
+    EXPECT_EQ(*volumes.originalOf(4), (std::vector<RawVolume>{50000, 50000}));
+}
+
 TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
     {
         AppVolumes volumes(streams, main, *settings);
