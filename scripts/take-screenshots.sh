@@ -14,7 +14,7 @@ shots=$(mktemp -d /tmp/vellatone-shots.XXXXXX)
 trap 'rm -rf "$shots"' EXIT
 xvfb-run -a -s "-screen 0 1280x900x24" python3 tests/ui/window_flow.py "$dir/bin" . "$shots"
 mkdir -p docs/screenshots
-for f in window-playing equaliser-sheet invitation-sheet window-dark calibration-sheet; do
+for f in window-playing window-apps equaliser-sheet invitation-sheet window-dark calibration-sheet; do
     if [ -f "$shots/$f.png" ]; then
         cp "$shots/$f.png" "docs/screenshots/$f.png"
         echo "take-screenshots.sh: docs/screenshots/$f.png"

@@ -114,8 +114,9 @@ std::string AppMixer::appName(const std::string& id) {
     return identity_->name(id, remembered);
 }
 
-std::string AppMixer::appIcon(const std::string& id) {
-    return identity_->icon(id);
+std::string AppMixer::desktopEntry(const std::string& id) {
+    const std::optional<DesktopEntry> e = identity_->entry(id);
+    return e ? e->fileId : std::string();
 }
 
 std::vector<std::string> AppMixer::playingApps() {

@@ -52,7 +52,9 @@ class AppMixer {
     std::vector<std::string> rememberedApps();
     bool isPlaying(const std::string& id) const;
     std::string appName(const std::string& id);
-    std::string appIcon(const std::string& id);
+    // The desktop entry's file id ("org.gnome.Rhythmbox3"), through which
+    // the window finds the app's icon; empty for none.
+    std::string desktopEntry(const std::string& id);
     // "40 percent, plays at 20 percent because of Music" and its kind.
     std::string levelDescription(const std::string& id) const;
     // "40% × ⁨Music⁩ 50% = 20%".

@@ -1,8 +1,9 @@
 """The real application's window under Xvfb, with a private PulseAudio and two
 speakers, driven through its automation hook the way a person would: add both
 outputs from the palette, start, read the rows and their subtitles, play a
-sound and watch the meters, move a row from the keyboard, remove a row and
-undo it, open the sheets (measuring a delay by comparison among them), stop. Screenshots go to the folder given.
+sound and watch the meters, three apps on the mixer's strips and a group, move
+a row from the keyboard, remove a row and undo it, open the sheets (measuring a
+delay by comparison among them), stop. Screenshots go to the folder given.
 
 usage: window_flow.py BIN_DIR REPO_DIR SCREENSHOT_DIR
 Needs DISPLAY (run it under xvfb-run)."""
@@ -42,6 +43,7 @@ def main():
     run.start_sound_server("speakers:48000:Speakers", "living:48000:Living", "kitchen:48000:Kitchen")
     pulse("set-default-sink", "speakers")
     env = run.env
+    install_test_apps(env)
     step("launch the window")
     global w
     w = run.launch()
@@ -119,6 +121,8 @@ def main():
     time.sleep(1.0)
     shot = w.send(cmd="grab", path=os.path.join(SHOTS, "window-playing.png"))
     check(shot.get("ok"), f"grab: {shot}")
+
+    apps_tab(env)
 
     step("Alt+Down moves the focused row, Alt+Up moves it back")
     w.send(cmd="focus", name="row.0")
@@ -238,6 +242,90 @@ def main():
     run.app.send_signal(signal.SIGTERM)
     check(run.app.wait(20) == 0, "the application did not exit cleanly")
     print("PASS", flush=True)
+
+
+def icon_png(path, rgb):
+    """A plain 48 px square PNG, so the strips show real icon files."""
+    import struct
+    import zlib
+    row = b"\0" + bytes(rgb) * 48
+    def chunk(kind, data):
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+    png = (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 48, 48, 8, 2, 0, 0, 0))
+           + chunk(b"IDAT", zlib.compress(row * 48)) + chunk(b"IEND", b""))
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    open(path, "wb").write(png)
+
+
+def install_test_apps(env):
+    """Desktop entries with icons, so two players are apps a person would know."""
+    share = os.path.join(env["HOME"], ".local", "share")
+    for app, name, rgb in (("music", "Test Music", (230, 120, 40)), ("calls", "Test Calls", (40, 150, 90))):
+        icon_png(os.path.join(share, "icons/hicolor/48x48/apps", f"test-{app}.png"), rgb)
+        os.makedirs(os.path.join(share, "applications"), exist_ok=True)
+        with open(os.path.join(share, "applications", f"test.{app}.desktop"), "w") as f:
+            f.write(f"[Desktop Entry]\nType=Application\nName={name}\nExec=test-{app}\nIcon=test-{app}\n")
+
+
+def apps_tab(env):
+    """Three apps play; their strips follow the mixer and the group editor makes a group."""
+    step("three apps play: a strip each on the Apps tab")
+    wav = run.path("quiet.wav")
+    subprocess.run(["sox", "-n", "-r", "48000", "-c", "2", wav, "synth", "60", "sine", "300", "vol", "0.05"],
+                   check=True)
+    for app, extra in (("music", []), ("calls", []), ("alert", ["--property=media.role=event"])):
+        run.children.append(subprocess.Popen(
+            ["paplay", f"--property=application.id=test.{app}", f"--property=application.name={app}", *extra, wav],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+    w.click("tab.Apps")
+    w.wait_for("three strips", lambda: all(w.visible(f"app.{a}") for a in ("test.music", "test.calls", "alerts")))
+    check(w.find("app.test.music.name").get("text") == "Test Music", "the music app's name")
+    check(w.find("app.alerts.name").get("text") == "Alert sounds", "the alerts' name")
+    check(w.visible("group.notifications"), "the alerts are not under Notifications")
+    check(not w.find("group.music").get("found"), "an empty automatic group is shown")
+
+    def words(app):
+        return w.find(f"app.{app}.words").get("text")
+
+    step("a strip's slider, mute and solo reach the mixer")
+    w.send(cmd="set", name="app.test.music.level", value=0.5)
+    w.wait_for("music at 50%", lambda: words("test.music") == "50%")
+    w.click("app.alerts.mute")
+    w.wait_for("the alerts muted", lambda: words("alerts").startswith("Muted, returns to 100%"))
+    w.click("app.test.calls.solo")
+    w.wait_for("the solo", lambda: words("test.music") == "Silent while another app plays solo")
+    ctl = [os.path.join(BIN, "vellatonectl")]
+    listed = subprocess.run(ctl + ["apps"], env=env, capture_output=True, text=True).stdout
+    check("test.music\tTest Music\t0.5\t-\tplaying" in listed, f"vellatonectl apps: {listed!r}")
+    w.click("app.test.calls.solo")
+    w.wait_for("the solo's end", lambda: words("test.music") == "50%")
+
+    step("the group editor makes a group of two; its level lowers both, folding hides them")
+    w.click("newGroupButton")
+    w.wait_for("the editor", lambda: w.find("groupEditor.name").get("focus"))
+    w.send(cmd="type", text="Evening")
+    w.click("groupEditor.app.test.music")
+    w.click("groupEditor.app.test.calls")
+    w.click("groupEditor.done")
+    w.wait_for("the editor to close", lambda: not w.visible("groupEditor.name"))
+    names = w.send(cmd="names")["names"]
+    group = next((n[:-len(".name")] for n in names if n.startswith("group.") and n.endswith(".name")
+                  and w.find(n).get("text") == "Evening"), None)
+    check(group is not None, f"no Evening group among {names}")
+    w.send(cmd="set", name=f"{group}.level", value=0.8)
+    w.wait_for("the group's share", lambda: words("test.music") == "50% × \u2068Evening\u2069 80% = 40%")
+    w.click(f"{group}.fold")
+    w.wait_for("the fold", lambda: not w.find("app.test.music").get("found"))
+    w.click(f"{group}.fold")
+    w.wait_for("the unfold", lambda: w.visible("app.test.music"))
+    w.click("app.alerts.mute")
+    time.sleep(1.0)
+    w.send(cmd="grab", path=os.path.join(SHOTS, "window-apps.png"))
+    stored = json.load(open(os.path.join(env["VELLATONE_CONFIG_DIR"], "settings.json")))["appMixer"]
+    check(stored["apps"]["test.music"]["level"] == 0.5, f"stored: {stored['apps']}")
+    check(any(g["name"] == "Evening" for g in stored["groups"]), f"stored groups: {stored['groups']}")
+    w.click("tab.Outputs")
+    w.wait_for("the outputs", lambda: w.visible("row.0"))
 
 
 try:

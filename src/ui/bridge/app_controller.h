@@ -16,6 +16,7 @@
 #include <map>
 
 #include "model/app_model.h"
+#include "ui/bridge/mixer_controller.h"
 #include "ui/bridge/notice_list_model.h"
 #include "ui/bridge/row_list_model.h"
 
@@ -33,6 +34,7 @@ class AppController : public QObject {
     Q_PROPERTY(QVariantList addableOutputs READ addableOutputs NOTIFY changed)
     Q_PROPERTY(vt::ui::RowListModel* rows READ rows CONSTANT)
     Q_PROPERTY(vt::ui::NoticeListModel* notices READ notices CONSTANT)
+    Q_PROPERTY(vt::ui::MixerController* mixer READ mixer CONSTANT)
     Q_PROPERTY(QString appearance READ appearance NOTIFY changed)
     Q_PROPERTY(bool showInMenuBar READ showInMenuBar NOTIFY changed)
     Q_PROPERTY(bool openAtLogin READ openAtLogin NOTIFY changed)
@@ -77,6 +79,7 @@ class AppController : public QObject {
     QVariantList addableOutputs() const;
     RowListModel* rows() { return &rows_; }
     NoticeListModel* notices() { return &notices_; }
+    MixerController* mixer() { return &mixer_; }
     QString appearance() const;
     bool showInMenuBar() const;
     bool openAtLogin() const;
@@ -166,6 +169,8 @@ class AppController : public QObject {
     int idleTicks_ = 0;
     bool hasSheets_ = false;
     bool hasVisualiser_ = false;
+    // Last: it follows this object's changes from its construction on.
+    MixerController mixer_{*this};
 };
 
 }  // namespace vt::ui

@@ -1,6 +1,6 @@
 // The main window: the switch and commands at the top, the notices, a strip
-// per output, the visualiser, and the master volume with the playback mode
-// at the bottom.
+// per output or, on the other tab, per app, the visualiser, and the master
+// volume with the playback mode at the bottom.
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
@@ -37,6 +37,9 @@ ApplicationWindow {
         shadow: Theme.dark ? "#000000" : "#9aa1ab"
     }
     font.pixelSize: Theme.bodySize
+
+    // 0: the outputs, 1: the app mixer.
+    property int mainTab: 0
 
     function openPalette() {
         if (!palette_.opened) palette_.open()
@@ -132,61 +135,81 @@ ApplicationWindow {
             }
         }
 
-        ListView {
-            id: rowList
-            objectName: "rowList"
+        Segmented {
+            objectName: "mainTabs"
+            options: [qsTr("Outputs"), qsTr("Apps")]
+            current: window.mainTab === 0 ? qsTr("Outputs") : qsTr("Apps")
+            namePrefix: "tab."
+            accessibleName: qsTr("Show")
+            onPicked: (value) => window.mainTab = value === qsTr("Outputs") ? 0 : 1
+        }
+
+        StackLayout {
             Layout.fillWidth: true
             Layout.fillHeight: true
             Layout.minimumHeight: 120
-            spacing: Theme.gap
-            clip: true
-            model: App.rows
-            keyNavigationEnabled: true
-            activeFocusOnTab: false
-            boundsBehavior: Flickable.StopAtBounds
-            ScrollBar.vertical: ScrollBar {}
-            property int dropIndex: -1
+            currentIndex: window.mainTab
 
-            function indexAtScene(sceneY) {
-                const p = rowList.mapFromItem(null, 0, sceneY)
-                return rowList.indexAt(10, p.y + rowList.contentY)
-            }
+            ListView {
+                id: rowList
+                objectName: "rowList"
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                Layout.minimumHeight: 120
+                spacing: Theme.gap
+                clip: true
+                model: App.rows
+                keyNavigationEnabled: true
+                activeFocusOnTab: false
+                boundsBehavior: Flickable.StopAtBounds
+                ScrollBar.vertical: ScrollBar {}
+                property int dropIndex: -1
 
-            delegate: OutputStrip {
-                id: strip
-                width: ListView.view.width
-                first: index === 0
-                last: index === rowList.count - 1
-                dropTarget: rowList.dropIndex === index && rowList.dropIndex >= 0
-                onEqRequested: (s) => sheets.openEqualiser(s)
-                onMeasureRequested: (s) => sheets.openCalibration(s)
-                onRemoved: undoBar.offer()
-                onDragMoved: (sceneY) => {
-                    const i = rowList.indexAtScene(sceneY)
-                    rowList.dropIndex = i === index ? -1 : i
+                function indexAtScene(sceneY) {
+                    const p = rowList.mapFromItem(null, 0, sceneY)
+                    return rowList.indexAt(10, p.y + rowList.contentY)
                 }
-                onDragEnded: (s, sceneY) => {
-                    const i = rowList.indexAtScene(sceneY)
-                    rowList.dropIndex = -1
-                    if (i < 0 || i === index) return
-                    const target = rowList.itemAtIndex(i)
-                    if (target) App.moveRowDragging(s, target.slot)
+
+                delegate: OutputStrip {
+                    id: strip
+                    width: ListView.view.width
+                    first: index === 0
+                    last: index === rowList.count - 1
+                    dropTarget: rowList.dropIndex === index && rowList.dropIndex >= 0
+                    onEqRequested: (s) => sheets.openEqualiser(s)
+                    onMeasureRequested: (s) => sheets.openCalibration(s)
+                    onRemoved: undoBar.offer()
+                    onDragMoved: (sceneY) => {
+                        const i = rowList.indexAtScene(sceneY)
+                        rowList.dropIndex = i === index ? -1 : i
+                    }
+                    onDragEnded: (s, sceneY) => {
+                        const i = rowList.indexAtScene(sceneY)
+                        rowList.dropIndex = -1
+                        if (i < 0 || i === index) return
+                        const target = rowList.itemAtIndex(i)
+                        if (target) App.moveRowDragging(s, target.slot)
+                    }
+                }
+
+                Label {
+                    textFormat: Text.PlainText
+                    objectName: "emptyRows"
+                    anchors.centerIn: parent
+                    visible: rowList.count === 0
+                    horizontalAlignment: Text.AlignHCenter
+                    text: qsTr("No outputs yet.\nChoose “Add output” to send the sound of this computer to a speaker.")
+                    color: Theme.textMuted
+                    font.pixelSize: Theme.bodySize
                 }
             }
 
-            Label {
-                textFormat: Text.PlainText
-                objectName: "emptyRows"
-                anchors.centerIn: parent
-                visible: rowList.count === 0
-                horizontalAlignment: Text.AlignHCenter
-                text: qsTr("No outputs yet.\nChoose “Add output” to send the sound of this computer to a speaker.")
-                color: Theme.textMuted
-                font.pixelSize: Theme.bodySize
-            }
+            AppsPane {}
         }
 
+        // The mixer's strips take the room the visualiser has beside the outputs.
         VisualiserPane {
+            visible: window.mainTab === 0
             Layout.fillWidth: true
             Layout.preferredHeight: Math.max(150, window.height * 0.28)
         }
