@@ -40,8 +40,8 @@ class AppStreams {
     // What the server keeps for streams of one kind (the key a stream
     // carries as module-stream-restore.id): the volume a new stream under
     // that key starts at. Sent without waiting; the stored device and mute
-    // stay as they are.
-    virtual void rememberVolume(const std::string& restoreKey,
+    // stay as they are. False when no server was there to send it to.
+    virtual bool rememberVolume(const std::string& restoreKey,
                                 const std::vector<RawVolume>& volume) = 0;
     // Waits until the server has dealt with every write sent so far (at
     // quit, before the connection goes).

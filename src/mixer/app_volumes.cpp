@@ -93,6 +93,7 @@ void AppVolumes::apply(const GainTable& gains) {
 }
 
 void AppVolumes::streamsChanged() {
+    sendUnsentKeeps();
     const auto present = byIndex(streams_.streams());
     const double now = main_.now();
     bool changedNote = false;
@@ -258,7 +259,16 @@ bool AppVolumes::leftSilent(const AppStream& stream) const {
 }
 
 void AppVolumes::release(const Held& h) {
-    if (!h.restoreKey.empty()) streams_.rememberVolume(h.restoreKey, h.original);
+    if (h.restoreKey.empty()) return;
+    if (streams_.rememberVolume(h.restoreKey, h.original))
+        unsentKeeps_.erase(h.restoreKey);
+    else
+        unsentKeeps_[h.restoreKey] = h.original;
+}
+
+void AppVolumes::sendUnsentKeeps() {
+    std::erase_if(unsentKeeps_,
+                  [&](const auto& e) { return streams_.rememberVolume(e.first, e.second); });
 }
 
 void AppVolumes::persist() {

@@ -105,6 +105,9 @@ class AppVolumes {
     // The server keeps the last volume a stream of this kind had: make that
     // the original again, so nothing of ours outlives the stream.
     void release(const Held& held);
+    // What the server should keep, for streams that ended turned down while
+    // it was away (its restart ends them all): written once it is back.
+    void sendUnsentKeeps();
     // The stream starts at the volume an ended stream of its app had from us.
     bool leftSilent(const AppStream& stream) const;
 
@@ -124,7 +127,8 @@ class AppVolumes {
         std::vector<RawVolume> original;
     };
     std::map<std::string, Ended> ended_;
-    std::map<uint32_t, std::vector<RawVolume>> givenBack_;  // by stream, at launch
+    std::map<std::string, std::vector<RawVolume>> unsentKeeps_;  // by restore key
+    std::map<uint32_t, std::vector<RawVolume>> givenBack_;       // by stream, at launch
     std::vector<RawVolume> ownVolume(
         const std::string& restoreKey,
         const std::vector<RawVolume>& seen) const;  // when each stream was first seen

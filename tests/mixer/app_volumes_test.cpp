@@ -106,6 +106,19 @@ TEST_F(AppVolumesTest, AStreamFirstReportedSilentIsHeldOnlyOnceItHasItsVolume) {
     EXPECT_EQ(*volumes.originalOf(4), (std::vector<RawVolume>{50000, 50000}));
 }
 
+TEST_F(AppVolumesTest, WhatTheServerKeepsIsPutRightOnceItIsBack) {
+    AppVolumes volumes(streams, main, *settings);
+    volumes.apply({{"music", {{1}, 0.5}}});
+    main.advance(0.1);
+    streams.away = true;  // the server restarts: its streams end, turned down
+    streams.all.clear();
+    volumes.streamsChanged();
+    EXPECT_FALSE(streams.stored.contains("key1"));
+    streams.away = false;
+    volumes.streamsChanged();  // the poll after it is back
+    EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
+}
+
 TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
     {
         AppVolumes volumes(streams, main, *settings);

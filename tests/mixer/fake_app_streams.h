@@ -27,8 +27,11 @@ class FakeStreams final : public AppStreams {
     }
     void setChangeHandler(std::function<void()> h) override { handler = std::move(h); }
     std::map<std::string, std::vector<RawVolume>> stored;  // by restore key
-    void rememberVolume(const std::string& key, const std::vector<RawVolume>& v) override {
+    bool away = false;  // the server has gone: kept volumes cannot be written
+    bool rememberVolume(const std::string& key, const std::vector<RawVolume>& v) override {
+        if (away) return false;
         stored[key] = v;
+        return true;
     }
     void settle() override {}
     double toLinear(RawVolume v) const override { return std::pow(double(v) / kFullVolume, 3); }

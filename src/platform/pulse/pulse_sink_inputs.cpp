@@ -175,21 +175,22 @@ void readEntry(pa_context* c, const pa_ext_stream_restore_info* info, int eol, v
 
 }  // namespace
 
-void PulseSinkInputs::rememberVolume(const std::string& restoreKey,
+bool PulseSinkInputs::rememberVolume(const std::string& restoreKey,
                                      const std::vector<mixer::RawVolume>& volume) {
+    if (restoreKey.empty() || volume.empty() || volume.size() > PA_CHANNELS_MAX) return true;
     std::shared_ptr<PulseLoop> l = loop();
-    if (!l || !l->ready() || restoreKey.empty() || volume.empty() ||
-        volume.size() > PA_CHANNELS_MAX)
-        return;
+    if (!l || !l->ready()) return false;
     auto* w = new RestoreWrite{restoreKey};
     w->volume.channels = uint8_t(volume.size());
     for (size_t ch = 0; ch < volume.size(); ++ch)
         w->volume.values[ch] = std::min<pa_volume_t>(volume[ch], PA_VOLUME_MAX);
     PulseLoop::Lock lock(*l);
-    if (pa_operation* op = pa_ext_stream_restore_read(l->context(), &readEntry, w))
+    if (pa_operation* op = pa_ext_stream_restore_read(l->context(), &readEntry, w)) {
         pa_operation_unref(op);
-    else
-        delete w;
+        return true;
+    }
+    delete w;
+    return false;
 }
 
 void PulseSinkInputs::settle() {

@@ -38,7 +38,7 @@ class PulseSinkInputs final : public mixer::AppStreams {
     }
     std::vector<mixer::AppStream> streams() override;
     void setVolume(uint32_t index, const std::vector<mixer::RawVolume>& volume) override;
-    void rememberVolume(const std::string& restoreKey,
+    bool rememberVolume(const std::string& restoreKey,
                         const std::vector<mixer::RawVolume>& volume) override;
     void settle() override;
     void setChangeHandler(std::function<void()> handler) override;
