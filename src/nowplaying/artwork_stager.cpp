@@ -121,6 +121,18 @@ std::optional<std::string> ArtworkStager::stageBytes(const std::string& bytes) {
     return current_;
 }
 
+std::optional<std::string> ArtworkStager::stageFallback(const std::string& iconFile) {
+    const std::optional<std::string> bytes = readSmallFile(iconFile, maxImageBytes);
+    if (!bytes || imageKind(*bytes) != "png") return std::nullopt;
+    const std::filesystem::path folder = dir_ / fallbackFolder;
+    const std::string path = (folder / fallbackName).string();
+    if (readSmallFile(path, maxImageBytes) == bytes) return path;
+    if (settings::makePrivateFolder(dir_) || settings::makePrivateFolder(folder) ||
+        !settings::writeFileAtomically(path, *bytes))
+        return std::nullopt;
+    return path;
+}
+
 void ArtworkStager::clear() {
     if (!current_) return;
     std::error_code ignored;

@@ -29,6 +29,13 @@ class ArtworkStager {
     std::optional<std::string> stageBytes(const std::string& bytes);
     // No artwork: the file goes.
     void clear();
+    // A track without artwork shows the player's icon (a PNG): copied to
+    // "artwork-fallback/vellatone-icon-artwork.png" beside the staged
+    // images, rewritten only when the icon differs. The path, or nothing
+    // for a file that is not a PNG.
+    std::optional<std::string> stageFallback(const std::string& iconFile);
+    static constexpr const char* fallbackFolder = "artwork-fallback";
+    static constexpr const char* fallbackName = "vellatone-icon-artwork.png";
     const std::optional<std::string>& current() const { return current_; }
 
   private:

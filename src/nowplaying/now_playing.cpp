@@ -152,7 +152,8 @@ void NowPlaying::stageArtwork(const std::string& url, const std::string& desktop
             file = stager->stage(url);
         }
         // A track without artwork shows the player's icon.
-        if (!file && !desktopEntry.empty()) file = appIconFile(desktopEntry);
+        if (!file && !desktopEntry.empty())
+            if (auto icon = appIconFile(desktopEntry)) file = stager->stageFallback(*icon);
         main.post([this, alive, key, file = std::move(file)] {
             auto a = alive.lock();
             if (!a || !*a || artworkKey_ != key || artworkFile_ == file) return;

@@ -202,18 +202,43 @@ std::optional<std::string> jpegThumbnail(const std::string& bytes, int maxSide, 
     return encodeJpeg(shrink(*image, maxSide), quality);
 }
 
+namespace {
+
+// The same path may hold another image later (the player's icon is copied
+// to one name): its size and time of change tell them apart.
+std::string fileIdentity(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return path;
+    return path + '\n' + std::to_string(st.st_size) + '\n' + std::to_string(st.st_mtim.tv_sec) +
+           '.' + std::to_string(st.st_mtim.tv_nsec) + '\n' + std::to_string(st.st_ino);
+}
+
+}  // namespace
+
 std::optional<std::string> ArtworkThumbnails::dataURL(const std::string& path) {
+    const std::optional<std::string> bytes = jpeg(path);
+    if (!bytes) return std::nullopt;
+    return "data:image/jpeg;base64," + base64(*bytes);
+}
+
+std::optional<std::string> ArtworkThumbnails::jpeg(const std::string& path) {
+    const std::string identity = fileIdentity(path);
     {
         std::lock_guard guard(lock_);
-        if (cached_ && cached_->first == path) return cached_->second;
+        if (cached_ && cached_->first == identity) return cached_->second;
     }
-    std::optional<std::string> url;
-    if (auto bytes = readImageFile(path)) {
-        if (auto jpeg = jpegThumbnail(*bytes)) url = "data:image/jpeg;base64," + base64(*jpeg);
-    }
+    std::optional<std::string> out;
+    if (auto bytes = readImageFile(path)) out = jpegThumbnail(*bytes);
     std::lock_guard guard(lock_);
-    cached_ = std::pair{path, url};
-    return url;
+    cached_ = std::pair{identity, out};
+    return out;
+}
+
+std::optional<std::string> ArtworkThumbnails::cachedJpeg(const std::string& path) {
+    const std::string identity = fileIdentity(path);
+    std::lock_guard guard(lock_);
+    if (cached_ && cached_->first == identity) return cached_->second;
+    return std::nullopt;
 }
 
 }  // namespace vt::sendspin

@@ -26,6 +26,10 @@ std::optional<std::string> jpegThumbnail(const std::string& bytes, int maxSide =
 class ArtworkThumbnails {
   public:
     std::optional<std::string> dataURL(const std::string& path);
+    // The thumbnail's JPEG bytes, made and cached as dataURL does.
+    std::optional<std::string> jpeg(const std::string& path);
+    // Only what is cached, never decoding: for the main thread.
+    std::optional<std::string> cachedJpeg(const std::string& path);
 
   private:
     std::mutex lock_;

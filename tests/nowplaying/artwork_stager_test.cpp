@@ -62,6 +62,21 @@ TEST_F(ArtworkStagerTest, OneFileAtATimeNamedByItsBytes) {
     EXPECT_FALSE(stager.current());
 }
 
+TEST_F(ArtworkStagerTest, ThePlayersIconIsCopiedBesideTheImagesAndOnlyAPng) {
+    fs::create_directories(root / "icons");
+    fs::permissions(root, fs::perms::owner_all);  // a folder in /tmp must be ours alone
+    std::ofstream(root / "icons/player.png", std::ios::binary) << kPng;
+    std::ofstream(root / "icons/player.jpg", std::ios::binary) << kJpeg;
+    const auto copy = stager.stageFallback((root / "icons/player.png").string());
+    ASSERT_TRUE(copy);
+    EXPECT_EQ(*copy, (root / "staged/artwork-fallback/vellatone-icon-artwork.png").string());
+    std::ifstream in(*copy, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), kPng);
+    EXPECT_FALSE(stager.stageFallback((root / "icons/player.jpg").string()));
+    stager.clear();  // the staged image goes; the icon stays for the next track without one
+    EXPECT_TRUE(fs::exists(*copy));
+}
+
 TEST_F(ArtworkStagerTest, FileURLsAreDecodedAndReadBounded) {
     EXPECT_EQ(fileURLPath("file:///a%20b/c.png"), "/a b/c.png");
     EXPECT_EQ(fileURLPath("file://localhost/x.png"), "/x.png");
