@@ -163,6 +163,11 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
             if (onChange_) onChange_();
             return true;
         });
+    server_->setArtworkLookup([this](const std::string& key) -> std::optional<std::string> {
+        auto artwork = model_->trackArtwork();
+        if (!artwork || artwork->key != key) return std::nullopt;
+        return std::move(artwork->jpeg);
+    });
     server_->setMixerHandler([this](const nlohmann::json& line) {
         std::string reply = handleMixerLine(*model_, line);
         if (onChange_) onChange_();

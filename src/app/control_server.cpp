@@ -247,7 +247,10 @@ void ControlServer::start() {
                 if (c.closing) {
                     ::close(c.fd);
                     io->clients.erase(it);
-                    toMain([this, id] { lastSent_.erase(id); });
+                    toMain([this, id] {
+                        lastSent_.erase(id);
+                        artworkSent_.erase(id);
+                    });
                 }
             }
             // Clients marked for closing that had no events this turn.
@@ -260,7 +263,10 @@ void ControlServer::start() {
                 ::close(it->second.fd);
                 const uint64_t id = it->first;
                 it = io->clients.erase(it);
-                toMain([this, id] { lastSent_.erase(id); });
+                toMain([this, id] {
+                    lastSent_.erase(id);
+                    artworkSent_.erase(id);
+                });
             }
         }
     });
@@ -309,11 +315,25 @@ void ControlServer::handleLine(uint64_t client, const std::string& line) {
     if (reply) io_->send(client, remote::encode(*reply));
 }
 
+bool ControlServer::sendArtwork(uint64_t client, const remote::MacState& state) {
+    if (!artwork_ || !state.nowPlaying || !state.nowPlaying->artworkKey) return false;
+    const std::string& key = *state.nowPlaying->artworkKey;
+    std::string& sent = artworkSent_[client];
+    if (sent == key) return false;
+    std::optional<std::string> jpeg = artwork_(key);
+    if (!jpeg) return false;
+    sent = key;
+    io_->send(client, remote::encode(remote::MacMessage(remote::MacMessage::Artwork{
+                          key, std::vector<uint8_t>(jpeg->begin(), jpeg->end())})));
+    return true;
+}
+
 void ControlServer::sendState(uint64_t client, bool force) {
     auto it = lastSent_.find(client);
     if (it == lastSent_.end()) return;
     remote::MacState state = snapshot_();
-    if (!force && it->second == state) return;
+    const bool artwork = sendArtwork(client, state);
+    if (!force && !artwork && it->second == state) return;
     it->second = state;
     io_->send(client,
               remote::encode(remote::MacMessage(remote::MacMessage::State{std::move(state)})));
@@ -323,7 +343,8 @@ void ControlServer::publish(bool force) {
     if (lastSent_.empty()) return;
     remote::MacState state = snapshot_();
     for (auto& [id, last] : lastSent_) {
-        if (!force && last == state) continue;
+        const bool artwork = sendArtwork(id, state);
+        if (!force && !artwork && last == state) continue;
         last = state;
         io_->send(id, remote::encode(remote::MacMessage(remote::MacMessage::State{state})));
     }

@@ -53,6 +53,10 @@ class ControlServer {
 
     void setMixerHandler(MixerHandler handler) { mixer_ = std::move(handler); }
     void setCalibrationHandler(CalibrationHandler handler) { calibration_ = std::move(handler); }
+    // The JPEG of the state's `nowPlaying.artworkKey`, if it is still the
+    // one: each client gets it once, before the state that names it.
+    using ArtworkLookup = std::function<std::optional<std::string>(const std::string& key)>;
+    void setArtworkLookup(ArtworkLookup lookup) { artwork_ = std::move(lookup); }
 
     // Makes the folder and the socket and starts serving. Throws
     // std::runtime_error with a sentence for the user when another instance
@@ -67,6 +71,7 @@ class ControlServer {
     struct Io;
     void handleLine(uint64_t client, const std::string& line);
     void sendState(uint64_t client, bool force);
+    bool sendArtwork(uint64_t client, const remote::MacState& state);
 
     dispatch::MainQueue& main_;
     std::filesystem::path path_;
@@ -75,6 +80,9 @@ class ControlServer {
     LocalHandler local_;
     MixerHandler mixer_;
     CalibrationHandler calibration_;
+    ArtworkLookup artwork_;
+    // Main thread: the artwork key each client was last sent.
+    std::map<uint64_t, std::string> artworkSent_;
     std::shared_ptr<Io> io_;
     std::thread thread_;
     // Main thread: the last state each client was sent.

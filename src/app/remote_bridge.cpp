@@ -214,6 +214,7 @@ remote::MacState RemoteBridge::snapshot() const {
         // The main queue's clock is the remote's: both are CLOCK_MONOTONIC.
         np.elapsedAt = info->elapsedAt;
         np.appName = info->bundleID;
+        if (auto artwork = model_.trackArtwork()) np.artworkKey = artwork->key;
         s.nowPlaying = std::move(np);
     }
     s.soloSlot = model_.soloSlot();

@@ -223,6 +223,14 @@ class AppModel {
     // Hands the track to every AirPlay, Cast and guest sender: the one place
     // they all hang from.
     void pushNowPlaying();
+    // The remote's cover of the track: a key named for the thumbnail's bytes
+    // and the JPEG itself, once the thumbnail is made (off the main thread,
+    // before the track is pushed); nothing before then or without a cover.
+    struct TrackArtwork {
+        std::string key;
+        std::string jpeg;
+    };
+    std::optional<TrackArtwork> trackArtwork() const;
     void mediaCommand(nowplaying::PlayerCommand command);
     void seekPlayer(double seconds);
 

@@ -1,6 +1,8 @@
 // What the desktop plays: the model keeps the record, makes the track every
 // sender takes from it, and hands that to the AirPlay, Cast and guest senders
 // whenever the track (not merely its position) changes.
+#include <cstdio>
+#include <functional>
 #include <utility>
 
 #include "model/app_model.h"
@@ -81,6 +83,16 @@ void AppModel::pushNowPlaying() {
     if (airplay_) airplay_->send(track.value_or(airplay::AirPlaySender::Metadata{}));
     if (castSupervisor_) castSupervisor_->send(info);
     if (guestParty_) guestParty_->send(info);
+}
+
+std::optional<AppModel::TrackArtwork> AppModel::trackArtwork() const {
+    const std::optional<airplay::AirPlaySender::Metadata> track = currentTrack();
+    if (!track || !track->artworkFile) return std::nullopt;
+    std::optional<std::string> jpeg = thumbnails_->cachedJpeg(*track->artworkFile);
+    if (!jpeg) return std::nullopt;
+    char key[17];
+    std::snprintf(key, sizeof key, "%016zx", std::hash<std::string>{}(*jpeg));
+    return TrackArtwork{key, std::move(*jpeg)};
 }
 
 void AppModel::mediaCommand(nowplaying::PlayerCommand command) {

@@ -2,7 +2,8 @@
 // the real application: the model follows track changes, pause and play and
 // seeks; playerctl agrees; vellatonectl's commands reach the player; of two
 // players the one that began playing last is shown until it stops; a guest
-// page in headless Chromium shows the title, artist and artwork.
+// page in headless Chromium shows the title, artist and artwork, and a control
+// client is sent the same cover before the state that names it.
 //
 //   node --experimental-websocket nowplaying-e2e.mjs BIN_DIR WORK_DIR MPRIS_SO
 // with PULSE_SERVER and DBUS_SESSION_BUS_ADDRESS set, and the media made by
@@ -128,6 +129,11 @@ try {
     document.querySelector('#artwork').naturalHeight]);
   assert.deepEqual(size, [300, 225]);
   step(`the guest page shows "Second Wind · The Testers" and the cover as a ${size[0]}x${size[1]} JPEG`);
+  // A control client gets the same thumbnail once, before the state naming it.
+  await app.until((a) => showing('Second Wind')(a) && np(a).artworkKey, 'the artwork key');
+  assert.equal(app.artworkLate, undefined, 'a state named artwork not sent before it');
+  assert.equal(app.artwork.key, np(app).artworkKey);
+  assert.ok(Buffer.from(app.artwork.jpeg, 'base64').subarray(0, 3).equals(Buffer.from([0xff, 0xd8, 0xff])));
 
   // A second player that starts later is the one shown, until it stops.
   const other = mpv(`${work}/single/beta.flac`);

@@ -64,8 +64,15 @@ export class App {
     } catch {
       return;
     }
+    if (message.artwork) {
+      this.artwork = message.artwork; // {key, jpeg (base64)}
+      return;
+    }
     const state = message.state && (message.state._0 || message.state);
     if (!state || !Array.isArray(state.rows)) return;
+    // The cover a state names must have come before it.
+    const key = state.nowPlaying && state.nowPlaying.artworkKey;
+    if (key && !(this.artwork && this.artwork.key === key)) this.artworkLate = key;
     this.state = state;
     this.rows = state.rows.map((r) => ({ ...r, subtitle: r.transport }));
     for (const r of this.rows) this.seen.add(`${r.name}|${r.subtitle}`);
