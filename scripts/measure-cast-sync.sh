@@ -14,7 +14,8 @@
 #     wav:  the WAV stream with lag control, reached the way a TV without
 #           that receiver makes the app reach it: the app asks for another
 #           application id (VELLATONE_CAST_SYNC_APP), the TV refuses it, and
-#           the row falls back with no failure shown
+#           the row falls back with no failure shown; and the title a real
+#           player (mpv on a private session bus) plays reaches the TV
 #   DURATION=30                            seconds recorded after the lock
 #   LIMIT_MS=5                             exit 1 above this error
 #   BIN=build/bin                          where the binaries are
@@ -56,11 +57,18 @@ if [[ $mode == sync ]]; then
 fi
 
 source "$REPO/tests/support/app_test.sh"
+source "$REPO/tests/support/media_player.sh"
 app_test_on_exit() {
     exec 3>&- 2>/dev/null || true
+    media_player_stop
     rig_down
 }
 app_test_begin vellatone-cast-sync living:48000:Living tv:44100:TV
+# On the WAV stream the track goes in the LOAD and its QUEUE_UPDATEs: a real
+# player's title is checked there.
+if [[ $mode == wav ]] && media_player_ready; then
+    media_player_bus || fail "no session bus for the player"
+fi
 
 step "two hosts; the TV on b, found by discovery from a"
 rig_up "$work/rig" || fail "the rig did not come up"
@@ -119,4 +127,18 @@ echo "cast lock: $lock s"
 grep -E '^(alignment|dropouts|silence)' "$work/syncmeter.out" || cat "$work/syncmeter.err"
 [[ -n ${VERBOSE:-} ]] && cat "$work/syncmeter.err"
 if [[ $status -ne 0 ]]; then fail "alignment outside ${LIMIT_MS:-?} ms"; fi
+# After the measurement, so that it does not move the figures: a track
+# change reaches the TV as a QUEUE_UPDATE of the loaded stream.
+if [[ -n $media_player_bus_pid ]]; then
+    media_player_play "Lounge Song" "The Receivers" "Cast Away"
+    for _ in $(seq 100); do
+        grep -q '"event":"metadata","title":"Lounge Song"' "$work/tv.log" && break
+        sleep 0.1
+    done
+    grep -q '"event":"metadata","title":"Lounge Song"' "$work/tv.log" ||
+        fail "the TV never had the player's title: $(ctl track); $(grep -E '"(loaded|metadata)"' "$work/tv.log")"
+    echo "cast title: Lounge Song"
+    media_player_stop
+fi
+
 exit 0

@@ -7,7 +7,9 @@
 # at airport's monitor, the row streaming with its lag); a receiver that dies
 # mid-stream plays again when it is back; stop leaves no tool process
 # behind; a receiver with a password asks for it, refuses a wrong one, and
-# plays with the right one, which is kept across a restart of the app.
+# plays with the right one, which is kept across a restart of the app. The
+# track a real player (mpv with mpv-mpris, on a private session bus) plays
+# reaches the receiver's metadata pipe: title, artist, album and cover.
 #
 #   airplay_e2e_test.sh BIN_DIR REPO_DIR
 set -uo pipefail
@@ -23,9 +25,12 @@ command -v shairport-sync >/dev/null || { echo "skipped: shairport-sync is not i
 [[ -x $BIN/vellatone-airplay ]] || { echo "skipped: no vellatone-airplay built"; exit 77; }
 
 source "$REPO/tests/support/app_test.sh"
-receiver_pid= noise_pid=
+source "$REPO/tests/support/media_player.sh"
+receiver_pid= noise_pid= meta_pid=
 app_test_on_exit() {
     [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null
+    [[ -n $meta_pid ]] && kill "$meta_pid" 2>/dev/null
+    media_player_stop
     if [[ -n $app_pid ]]; then kill -TERM "$app_pid" 2>/dev/null; wait "$app_pid" 2>/dev/null; fi
     app_pid=
     rig_down
@@ -44,6 +49,8 @@ receiver() {  # name [password]
         printf 'mdns_backend = "avahi"; udp_port_base = 6001;'
         [[ -n ${2:-} ]] && printf ' password = "%s";' "$2"
         printf ' };\npa = { server = "%s"; sink = "airport"; };\n' "$PULSE_SERVER"
+        printf 'metadata = { enabled = "yes"; include_cover_art = "yes"; pipe_name = "%s"; };\n' \
+            "$work/metadata-$1"
     } >"$conf"
     (rig_exec b shairport-sync -c "$conf" -u >"$work/receiver-$1.log" 2>&1) &
     receiver_pid=$!
@@ -77,6 +84,12 @@ airport_level() {
 plays() { (( $(airport_level) > 1000 )); }
 tools_running() { pgrep -f "^$BIN/vellatone-airplay " >/dev/null; }
 
+if media_player_ready; then
+    media_player_bus || fail "no session bus for the player"
+elif [[ -n ${CI:-} ]]; then
+    fail "mpv, mpv-mpris or metaflac is not installed"
+fi
+
 step "two hosts; shairport-sync on b, the app on a"
 rig_up "$work/rig" || fail "the rig did not come up"
 receiver Kitchen
@@ -93,6 +106,25 @@ noise_pid=$!
 await 20 "the row never said it streams: $(row_transport)" bash -c "[[ \$('$BIN/vellatonectl' status) == *'streaming · '*'s lag, auto-synced'* ]]"
 await 10 "no sound reached the receiver's room (level $(airport_level), row: $(row_transport))" plays
 echo "row: $(row_transport)"
+
+if [[ -n $media_player_bus_pid ]]; then
+    step "the track mpv plays reaches the receiver's metadata pipe"
+    await 5 "shairport-sync made no metadata pipe" test -p "$work/metadata-Kitchen"
+    cat "$work/metadata-Kitchen" >"$work/metadata.txt" &
+    meta_pid=$!
+    media_player_play "Kitchen Song" "The Receivers" "Pipe Dreams"
+    # shairport-sync writes each item's data in base64: "core" "minm" is the
+    # title, "asar" the artist, "asal" the album; "ssnc" "PICT" the cover.
+    b64() { printf '%s' "$1" | base64 -w0; }
+    for want in "$(b64 'Kitchen Song')" "$(b64 'The Receivers')" "$(b64 'Pipe Dreams')" \
+        "<code>50494354</code>"; do
+        await 10 "the metadata pipe never carried $want: $(ctl track)" grep -qF "$want" "$work/metadata.txt"
+    done
+    echo "track: $(ctl track)"
+    media_player_stop
+    kill "$meta_pid" 2>/dev/null
+    meta_pid=
+fi
 
 step "the receiver dies mid-stream, and plays again when it is back"
 stop_receiver
