@@ -338,7 +338,6 @@ void AppModel::tick() {
     if (!isRunning_) return;
     const double now = main_.now();
     restorer_.holdCaptureVolume(now);
-    ownStreamVolumes_.check(now);
     bool lateMoved = false;
     std::vector<settings::DriftSample> drift;
     for (int slot = 0; slot < int(rows_.size()); ++slot) {

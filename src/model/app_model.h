@@ -39,7 +39,6 @@
 #include "equaliser/eq_target.h"
 #include "guard/output_guard.h"
 #include "guard/output_restorer.h"
-#include "guard/own_stream_volumes.h"
 #include "guard/restored_output.h"
 #include "guard/speaker_volumes.h"
 #include "guests/guest_party.h"
@@ -434,7 +433,6 @@ class AppModel {
     guard::SpeakerVolumes speakerVolumes_{settings_};
     std::unique_ptr<engine::MultiOutputEngine> engine_;
     guard::OutputRestorer restorer_;
-    guard::OwnStreamVolumes ownStreamVolumes_{backend_};
     std::unique_ptr<guard::OutputGuard> guard_;
     devices::DeviceMonitor monitor_;
     devices::LatencyWatcher latencyWatcher_;

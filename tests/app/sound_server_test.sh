@@ -157,9 +157,9 @@ our_streams >"$work/streams"
 living_stream=$(awk '/→ Living/ {print $1}' "$work/streams")
 pactl set-sink-input-volume "$living_stream" 50%
 ctl stop >/dev/null && ctl start >/dev/null || fail "stop, start"
-# The turned-down stream itself plays at 100 % again too: on PipeWire,
-# WirePlumber gives it back the 50 % it kept a moment after it opens, and the
-# app undoes that on its next tick.
+# The turned-down stream itself plays at 100 % again too: the server kept
+# its 50 % (WirePlumber gives it to the next stream of that key a moment
+# after it opens), and the app clears what was kept before it opens again.
 for _ in $(seq 30); do
     sleep 0.1
     our_streams >"$work/streams"
@@ -277,14 +277,15 @@ pactl list short sinks | grep -q vellatone && fail "a capture sink is left after
 step "no stored target of another program's stream points at the capture sink"
 # What each server keeps about streams: WirePlumber's restore-stream state
 # (keys with their targets), PulseAudio's module-stream-restore database (a
-# record per stream key, with the device it was moved to, if any). Our own
+# record per stream key, with the device it was moved to, if any; read with
+# strings, which also finds the keys of records since deleted). Our own
 # streams' keys start with "vellatone-stream:".
 if [[ $server == pipewire ]]; then
     stored=$(grep -i target "$work/pulse/home/.local/state/wireplumber/restore-stream" 2>/dev/null |
         grep vellatone | grep -v 'vellatone-stream:' || true)
 else
     stored=$(find "$work/pulse/home/.config/pulse" -name '*stream-volumes.tdb' -exec strings -n 3 {} + |
-        grep vellatone | grep -v '^&vellatone-stream:' || true)
+        grep vellatone | grep -v 'vellatone-stream:' || true)
 fi
 [[ -z $stored ]] || fail "the server keeps a target on the capture sink: $stored"
 echo "PASS"

@@ -10,9 +10,13 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <thread>
 #include <vector>
+
+#include <pulse/ext-stream-restore.h>
+#include <pulse/pulseaudio.h>
 
 #include "platform/pulse/pulse_backend.h"
 #include "support/private_pulse.h"
@@ -461,6 +465,60 @@ TEST(PulseBackendServerLoss, ForgetsEverythingAndSaysSoWhenTheServerGoes) {
     stream.stream.reset();  // closing a stream of a dead connection is harmless
 }
 
+// What the server keeps about our streams, as "key volume": PulseAudio's
+// stream-restore entries, WirePlumber's restore-stream state.
+std::vector<std::string> storedOwnEntries(const support::PrivatePulse& pulse) {
+    std::vector<std::string> out;
+    if (pulse.pipewire()) {
+        std::ifstream state(pulse.dir() + "/home/.local/state/wireplumber/restore-stream");
+        for (std::string line; std::getline(state, line);)
+            if (line.find("vellatone-stream:") != std::string::npos &&
+                line.find(":channelVolumes=") != std::string::npos)
+                out.push_back(line);
+        return out;
+    }
+    pa_mainloop* loop = pa_mainloop_new();
+    pa_context* c = pa_context_new(pa_mainloop_get_api(loop), "vt-test");
+    pa_context_connect(c, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
+    while (pa_context_get_state(c) != PA_CONTEXT_READY &&
+           PA_CONTEXT_IS_GOOD(pa_context_get_state(c)))
+        pa_mainloop_iterate(loop, 1, nullptr);
+    struct Read {
+        std::vector<std::string>* out;
+        bool done = false;
+    } read{&out};
+    pa_operation* op = pa_ext_stream_restore_read(
+        c,
+        [](pa_context*, const pa_ext_stream_restore_info* i, int eol, void* r) {
+            auto* me = static_cast<Read*>(r);
+            if (eol) {
+                me->done = true;
+            } else if (std::string(i->name).find("vellatone-stream:") != std::string::npos) {
+                char v[PA_CVOLUME_SNPRINT_MAX];
+                me->out->push_back(std::string(i->name) + " " +
+                                   pa_cvolume_snprint(v, sizeof v, &i->volume));
+            }
+        },
+        &read);
+    while (op && !read.done && PA_CONTEXT_IS_GOOD(pa_context_get_state(c)))
+        pa_mainloop_iterate(loop, 1, nullptr);
+    if (op) pa_operation_unref(op);
+    pa_context_disconnect(c);
+    pa_context_unref(c);
+    pa_mainloop_free(loop);
+    return out;
+}
+
+// Nothing stored for our streams on `device` (any device when empty), or
+// (WirePlumber keeps every key it saw) only full volume.
+bool ownEntriesCleared(const support::PrivatePulse& pulse, const std::string& device = "") {
+    for (const std::string& entry : storedOwnEntries(pulse))
+        if (entry.find("vellatone-stream:" + device) != std::string::npos &&
+            (!pulse.pipewire() || entry.find("=1.0;1.0;") == std::string::npos))
+            return false;
+    return true;
+}
+
 TEST(PulseBackendServerLoss, ASpeakerStreamIsNamedForItAndOptedOutOfStreamRestore) {
     support::PrivatePulse pulse({"living:48000:Living", "kitchen:48000:Kitchen"});
     ASSERT_TRUE(pulse.running()) << pulse.error();
@@ -488,6 +546,28 @@ TEST(PulseBackendServerLoss, ASpeakerStreamIsNamedForItAndOptedOutOfStreamRestor
         EXPECT_NE(byName["Vellatone → Living"]["module-stream-restore.id"],
                   byName["Vellatone → Kitchen"]["module-stream-restore.id"]);
     }
+
+    // Turned down by a user, as with pactl: the server stores that, and
+    // must neither give it to the next stream for living nor keep it after.
+    uint32_t index = 0;
+    for (auto& i : backend.sinkInputs())
+        if (i.ours && i.properties["media.name"] == "Vellatone → Living") index = i.index;
+    ASSERT_EQ(pulse.run("pactl set-sink-input-volume " + std::to_string(index) + " 50%"), 0);
+    auto storedHalf = [&] {
+        for (const std::string& e : storedOwnEntries(pulse))
+            if (e.find("living") != std::string::npos &&
+                (e.find("=0.12") != std::string::npos || e.find(" 50%") != std::string::npos))
+                return true;
+        return false;
+    };
+    ASSERT_TRUE(eventually(storedHalf, 5.0)) << "WirePlumber writes its state within a second";
+    living.stream.reset();
+    EXPECT_TRUE(eventually([&] { return ownEntriesCleared(pulse, "living"); }, 5.0));
+    living = backend.openPlayback("living", 0, silentOutput, nullptr);
+    ASSERT_EQ(living.status, 0);
+    kitchen.stream.reset();
+    living.stream.reset();
+    EXPECT_TRUE(eventually([&] { return ownEntriesCleared(pulse); }, 5.0));
 }
 
 TEST(PulseBackendServerLoss, ReconnectsOnceTheServerIsBackAndSaysSo) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "platform/pulse/own_stream_entries.h"
 #include "platform/pulse/pulse_convert.h"
 #include "platform/pulse/pulse_loop.h"
 #include "platform/pulse/pulse_streams.h"
@@ -462,12 +463,18 @@ StreamResult PulseBackend::openCapture(const std::string& sourceName, uint32_t r
             for (const auto& [index, input] : inputs_)
                 if (input.sink == sink->id && !input.ours) othersPlay = true;
     }
-    if (!pipewire && sink && canWrite(control))
+    if (!pipewire && sink && canWrite(control)) {
         companion =
             pulse::holdShortSinkLead(audio(), *control, sink->id, sink->name, rate, !othersPlay);
+        companion =
+            pulse::clearingEntryOnClose(std::move(companion), control, sink->name, true, pipewire);
+    }
+    if (canWrite(control)) pulse::clearOwnStreamEntry(*control, sourceName, false, pipewire);
     StreamResult result =
         pulse::openRecordStream(captureLoop(), sourceName, rate, proc, clientData);
     if (!result.stream) return result;
+    result.stream =
+        pulse::clearingEntryOnClose(std::move(result.stream), control, sourceName, false, pipewire);
     result.stream = pulse::withCompanion(std::move(result.stream), std::move(companion));
     return result;
 }
@@ -487,8 +494,14 @@ StreamResult PulseBackend::openPlayback(const std::string& sinkName, uint32_t ra
         return result;
     }
     if (rate == 0) rate = static_cast<uint32_t>(sink->sampleRate);
-    return pulse::openPlaybackStream(audio(), sinkName, pulse::playbackStreamName(*sink), rate,
-                                     proc, clientData);
+    auto control = this->control();
+    const bool pipewire = serverName().find("PipeWire") != std::string::npos;
+    if (canWrite(control)) pulse::clearOwnStreamEntry(*control, sinkName, true, pipewire);
+    StreamResult result = pulse::openPlaybackStream(
+        audio(), sinkName, pulse::playbackStreamName(*sink), rate, proc, clientData);
+    result.stream =
+        pulse::clearingEntryOnClose(std::move(result.stream), control, sinkName, true, pipewire);
+    return result;
 }
 
 }  // namespace vt::platform

@@ -88,6 +88,10 @@ std::string playbackStreamName(const SinkInfo& sink) {
     return "Vellatone → " + (sink.description.empty() ? sink.name : sink.description);
 }
 
+std::string ownStreamKey(const std::string& device) {
+    return "vellatone-stream:" + device;
+}
+
 pa_proplist* ownStreamProperties(const std::string& device, const std::string& shownName) {
     pa_proplist* props = pa_proplist_new();
     pa_proplist_sets(props, PA_PROP_MEDIA_NAME, shownName.c_str());
@@ -96,7 +100,7 @@ pa_proplist* ownStreamProperties(const std::string& device, const std::string& s
     pa_proplist_sets(props, "state.restore-target", "false");
     // pipewire-pulse keys its own stream restore by the application id, not
     // by the id above: one of our own per device keeps speakers apart there.
-    const std::string key = "vellatone-stream:" + device;
+    const std::string key = ownStreamKey(device);
     pa_proplist_sets(props, "module-stream-restore.id", key.c_str());
     pa_proplist_sets(props, PA_PROP_APPLICATION_ID, key.c_str());
     return props;

@@ -33,5 +33,7 @@ std::string playbackStreamName(const SinkInfo& sink);
 // which is also its application id, the key pipewire-pulse restores by.
 // The caller frees the list.
 pa_proplist* ownStreamProperties(const std::string& device, const std::string& shownName);
+// What the servers keep our stream on `device` under (see own_stream_entries.h).
+std::string ownStreamKey(const std::string& device);
 
 }  // namespace vt::platform::pulse
