@@ -25,6 +25,8 @@
 #   SERVER_DEBUG=1                             # PulseAudio logs underruns and rewinds (KEEP_WORK)
 #   STALL_MS=80                                # stop the engine this long every 2.5 s: its
 #                                              # speakers' gaps must stay within the stall
+#   SERVER_STALL_MS=80                         # stop the sound server (pipewire-pulse on
+#                                              # PipeWire) instead: the capture comes late
 #
 # Sound servers and their clients run at raised priority on a desktop; on a
 # shared test machine the measured processes get a raised priority too (when
@@ -55,12 +57,12 @@ done
 
 work=$(mktemp -d /tmp/vellatone-sync.XXXXXX)
 
-engine_pid= noise_pid= pulse_started= record_pid= staller_pid=
+engine_pid= noise_pid= pulse_started= record_pid= staller_pid= stalled=
 cleanup() {
     if [[ -n $staller_pid ]]; then
         kill "$staller_pid" 2>/dev/null || true
         wait "$staller_pid" 2>/dev/null || true
-        kill -CONT "$engine_pid" 2>/dev/null || true
+        kill -CONT "$stalled" 2>/dev/null || true
     fi
     [[ -n $noise_pid ]] && kill "$noise_pid" 2>/dev/null || true
     [[ -n $record_pid ]] && kill "$record_pid" 2>/dev/null || true
@@ -146,15 +148,25 @@ sleep "$SETTLE"
 # A client that stalls (a busy machine, a page fault) misses the server's
 # requests and its streams underrun for the length of the stall, minus what
 # was queued; nothing after it may stay silent for longer.
+# A server that stalls hands the capture its audio late, in one burst.
+stalled=$engine_pid
+if [[ -n ${SERVER_STALL_MS:-} ]]; then
+    STALL_MS=$SERVER_STALL_MS
+    if [[ $server == pulseaudio ]]; then
+        stalled=$pa_pid
+    else
+        stalled=$(cat "$work/pulse/pids/pipewire-pulse")
+    fi
+fi
 if [[ -n ${STALL_MS:-} ]]; then
     (
-        trap 'kill -CONT "$engine_pid" 2>/dev/null; exit 0' TERM
+        trap 'kill -CONT "$stalled" 2>/dev/null; exit 0' TERM
         pause=$(awk -v ms="$STALL_MS" 'BEGIN { print ms / 1000 }')
         while :; do
             sleep 2.5
-            kill -STOP "$engine_pid" 2>/dev/null || exit 0
+            kill -STOP "$stalled" 2>/dev/null || exit 0
             sleep "$pause"
-            kill -CONT "$engine_pid" 2>/dev/null || exit 0
+            kill -CONT "$stalled" 2>/dev/null || exit 0
         done
     ) &
     staller_pid=$!
