@@ -301,12 +301,12 @@ def apps_tab(env):
     w.wait_for("the solo's end", lambda: words("test.music") == "50%")
 
     step("the group editor makes a group of two; its level lowers both, folding hides them")
-    w.click("newGroupButton")
+    press("newGroupButton")
     w.wait_for("the editor", lambda: w.find("groupEditor.name").get("focus"))
     w.send(cmd="type", text="Evening")
-    w.click("groupEditor.app.test.music")
-    w.click("groupEditor.app.test.calls")
-    w.click("groupEditor.done")
+    press("groupEditor.app.test.music")
+    press("groupEditor.app.test.calls")
+    press("groupEditor.done")
     w.wait_for("the editor to close", lambda: not w.visible("groupEditor.name"))
     names = w.send(cmd="names")["names"]
     group = next((n[:-len(".name")] for n in names if n.startswith("group.") and n.endswith(".name")
