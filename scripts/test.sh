@@ -19,11 +19,13 @@ scripts/build.sh build
 # that they never starve each other of the machine's two cores. Every one runs
 # once on PulseAudio and once on PipeWire (with WirePlumber and pipewire-pulse),
 # the two servers people really have.
-# Those labelled "serverless" use no sound server and run in the first pass only.
+# Those labelled "serverless" use no sound server and run in the first pass
+# only; "pulseaudio_only" marks a test held out of the PipeWire pass while a
+# fault of its own there is open.
 for server in pulseaudio pipewire; do
     started=$(date +%s)
     skip=()
-    [ "$server" = pulseaudio ] || skip=(-LE serverless)
+    [ "$server" = pulseaudio ] || skip=(-LE 'serverless|pulseaudio_only')
     (cd build && VELLATONE_TEST_SERVER=$server ctest -L integration "${skip[@]}" \
         --output-on-failure --timeout 900)
     echo "integration tests on $server: $(($(date +%s) - started)) s"
