@@ -70,15 +70,6 @@ int shortestLeadMs() {
                      : kShortestLeadMs;
 }
 
-std::optional<int> parseVolume(const std::string& text) {
-    if (text.empty()) return std::nullopt;
-    double value = 0;
-    auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || ptr != text.data() + text.size() || !std::isfinite(value))
-        return std::nullopt;
-    return static_cast<int>(std::lround(std::clamp(value, 0.0, double{kMaxVolume})));
-}
-
 bool listHas(const std::string& list, const std::string& item) {
     size_t pos = 0;
     while (pos <= list.size()) {
@@ -110,6 +101,15 @@ bool sendsAppleChallenge(const ToolOptions& options) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     // AirPort models are "AirPort10,115" and the like; "ShairportSync" is not one.
     return wantsEncryption(options) && model.rfind("airport", 0) == 0;
+}
+
+std::optional<int> parseVolume(const std::string& text) {
+    if (text.empty()) return std::nullopt;
+    double value = 0;
+    auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || ptr != text.data() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return static_cast<int>(std::lround(std::clamp(value, 0.0, double{kMaxVolume})));
 }
 
 double volumeToDb(int volume) {
@@ -193,10 +193,13 @@ bool RaopRoute::connect() {
         sdp.aesIV = base64Unpadded(keys->iv);
         encryptor_ = std::make_unique<PacketEncryptor>(keys->key, keys->iv);
     }
-    RaopStreamer::PayloadCipher cipher;
+    RtpStreamer::Framing framing;
     if (encryptor_)
-        cipher = [enc = encryptor_.get()](std::span<uint8_t> payload) { enc->encrypt(payload); };
-    streamer_ = std::make_unique<RaopStreamer>(status_, rtsp_->localIP(), std::move(cipher));
+        framing.seal = [enc = encryptor_.get()](std::span<uint8_t> packet, size_t payloadBytes) {
+            enc->encrypt(packet.subspan(kRtpHeaderBytes, payloadBytes));
+            return kRtpHeaderBytes + payloadBytes;
+        };
+    streamer_ = std::make_unique<RtpStreamer>(status_, rtsp_->localIP(), std::move(framing));
     if (!streamer_->open(error)) {
         status_.error(error_code::connectFailed, 0, error);
         return false;
@@ -347,7 +350,7 @@ Outcome RaopRoute::handle(const Command& command) {
 
 Outcome RaopRoute::flush(bool pause) {
     if (!started_ || (pause && paused_)) return Outcome::running;
-    const RaopStreamer::FlushPoint point = streamer_->flush(pause);
+    const RtpStreamer::FlushPoint point = streamer_->flush(pause);
     RtspRequest r = makeRequest("FLUSH");
     r.add("RTP-Info",
           "seq=" + std::to_string(point.seq) + ";rtptime=" + std::to_string(point.rtptime));

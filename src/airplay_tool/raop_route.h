@@ -6,8 +6,8 @@
 #include <string>
 
 #include "airplay_tool/raop_crypto.h"
-#include "airplay_tool/raop_streamer.h"
 #include "airplay_tool/route.h"
+#include "airplay_tool/rtp_streamer.h"
 #include "airplay_tool/rtsp_client.h"
 
 namespace vt::airplay_tool {
@@ -29,6 +29,8 @@ bool wantsEncryption(const ToolOptions& options);
 bool sendsAppleChallenge(const ToolOptions& options);
 // --volume 0-100 in the receiver's dB: -30 to 0, and 0 is mute (-144).
 double volumeToDb(int volume);
+// A command's VOLUME= as 0-100, or nothing when it is not a number.
+std::optional<int> parseVolume(const std::string& text);
 
 class RaopRoute : public Route {
   public:
@@ -56,7 +58,7 @@ class RaopRoute : public Route {
     StatusWriter& status_;
     std::unique_ptr<RtspClient> rtsp_;
     std::unique_ptr<PacketEncryptor> encryptor_;
-    std::unique_ptr<RaopStreamer> streamer_;
+    std::unique_ptr<RtpStreamer> streamer_;
     MetadataSupport metadata_;
     std::string url_;
     std::string session_;

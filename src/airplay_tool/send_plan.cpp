@@ -15,7 +15,9 @@ std::optional<int64_t> SendPlan::place(int64_t arrivalNs) {
         const int64_t dueNs = arrivalNs + leadNs_ - timeline_.startUnixNs();
         const int64_t frames = (dueNs * kRaopSampleRate + kNsPerSecond - 1) / kNsPerSecond;
         const int64_t slots = (frames + kFramesPerSlot - 1) / kFramesPerSlot;
-        input_ = std::max(input_, slots * kFramesPerSlot);
+        const int64_t moved = std::max(input_, slots * kFramesPerSlot);
+        shifted_ += moved - input_;
+        input_ = moved;
     }
     const int64_t frame = input_;
     input_ += kFramesPerSlot;

@@ -42,6 +42,8 @@ class SendPlan {
     void skipTo(int64_t frame) { slot_ = std::max(slot_, frame); }
 
     int64_t slotFrame() const { return slot_; }
+    // How far late audio has moved the time line forward, in frames.
+    int64_t shiftedFrames() const { return shifted_; }
     int64_t inputFrame() const { return input_; }
     const StreamTimeline& timeline() const { return timeline_; }
 
@@ -52,6 +54,7 @@ class SendPlan {
     int64_t leadNs_;
     int64_t input_ = 0;  // the frame the next packet of input is
     int64_t slot_ = 0;   // the frame of the next slot to go out
+    int64_t shifted_ = 0;
 };
 
 }  // namespace vt::airplay_tool

@@ -79,6 +79,11 @@ void StatusWriter::started(int64_t requestedUnixMs, int64_t atUnixMs) {
 void StatusWriter::flushed() {
     write(errFd_, "[STATUS] flushed");
 }
+void StatusWriter::reanchor(int64_t shiftedFrames, int64_t totalShiftedFrames, int sampleRate) {
+    write(errFd_, "[STATUS] REANCHOR shifted_frames=" + std::to_string(shiftedFrames) +
+                      " total_shifted_frames=" + std::to_string(totalShiftedFrames) +
+                      " sample_rate=" + std::to_string(sampleRate));
+}
 void StatusWriter::playing(bool playing, int64_t elapsedMs) {
     write(errFd_, std::string("[STATUS] ") + (playing ? "playing" : "paused") +
                       " elapsed_ms=" + std::to_string(elapsedMs));

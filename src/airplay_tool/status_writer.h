@@ -38,6 +38,8 @@ class StatusWriter {
                        int64_t readyAtUnixMs);
     void started(int64_t requestedUnixMs, int64_t atUnixMs);
     void flushed();
+    // `[STATUS] REANCHOR`: late audio moved the time line forward.
+    void reanchor(int64_t shiftedFrames, int64_t totalShiftedFrames, int sampleRate);
     // `[STATUS] playing elapsed_ms=` or `[STATUS] paused elapsed_ms=`.
     void playing(bool playing, int64_t elapsedMs);
     void eof();

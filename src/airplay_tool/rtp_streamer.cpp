@@ -1,4 +1,4 @@
-#include "airplay_tool/raop_streamer.h"
+#include "airplay_tool/rtp_streamer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -28,7 +28,6 @@ constexpr int64_t kSleepSliceNs = 20 * kNsPerMs;
 constexpr int kPollSliceMs = 100;
 // Room for a start up to eight seconds ahead of the audio that fills it.
 constexpr size_t kMaxQueuedPackets = 8 * kRaopSampleRate / kFramesPerPacket;
-constexpr size_t kPacketBytes = kRtpHeaderBytes + kAlacFrameBytes;
 
 int bindUdp(const std::string& localIP, int& port, std::string& error) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -61,26 +60,26 @@ sockaddr_in addressOf(const std::string& ip, int port) {
 
 }  // namespace
 
-RaopStreamer::RaopStreamer(StatusWriter& status, std::string localIP, PayloadCipher cipher)
+RtpStreamer::RtpStreamer(StatusWriter& status, std::string localIP, Framing framing)
     : status_(status),
       localIP_(std::move(localIP)),
-      cipher_(std::move(cipher)),
-      backlog_(kPacketBytes) {
+      framing_(std::move(framing)),
+      backlog_(kMaxAudioPacketBytes) {
     std::random_device random;
     firstSeq_ = static_cast<uint16_t>(random());
     // Kept clear of 0, which a receiver reads as "no reference".
     firstTimestamp_ = static_cast<uint32_t>(random()) | 0x100u;
-    ssrc_ = static_cast<uint32_t>(random());
+    ssrc_ = framing_.ssrc.value_or(static_cast<uint32_t>(random()));
     nextSeq_ = firstSeq_;
 }
 
-RaopStreamer::~RaopStreamer() {
+RtpStreamer::~RtpStreamer() {
     stop();
     for (int fd : {controlFd_, timingFd_, audioFd_, wakeFd_})
         if (fd >= 0) close(fd);
 }
 
-bool RaopStreamer::open(std::string& error) {
+bool RtpStreamer::open(std::string& error) {
     controlFd_ = bindUdp(localIP_, controlPort_, error);
     if (controlFd_ < 0) return false;
     timingFd_ = bindUdp(localIP_, timingPort_, error);
@@ -96,18 +95,18 @@ bool RaopStreamer::open(std::string& error) {
     return true;
 }
 
-void RaopStreamer::setReceiver(const std::string& receiverIP, ReceiverPorts ports) {
+void RtpStreamer::setReceiver(const std::string& receiverIP, ReceiverPorts ports) {
     receiverIP_ = receiverIP;
     ports_ = ports;
     sockaddr_in audio = addressOf(receiverIP, ports.audio);
     ::connect(audioFd_, reinterpret_cast<sockaddr*>(&audio), sizeof audio);
 }
 
-void RaopStreamer::startResponder() {
+void RtpStreamer::startResponder() {
     if (!responder_.joinable()) responder_ = std::thread([this] { respond(); });
 }
 
-void RaopStreamer::respond() {
+void RtpStreamer::respond() {
     uint8_t buf[2048];
     pollfd fds[3] = {{timingFd_, POLLIN, 0}, {controlFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     while (!stopping_.load()) {
@@ -150,13 +149,13 @@ void RaopStreamer::respond() {
     }
 }
 
-void RaopStreamer::begin(const StreamStart& start) {
+void RtpStreamer::begin(const StreamStart& start) {
     if (reader_.joinable()) return;
     reader_ = std::thread([this, start] { readInput(start); });
     sender_ = std::thread([this] { sendPackets(); });
 }
 
-void RaopStreamer::beginTimeLine(const StreamStart& start, int64_t arrivalNs) {
+void RtpStreamer::beginTimeLine(const StreamStart& start, int64_t arrivalNs) {
     const int64_t at =
         std::max(start.requestedUnixMs * kNsPerMs, arrivalNs + int64_t{start.minLeadMs} * kNsPerMs);
     plan_.emplace(StreamTimeline(at, firstTimestamp_, latencyFramesForLead(at - arrivalNs)),
@@ -165,7 +164,7 @@ void RaopStreamer::beginTimeLine(const StreamStart& start, int64_t arrivalNs) {
     changed_.notify_all();
 }
 
-void RaopStreamer::readInput(StreamStart start) {
+void RtpStreamer::readInput(StreamStart start) {
     const size_t packetInputBytes = kFramesPerPacket * start.format.bytesPerFrame();
     std::vector<uint8_t> input(packetInputBytes);
     std::array<int16_t, kFramesPerPacket * 2> samples{};
@@ -195,7 +194,13 @@ void RaopStreamer::readInput(StreamStart start) {
             if (paused_ && !plan_) continue;
             if (!plan_) beginTimeLine(start, arrivalNs);
             // Paused, the time line still runs on with the input.
+            const int64_t shiftedBefore = plan_->shiftedFrames();
             std::optional<int64_t> frame = plan_->place(arrivalNs);
+            if (const int64_t shifted = plan_->shiftedFrames() - shiftedBefore;
+                shifted > 0 && framing_.reportsReanchor) {
+                reanchoredFrames_ += shifted;
+                status_.reanchor(shifted, reanchoredFrames_, kRaopSampleRate);
+            }
             if (!frame || paused_) continue;  // its slot is gone, or no one listens
             packet.frame = *frame;
         }
@@ -212,16 +217,22 @@ void RaopStreamer::readInput(StreamStart start) {
     changed_.notify_all();
 }
 
-bool RaopStreamer::waitForTiming() {
+bool RtpStreamer::waitForTiming() {
     const int64_t until = unixNowNs() + kTimingWaitNs;
     while (timingExchanges_.load() == 0 && !stopping_.load() && unixNowNs() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return timingExchanges_.load() > 0;
 }
 
-void RaopStreamer::sendSync(const StreamTimeline& timeline, bool first) {
-    const SyncFields s = timeline.syncAt(unixNowNs());
-    auto packet = makeSyncPacket(first, s.rtpLessLatency, s.ntp, s.rtp);
+void RtpStreamer::sendSync(const StreamTimeline& timeline, bool first) {
+    std::vector<uint8_t> packet;
+    if (framing_.sync) {
+        packet = framing_.sync(timeline, unixNowNs(), first);
+    } else {
+        const SyncFields s = timeline.syncAt(unixNowNs());
+        const auto ntpSync = makeSyncPacket(first, s.rtpLessLatency, s.ntp, s.rtp);
+        packet.assign(ntpSync.begin(), ntpSync.end());
+    }
     sockaddr_in to = addressOf(receiverIP_, ports_.control);
     sendto(controlFd_, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
            sizeof to);
@@ -229,19 +240,19 @@ void RaopStreamer::sendSync(const StreamTimeline& timeline, bool first) {
 
 // Paced by the clock: each slot of the time line goes out when it is due,
 // with the app's audio when it is there and as silence when it is not.
-void RaopStreamer::sendPackets() {
+void RtpStreamer::sendPackets() {
     {
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return plan_.has_value() || stopping_.load() || readerDone_; });
         if (!plan_) return;
     }
-    waitForTiming();
+    if (framing_.waitsForTiming) waitForTiming();
     std::array<uint8_t, kAlacFrameBytes> silence{};
     packAlacStereo16(std::array<int16_t, kFramesPerPacket * 2>{}, silence);
     uint64_t epoch = 0;
     bool first = true;
     int64_t lastSync = 0;
-    std::array<uint8_t, kPacketBytes> wire{};
+    std::array<uint8_t, kMaxAudioPacketBytes> wire{};
     std::unique_lock lock(mutex_);
     while (!stopping_.load()) {
         if (!plan_ || paused_) {
@@ -300,10 +311,10 @@ void RaopStreamer::sendPackets() {
         }
         writeAudioHeader(std::span<uint8_t, kRtpHeaderBytes>(wire.data(), kRtpHeaderBytes), first,
                          seq, rtp, ssrc_);
-        if (cipher_) cipher_(std::span<uint8_t>(wire.data() + kRtpHeaderBytes, kAlacFrameBytes));
-        const bool refused =
-            send(audioFd_, wire.data(), wire.size(), 0) < 0 && errno == ECONNREFUSED;
-        if (!refused) backlog_.store(seq, wire);
+        const size_t length = framing_.seal ? framing_.seal(wire, kAlacFrameBytes)
+                                            : kRtpHeaderBytes + kAlacFrameBytes;
+        const bool refused = send(audioFd_, wire.data(), length, 0) < 0 && errno == ECONNREFUSED;
+        if (!refused) backlog_.store(seq, std::span<const uint8_t>(wire.data(), length));
         first = false;
         lock.lock();
         if (refused) {
@@ -317,7 +328,7 @@ void RaopStreamer::sendPackets() {
     if (!stopping_.load() && !failure() && !inputEnded_.exchange(true)) status_.eof();
 }
 
-RaopStreamer::FlushPoint RaopStreamer::flush(bool pause) {
+RtpStreamer::FlushPoint RtpStreamer::flush(bool pause) {
     std::lock_guard lock(mutex_);
     queue_.clear();
     ++epoch_;
@@ -328,7 +339,7 @@ RaopStreamer::FlushPoint RaopStreamer::flush(bool pause) {
     return {nextSeq_, plan_->timeline().rtpOf(plan_->slotFrame())};
 }
 
-void RaopStreamer::resume() {
+void RtpStreamer::resume() {
     std::lock_guard lock(mutex_);
     if (!paused_) return;
     paused_ = false;
@@ -341,35 +352,35 @@ void RaopStreamer::resume() {
     changed_.notify_all();
 }
 
-int64_t RaopStreamer::heardFramesLocked(int64_t nowNs) const {
+int64_t RtpStreamer::heardFramesLocked(int64_t nowNs) const {
     if (!plan_) return 0;
     const int64_t through = paused_ ? pausedAtFrame_ : plan_->slotFrame();
     return std::clamp<int64_t>(plan_->timeline().frameHeardAt(nowNs), 0, through) - skippedFrames_;
 }
 
-int64_t RaopStreamer::elapsedMs() const {
+int64_t RtpStreamer::elapsedMs() const {
     std::lock_guard lock(mutex_);
     return std::max<int64_t>(0, heardFramesLocked(unixNowNs())) * 1000 / kRaopSampleRate;
 }
 
-void RaopStreamer::fail(const std::string& why) {
+void RtpStreamer::fail(const std::string& why) {
     std::lock_guard lock(mutex_);
     if (!failure_) failure_ = why;
 }
 
-std::optional<std::string> RaopStreamer::failure() const {
+std::optional<std::string> RtpStreamer::failure() const {
     std::lock_guard lock(mutex_);
     return failure_;
 }
 
-uint32_t RaopStreamer::rtpNow() const {
+uint32_t RtpStreamer::rtpNow() const {
     std::lock_guard lock(mutex_);
     if (!plan_) return firstTimestamp_;
     const StreamTimeline& t = plan_->timeline();
     return t.rtpOf(std::max<int64_t>(0, t.frameHeardAt(unixNowNs())));
 }
 
-void RaopStreamer::stop() {
+void RtpStreamer::stop() {
     stopping_.store(true);
     if (wakeFd_ >= 0) {
         uint64_t one = 1;

@@ -1,7 +1,9 @@
-// The UDP side of an AirPlay 1 session: answers the receiver's timing
-// requests and resend requests from the moment SETUP names our ports, and
-// after START turns standard input into paced, stamped audio packets with
-// sync packets once a second.
+// The UDP side of a realtime AirPlay session (AirPlay 1, and AirPlay 2's
+// stream type 96): answers the receiver's timing requests and resend
+// requests from the moment SETUP names our ports, and after START turns
+// standard input into paced, stamped audio packets with sync packets once a
+// second. How a packet is sealed and what a sync packet says is the route's
+// (`Framing`); the pacing, the backlog and the threads are the same.
 //
 // Threads: the responder (timing and control sockets), the reader (standard
 // input into a bounded queue of packets) and the sender (the queue onto the
@@ -38,13 +40,32 @@ struct StreamStart {
     PcmFormat format;
 };
 
-class RaopStreamer {
-  public:
-    // Encrypts an audio payload in place; empty for a plain stream.
-    using PayloadCipher = std::function<void(std::span<uint8_t>)>;
+// An audio packet as it may go out: header, ALAC frame, and what AirPlay 2
+// appends (the tag and the nonce's tail).
+inline constexpr size_t kMaxAudioPacketBytes = kRtpHeaderBytes + kAlacFrameBytes + 24;
 
-    RaopStreamer(StatusWriter& status, std::string localIP, PayloadCipher cipher);
-    ~RaopStreamer();
+class RtpStreamer {
+  public:
+    // Seals an audio packet in place: its header and `payloadBytes` of
+    // payload are written, and it has room for kMaxAudioPacketBytes.
+    // Returns its length on the wire.
+    using PacketSealer = std::function<size_t(std::span<uint8_t> packet, size_t payloadBytes)>;
+    // The sync packet for this moment of the time line.
+    using SyncMaker = std::function<std::vector<uint8_t>(const StreamTimeline& timeline,
+                                                         int64_t nowNs, bool first)>;
+    struct Framing {
+        PacketSealer seal;  // empty: the payload goes as it is
+        SyncMaker sync;     // empty: AirPlay 1's, on the NTP clock
+        // AirPlay 1 receivers ignore sync packets until they have had a
+        // timing answer; the first audio waits (a while) for one.
+        bool waitsForTiming = true;
+        std::optional<uint32_t> ssrc;  // none: a random one
+        // `REANCHOR` lines when late audio moves the time line forward.
+        bool reportsReanchor = false;
+    };
+
+    RtpStreamer(StatusWriter& status, std::string localIP, Framing framing);
+    ~RtpStreamer();
 
     // Binds the control and timing sockets; false and `error` on failure.
     bool open(std::string& error);
@@ -99,7 +120,7 @@ class RaopStreamer {
 
     StatusWriter& status_;
     std::string localIP_;
-    PayloadCipher cipher_;
+    Framing framing_;
     int controlFd_ = -1;
     int timingFd_ = -1;
     int audioFd_ = -1;
@@ -123,11 +144,12 @@ class RaopStreamer {
     bool readerDone_ = false;
     // The time line and what of it went out; none before the first audio.
     std::optional<SendPlan> plan_;
-    uint64_t epoch_ = 0;         // counts flushes: the receiver is told afresh
-    bool paused_ = false;        // input is read and dropped
-    uint16_t nextSeq_ = 0;       // the sequence number of the next packet
-    int64_t pausedAtFrame_ = 0;  // the slot a pause began at
-    int64_t skippedFrames_ = 0;  // slots passed over by pauses, not heard
+    uint64_t epoch_ = 0;            // counts flushes: the receiver is told afresh
+    bool paused_ = false;           // input is read and dropped
+    uint16_t nextSeq_ = 0;          // the sequence number of the next packet
+    int64_t pausedAtFrame_ = 0;     // the slot a pause began at
+    int64_t skippedFrames_ = 0;     // slots passed over by pauses, not heard
+    int64_t reanchoredFrames_ = 0;  // the time line's moves since START
     std::optional<std::string> failure_;
 
     std::thread responder_;

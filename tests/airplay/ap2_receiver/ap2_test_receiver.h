@@ -1,0 +1,76 @@
+// A small AirPlay 2 receiver for tests, on loopback, as strict as the public
+// descriptions of the protocol make a receiver: it answers GET /info, pairs
+// transiently (its own SRP server), then takes only encrypted requests,
+// checks the session SETUP, RECORD, SETPEERS and stream SETUP plists and
+// their order, takes the ChaCha20-Poly1305 sealed RTP audio of a realtime
+// ALAC stream, decodes it, and places every frame in time by the sync
+// packets against the PTP clock. It asks for one packet again (it "loses"
+// the twentieth) so the sender's backlog is exercised.
+//
+// PTP: it speaks to the sender's clock (Delay_Req to port 319) so that the
+// sender sees a receiver on the clock, but it reads no PTP time itself: on
+// the one host of a test the sender's clock, which leads, is CLOCK_REALTIME.
+//
+// What it shares with the sender: TLV8, the channel's frame format and
+// HKDF/ChaCha20-Poly1305 calls (thin OpenSSL wrappers) from hap/, and the PTP
+// message encoder. Everything a receiver decides is its own.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vt::airplay_test {
+
+struct PlayedAudio {
+    uint32_t firstRtp = 0;
+    // Interleaved stereo from the first frame on; silence where nothing came.
+    std::vector<int16_t> samples;
+    size_t missingPackets = 0;
+    // When the first frame is heard, in PTP (here: Unix) nanoseconds.
+    int64_t firstFrameNs = 0;
+};
+
+struct ReceiverState;
+
+class Ap2TestReceiver {
+  public:
+    Ap2TestReceiver();
+    ~Ap2TestReceiver();
+    Ap2TestReceiver(const Ap2TestReceiver&) = delete;
+    Ap2TestReceiver& operator=(const Ap2TestReceiver&) = delete;
+
+    int port() const { return port_; }
+    // What the sender did against the protocol, a line each.
+    std::vector<std::string> violations() const;
+    // The requests in order, as "METHOD uri".
+    std::vector<std::string> requests() const;
+    std::optional<PlayedAudio> played() const;
+    std::optional<double> volumeDb() const;
+    int resentPackets() const;
+    int syncPackets() const;
+    bool tornDown() const;
+    // The largest distance, in nanoseconds, of a sync packet's time from the
+    // line the first one drew.
+    int64_t syncDeviationNs() const;
+
+  private:
+    void serveControl();
+    void serveMedia();
+
+    int listenFd_ = -1;
+    int stopFd_ = -1;
+    int port_ = 0;
+    std::unique_ptr<ReceiverState> state_;
+    mutable std::mutex mutex_;
+    std::thread control_;
+    std::thread media_;
+};
+
+}  // namespace vt::airplay_test
