@@ -12,6 +12,7 @@
 #include "airplay_tool/hap/hap_crypto.h"
 #include "airplay_tool/raop_route.h"
 #include "airplay_tool/session_plists.h"
+#include "airplay_tool/track_metadata.h"
 
 namespace vt::airplay_tool {
 
@@ -271,6 +272,19 @@ bool AirPlay2Route::setUpSession() {
     return true;
 }
 
+void AirPlay2Route::sendMetadata(const Command& command) {
+    const std::optional<uint32_t> heard =
+        started_ ? std::optional<uint32_t>(streamer_->rtpNow()) : std::nullopt;
+    for (const ParameterRequest& p : trackParameters(command, MetadataSupport{}, heard)) {
+        RtspRequest r = makeRequest("SET_PARAMETER");
+        r.add("Content-Type", p.contentType);
+        if (p.stamped) r.add("RTP-Info", "rtptime=" + std::to_string(streamer_->rtpNow()));
+        r.body = p.body;
+        // A receiver that takes no metadata answers and ignores it.
+        rtsp_->request(r, setupTimeoutMs());
+    }
+}
+
 bool AirPlay2Route::setVolume(int volume) {
     char body[64];
     std::snprintf(body, sizeof body, "volume: %.6f\r\n", volumeToDb(volume));
@@ -355,7 +369,10 @@ Outcome AirPlay2Route::handle(const Command& command) {
         start.inputFd = 0;
         start.format = PcmFormat{options_.bitDepth, options_.channels};
         streamer_->begin(start);
+        if (!command.field("ARTIST").empty() || !command.field("ALBUM").empty())
+            sendMetadata(command);
     }
+    if (action == "SENDMETA") sendMetadata(command);
     if (action == "FLUSH") return flush(false);
     if (action == "PAUSE" || action == "STANDBY") return flush(true);
     if (action == "PLAY" && paused_) {

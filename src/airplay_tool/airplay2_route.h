@@ -44,6 +44,7 @@ class AirPlay2Route : public Route {
     std::optional<RtspResponse> sessionStep(const RtspRequest& request);
     RtpStreamer::Framing framing() const;
     bool setVolume(int volume);
+    void sendMetadata(const Command& command);
     Outcome flush(bool pause);
 
     ToolOptions options_;

@@ -9,9 +9,7 @@
 #include <random>
 #include <thread>
 
-#include "airplay_tool/artwork.h"
 #include "airplay_tool/base64.h"
-#include "airplay_tool/dmap.h"
 #include "airplay_tool/sdp.h"
 
 namespace vt::airplay_tool {
@@ -70,23 +68,7 @@ int shortestLeadMs() {
                      : kShortestLeadMs;
 }
 
-bool listHas(const std::string& list, const std::string& item) {
-    size_t pos = 0;
-    while (pos <= list.size()) {
-        size_t comma = list.find(',', pos);
-        if (comma == std::string::npos) comma = list.size();
-        if (list.compare(pos, comma - pos, item) == 0) return true;
-        pos = comma + 1;
-    }
-    return false;
-}
-
 }  // namespace
-
-MetadataSupport metadataSupportFrom(const std::string& md) {
-    if (md.empty()) return {};
-    return {listHas(md, "0"), listHas(md, "1"), listHas(md, "2")};
-}
 
 bool wantsEncryption(const ToolOptions& options) {
     if (options.forceRaw) return false;
@@ -292,34 +274,10 @@ bool RaopRoute::setVolume(int volume) {
 }
 
 void RaopRoute::sendMetadata(const Command& command) {
-    if (metadata_.text) {
-        TrackInfo info{command.field("TITLE"), command.field("ARTIST"), command.field("ALBUM"),
-                       command.field("ITEMID")};
-        setParameter("application/x-dmap-tagged", buildDmapItem(info), true);
-    }
-    if (metadata_.artwork) {
-        std::optional<Artwork> art;
-        if (auto file = command.field("ARTWORKFILE"); !file.empty()) art = loadArtworkFile(file);
-        if (!art)
-            if (auto inline_ = command.field("ARTWORK"); !inline_.empty())
-                art = artworkFromBase64(inline_);
-        if (art) setParameter(art->mimeType, art->bytes, true);
-    }
-    if (metadata_.progress && started_) {
-        const double durationSec = std::strtod(command.field("DURATION").c_str(), nullptr);
-        const double progressSec = std::strtod(command.field("PROGRESS").c_str(), nullptr);
-        if (durationSec > 0 && std::isfinite(durationSec) && std::isfinite(progressSec)) {
-            const uint32_t now = streamer_->rtpNow();
-            const auto frames = [](double s) {
-                return static_cast<uint32_t>(std::llround(std::max(0.0, s) * kRaopSampleRate));
-            };
-            const uint32_t start = now - frames(progressSec);
-            setParameter("text/parameters",
-                         "progress: " + std::to_string(start) + "/" + std::to_string(now) + "/" +
-                             std::to_string(start + frames(durationSec)) + "\r\n",
-                         false);
-        }
-    }
+    const std::optional<uint32_t> heard =
+        started_ ? std::optional<uint32_t>(streamer_->rtpNow()) : std::nullopt;
+    for (const ParameterRequest& p : trackParameters(command, metadata_, heard))
+        setParameter(p.contentType, p.body, p.stamped);
 }
 
 Outcome RaopRoute::handle(const Command& command) {

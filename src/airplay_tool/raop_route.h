@@ -9,18 +9,10 @@
 #include "airplay_tool/route.h"
 #include "airplay_tool/rtp_streamer.h"
 #include "airplay_tool/rtsp_client.h"
+#include "airplay_tool/track_metadata.h"
 
 namespace vt::airplay_tool {
 
-// Which SET_PARAMETER kinds the receiver's `md` allows.
-struct MetadataSupport {
-    bool text = true;
-    bool artwork = true;
-    bool progress = true;
-};
-// An empty `md` (the receiver's TXT not handed to us) allows everything: a
-// receiver without metadata answers such requests and ignores them.
-MetadataSupport metadataSupportFrom(const std::string& md);
 // Whether to encrypt: --raw and --encrypt decide, else the receiver's `et`
 // (RSA is 1), else yes, since AirPort Express receivers take nothing else.
 bool wantsEncryption(const ToolOptions& options);

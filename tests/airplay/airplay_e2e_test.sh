@@ -6,7 +6,10 @@
 # receiver is listed by discovery alone; add and start make it play (sound
 # at airport's monitor, the row streaming with its lag); a receiver that dies
 # mid-stream plays again when it is back; stop leaves no tool process
-# behind; a receiver with a password asks for it, refuses a wrong one, and
+# behind; our own AirPlay 2 receiver, found on the network as any other,
+# plays through the same rows (pairing, the encrypted session, PTP from the
+# app's shared clock) with nothing against the protocol; a receiver with a
+# password asks for it, refuses a wrong one, and
 # plays with the right one, which is kept across a restart of the app. The
 # track a real player (mpv with mpv-mpris, on a private session bus) plays
 # reaches the receiver's metadata pipe: title, artist, album and cover.
@@ -137,6 +140,34 @@ await 10 "no sound reached the receiver's room again" plays
 step "stop: no tool process is left"
 ctl stop >/dev/null || fail "stop"
 await 5 "a vellatone-airplay process is still running" bash -c "! pgrep -f '^$BIN/vellatone-airplay ' >/dev/null"
+
+step "our own AirPlay 2 receiver on b plays through the same rows"
+(rig_exec b "$BIN/ap2-test-receiver" "$RIG_ADDR_b" 7000 >"$work/receiver-ap2.log" 2>&1) &
+ap2_pid=$!
+RIG_PIDS+=("$ap2_pid")
+rig_bg b avahi-publish -s Patio _airplay._tcp 7000 deviceid=0A:0B:0C:0D:0E:0F \
+    features=0x200,0x10240 flags=0x4 model=VellatoneTestReceiver1,1 srcvers=366.0
+await_outputs '^air:Patio\tairplay\tPatio\tAirPlay$'
+ctl add air:Patio >/dev/null || fail "add Patio"
+patio() { ctl status | field "[r['transport'] for r in s['rows'] if r['name']=='Patio'][0]"; }
+patio_streams() { [[ $(patio) == *'streaming · '*'s lag, auto-synced'* ]]; }
+# The receiver prints its loudest sample as sound comes.
+patio_plays() {
+    local peak
+    peak=$(grep -o 'peak=[0-9]*' "$work/receiver-ap2.log" | tail -1 | cut -d= -f2)
+    (( ${peak:-0} > 1000 ))
+}
+ctl start >/dev/null || fail "start with Patio"
+await 20 "the AirPlay 2 row never said it streams: $(patio)" patio_streams
+await 10 "no sound reached our AirPlay 2 receiver: $(tail -3 "$work/receiver-ap2.log")" patio_plays
+echo "row: $(patio)"
+ctl stop >/dev/null || fail "stop with Patio"
+# On its way out the receiver counts what the sessions did against the protocol.
+kill "$ap2_pid" && wait "$ap2_pid"
+grep -q '^\[receiver\] violations=0$' "$work/receiver-ap2.log" ||
+    fail "the session broke the protocol: $(grep violation "$work/receiver-ap2.log")"
+patio_slot=$(ctl status | field "[r['slot'] for r in s['rows'] if r['name']=='Patio'][0]")
+ctl remove "$patio_slot" >/dev/null || fail "remove Patio"
 
 step "a receiver with a password asks for it; a wrong one is refused, the right one kept"
 stop_receiver

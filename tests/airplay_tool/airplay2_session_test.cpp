@@ -81,6 +81,7 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
 
     const int64_t startMs = unixMs() + kStartLeadMs;
     command("START_UNIX_MS=" + std::to_string(startMs) + "\nACTION=START\n");
+    command("TITLE=Kitchen Song\nARTIST=The Receivers\nALBUM=Pipe Dreams\nACTION=SENDMETA\n");
     const auto before = signal(0, kBeforeStallFrames);
     ASSERT_TRUE(tool.write(before.data(), before.size() * sizeof(int16_t)));
     std::this_thread::sleep_for(kStall);
@@ -95,16 +96,17 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     rmdir(dir);
 
     EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
-    // In this order; POST /feedback keeps the session alive between them.
+    // In this order (the volume, then the track); POST /feedback may come between.
     std::vector<std::string> requests = receiver.requests();
     std::erase(requests, "POST /feedback");
-    ASSERT_EQ(requests.size(), 9u) << ::testing::PrintToString(requests);
+    ASSERT_EQ(requests.size(), 10u) << ::testing::PrintToString(requests);
     const std::string url = requests[3].substr(requests[3].find(' ') + 1);
     EXPECT_EQ(requests, (std::vector<std::string>{
                             "GET /info", "POST /pair-setup", "POST /pair-setup", "SETUP " + url,
                             "RECORD " + url, "SETPEERS " + url, "SETUP " + url,
-                            "SET_PARAMETER " + url, "TEARDOWN " + url}));
+                            "SET_PARAMETER " + url, "SET_PARAMETER " + url, "TEARDOWN " + url}));
     EXPECT_DOUBLE_EQ(receiver.volumeDb().value_or(0), -15.0);
+    EXPECT_NE(receiver.trackText().find("Kitchen Song"), std::string::npos);
     EXPECT_TRUE(receiver.tornDown());
     EXPECT_EQ(receiver.resentPackets(), 1);
     EXPECT_GE(receiver.syncPackets(), 2);

@@ -24,7 +24,6 @@ namespace ptp = vt::airplay_tool::ptp;
 
 namespace {
 
-constexpr const char* kAddress = "127.0.0.1";
 constexpr const char* kTransientCode = "3939";
 constexpr size_t kMaxRequestBytes = 1 << 20;
 constexpr int kSampleRate = 44100;
@@ -52,11 +51,12 @@ uint64_t be64(const uint8_t* p) {
     return uint64_t{be32(p)} << 32 | be32(p + 4);
 }
 
-int udpSocket(int& port) {
+int udpSocket(const std::string& address, int& port) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    inet_pton(AF_INET, kAddress, &a.sin_addr);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &a.sin_addr);
     bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
     socklen_t len = sizeof a;
     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
@@ -64,13 +64,14 @@ int udpSocket(int& port) {
     return fd;
 }
 
-int tcpListener(int& port) {
+int tcpListener(const std::string& address, int& port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    inet_pton(AF_INET, kAddress, &a.sin_addr);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &a.sin_addr);
     bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
     listen(fd, 4);
     socklen_t len = sizeof a;
@@ -177,7 +178,10 @@ struct Reply {
 }  // namespace
 
 struct ReceiverState {
+    std::string address;
     std::vector<std::string> violations;
+    int peak = 0;
+    size_t frames = 0;
     std::vector<std::string> requests;
     // Session
     std::unique_ptr<SrpServer> srp;
@@ -192,6 +196,7 @@ struct ReceiverState {
     int senderControlPort = 0;
     hap::Bytes audioKey;
     std::optional<double> volumeDb;
+    std::string trackText;
     // Media
     int dataFd = -1, controlFd = -1, eventFd = -1, eventConnection = -1, ptpFd = -1;
     int dataPort = 0, controlPort = 0, eventPort = 0;
@@ -336,21 +341,30 @@ Reply setPeers(ReceiverState& s, const Request& r) {
     if (list && plist_get_node_type(list) == PLIST_ARRAY)
         for (uint32_t i = 0; i < plist_array_get_size(list); ++i)
             if (auto a = stringItem(plist_array_get_item(list, i))) addresses.insert(*a);
-    if (!addresses.count(kAddress) || !addresses.count(s.senderAddress))
+    if (!addresses.count(s.address) || !addresses.count(s.senderAddress))
         s.violations.push_back("SETPEERS does not name the receiver and the sender");
     return {};
 }
 
 Reply setParameter(ReceiverState& s, const Request& r) {
-    const std::string prefix = "volume: ";
-    if (r.header("content-type") != "text/parameters" ||
-        r.body.compare(0, prefix.size(), prefix) != 0) {
-        s.violations.push_back("SET_PARAMETER with something other than the volume");
+    const std::string type = r.header("content-type");
+    if (type == "application/x-dmap-tagged" || type == "image/jpeg" || type == "image/png") {
+        if (r.header("rtp-info").rfind("rtptime=", 0) != 0)
+            s.violations.push_back("track metadata without its RTP time");
+        if (type == "application/x-dmap-tagged" && r.body.compare(0, 4, "mlit") != 0)
+            s.violations.push_back("DMAP metadata that is no listing item");
+        if (type == "application/x-dmap-tagged") s.trackText = r.body;
+        return {};
+    }
+    const std::string volume = "volume: ", progress = "progress: ";
+    if (type == "text/parameters" && r.body.compare(0, progress.size(), progress) == 0) return {};
+    if (type != "text/parameters" || r.body.compare(0, volume.size(), volume) != 0) {
+        s.violations.push_back("SET_PARAMETER with something this receiver does not take");
         return {400};
     }
     char* end = nullptr;
-    const double db = std::strtod(r.body.c_str() + prefix.size(), &end);
-    if (end == r.body.c_str() + prefix.size() || !(db == -144.0 || (db >= -30.0 && db <= 0.0)))
+    const double db = std::strtod(r.body.c_str() + volume.size(), &end);
+    if (end == r.body.c_str() + volume.size() || !(db == -144.0 || (db >= -30.0 && db <= 0.0)))
         s.violations.push_back("SET_PARAMETER: a volume out of range");
     s.volumeDb = db;
     return {};
@@ -401,15 +415,17 @@ Reply handleRequest(ReceiverState& s, const Request& r, bool encrypted,
 
 }  // namespace
 
-Ap2TestReceiver::Ap2TestReceiver() : state_(std::make_unique<ReceiverState>()) {
-    listenFd_ = tcpListener(port_);
+Ap2TestReceiver::Ap2TestReceiver(std::string address, int port)
+    : address_(std::move(address)), port_(port), state_(std::make_unique<ReceiverState>()) {
+    listenFd_ = tcpListener(address_, port_);
     stopFd_ = eventfd(0, EFD_CLOEXEC);
     ReceiverState& s = *state_;
-    s.dataFd = udpSocket(s.dataPort);
-    s.controlFd = udpSocket(s.controlPort);
-    s.eventFd = tcpListener(s.eventPort);
-    int unused = 0;
-    s.ptpFd = udpSocket(unused);
+    s.address = address_;
+    s.dataFd = udpSocket(address_, s.dataPort);
+    s.controlFd = udpSocket(address_, s.controlPort);
+    s.eventFd = tcpListener(address_, s.eventPort);
+    int any = 0;
+    s.ptpFd = udpSocket(address_, any);
     control_ = std::thread([this] { serveControl(); });
     media_ = std::thread([this] { serveMedia(); });
 }
@@ -427,9 +443,31 @@ Ap2TestReceiver::~Ap2TestReceiver() {
 
 void Ap2TestReceiver::serveControl() {
     pollfd waitFds[2] = {{listenFd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-    if (poll(waitFds, 2, -1) <= 0 || waitFds[1].revents) return;
-    const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) return;
+    while (poll(waitFds, 2, -1) > 0 && !waitFds[1].revents) {
+        const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        {
+            // A new session: what the one before set up is gone.
+            std::lock_guard lock(mutex_);
+            ReceiverState& s = *state_;
+            s.srp.reset();
+            s.sessionSetUp = s.recorded = s.streamSetUp = s.ptp = s.tornDown = false;
+            s.audioPackets = 0;
+            s.lostSeq.reset();
+            s.nonces.clear();
+            s.firstRtp.reset();
+            s.packets.clear();
+            s.anchor.reset();
+            s.syncs = 0;
+            if (s.eventConnection >= 0) close(s.eventConnection);
+            s.eventConnection = -1;
+        }
+        serveConnection(fd);
+        close(fd);
+    }
+}
+
+void Ap2TestReceiver::serveConnection(int fd) {
     {
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
@@ -496,7 +534,6 @@ void Ap2TestReceiver::serveControl() {
             break;
         }
     }
-    close(fd);
 }
 
 namespace {
@@ -558,6 +595,8 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
     const uint32_t offset = rtp - *s.firstRtp;
     if (offset % kFramesPerPacket != 0) s.violations.push_back("an RTP time off the packet grid");
     s.packets[offset] = *samples;
+    s.frames += samples->size() / 2;
+    for (int16_t v : *samples) s.peak = std::max(s.peak, std::abs(int{v}));
 }
 
 void controlPacket(ReceiverState& s, std::span<const uint8_t> p) {
@@ -661,6 +700,21 @@ std::vector<std::string> Ap2TestReceiver::requests() const {
 std::optional<double> Ap2TestReceiver::volumeDb() const {
     std::lock_guard lock(mutex_);
     return state_->volumeDb;
+}
+
+std::string Ap2TestReceiver::trackText() const {
+    std::lock_guard lock(mutex_);
+    return state_->trackText;
+}
+
+int Ap2TestReceiver::peakLevel() const {
+    std::lock_guard lock(mutex_);
+    return state_->peak;
+}
+
+size_t Ap2TestReceiver::framesReceived() const {
+    std::lock_guard lock(mutex_);
+    return state_->frames;
 }
 
 int Ap2TestReceiver::resentPackets() const {

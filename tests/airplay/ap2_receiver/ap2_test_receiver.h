@@ -41,18 +41,25 @@ struct ReceiverState;
 
 class Ap2TestReceiver {
   public:
-    Ap2TestReceiver();
+    // Listens on `address` (loopback, or a namespace's own), on `port` or
+    // one the system picks; one session at a time, one after another.
+    explicit Ap2TestReceiver(std::string address = "127.0.0.1", int port = 0);
     ~Ap2TestReceiver();
     Ap2TestReceiver(const Ap2TestReceiver&) = delete;
     Ap2TestReceiver& operator=(const Ap2TestReceiver&) = delete;
 
     int port() const { return port_; }
+    // The loudest sample that has come, of any session.
+    int peakLevel() const;
+    size_t framesReceived() const;
     // What the sender did against the protocol, a line each.
     std::vector<std::string> violations() const;
     // The requests in order, as "METHOD uri".
     std::vector<std::string> requests() const;
     std::optional<PlayedAudio> played() const;
     std::optional<double> volumeDb() const;
+    // The last DMAP listing item of the track, as it came.
+    std::string trackText() const;
     int resentPackets() const;
     int syncPackets() const;
     bool tornDown() const;
@@ -62,8 +69,10 @@ class Ap2TestReceiver {
 
   private:
     void serveControl();
+    void serveConnection(int fd);
     void serveMedia();
 
+    std::string address_;
     int listenFd_ = -1;
     int stopFd_ = -1;
     int port_ = 0;
