@@ -173,15 +173,14 @@ RtpStreamer::Framing AirPlay2Route::framing() const {
     if (clock_->source() == ptp::SessionClock::Source::none) return f;
     f.waitsForTiming = false;
     f.ssrc = 0;
-    const auto clockID = static_cast<uint64_t>(clock_->peerInfo().clockID);
-    f.sync = [clock = clock_.get(), clockID](const StreamTimeline& timeline, int64_t nowNs,
-                                             bool first) {
+    f.sync = [clock = clock_.get()](const StreamTimeline& timeline, int64_t nowNs, bool first) {
         // The frame heard now, at its PTP time; the frames after it, up to
         // what goes out now, are what the receiver holds.
         const int64_t heard = timeline.frameHeardAt(nowNs);
-        const auto packet = makePtpSyncPacket(
-            first, timeline.rtpOf(heard), clock->ptpNs(timeline.playUnixNs(heard)),
-            timeline.rtpOf(heard + timeline.latencyFrames()), clockID);
+        const ptp::SessionClock::Reading at = clock->read(timeline.playUnixNs(heard));
+        const auto packet = makePtpSyncPacket(first, timeline.rtpOf(heard), at.ptpNs,
+                                              timeline.rtpOf(heard + timeline.latencyFrames()),
+                                              static_cast<uint64_t>(at.clockNumber));
         return std::vector<uint8_t>(packet.begin(), packet.end());
     };
     return f;

@@ -247,7 +247,8 @@ class FakeDaemon {
                     std::lock_guard<std::mutex> hold(lock_);
                     requests_.emplace_back(line, size_t(n));
                 }
-                ::sendto(fd_, answer_.data(), answer_.size(), 0, reinterpret_cast<sockaddr*>(&from),
+                const std::string answer = this->answer();
+                ::sendto(fd_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&from),
                          length);
             }
         });
@@ -266,6 +267,14 @@ class FakeDaemon {
     std::vector<std::string> requests() {
         std::lock_guard<std::mutex> hold(lock_);
         return requests_;
+    }
+    std::string answer() {
+        std::lock_guard<std::mutex> hold(lock_);
+        return answer_;
+    }
+    void setAnswer(std::string answer) {
+        std::lock_guard<std::mutex> hold(lock_);
+        answer_ = std::move(answer);
     }
     std::string path;
 
@@ -299,6 +308,13 @@ TEST(SessionClock, JoinsTheDaemonWithItsReceiverAndSaysWhenTheClockIsReady) {
         for (int i = 0; i < 200 && !clock.isReady(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_TRUE(clock.isReady());
+        // Following, the clock that times the stream is the master's now.
+        daemon.setAnswer(
+            "clock_id=0011223344556677 clock_number=4822678189205111 mode=follow "
+            "state=ready offset_ns=-700 peers=1 heard=1 exchanges=40");
+        const SessionClock::Reading reading = clock.read(1'000'000'000);
+        EXPECT_EQ(reading.ptpNs, 999'999'300);
+        EXPECT_EQ(reading.clockNumber, 4822678189205111);
     }
     ::close(pipeFds[1]);
     char text[1024] = {};

@@ -139,11 +139,12 @@ std::vector<std::string> SessionClock::peerList() const {
     return {options_.receiver, options_.ourAddress};
 }
 
-int64_t SessionClock::ptpNs(int64_t realtimeNs) const {
+SessionClock::Reading SessionClock::read(int64_t realtimeNs) const {
     // Leading, PTP time is our clock; following, the offset is asked afresh.
-    if (!attached_ || attached_->mode == "lead") return realtimeNs;
-    const auto now = status();
-    return realtimeNs + (now ? now->offsetNs : attached_->offsetNs);
+    if (!attached_) return {realtimeNs, 0};
+    if (attached_->mode == "lead") return {realtimeNs, attached_->clockNumber};
+    const SharedStatus now = status().value_or(*attached_);
+    return {realtimeNs + now.offsetNs, now.clockNumber};
 }
 
 }  // namespace vt::airplay_tool::ptp

@@ -69,8 +69,15 @@ class SessionClock {
     TimingPeerInfo peerInfo() const;
     // SETPEERS: the receiver, then us.
     std::vector<std::string> peerList() const;
-    // Our CLOCK_REALTIME nanoseconds as PTP time of the session's clock.
-    int64_t ptpNs(int64_t realtimeNs) const;
+    // Our CLOCK_REALTIME nanoseconds as PTP time of the session's clock,
+    // and which clock that is: following, the master may be found (or
+    // change) after the session began.
+    struct Reading {
+        int64_t ptpNs = 0;
+        int64_t clockNumber = 0;
+    };
+    Reading read(int64_t realtimeNs) const;
+    int64_t ptpNs(int64_t realtimeNs) const { return read(realtimeNs).ptpNs; }
     std::optional<SharedStatus> status() const;
 
   private:

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include "airplay_tool/hap/channel_cipher.h"
@@ -659,6 +660,7 @@ void Ap2TestReceiver::serveMedia() {
                      {stopFd_, POLLIN, 0}};
     uint16_t ptpSequence = 0;
     uint8_t buf[2048];
+    auto nextDelayRequest = std::chrono::steady_clock::now();
     for (;;) {
         const int ready = poll(fds, 4, kDelayRequestIntervalMs);
         if (ready < 0 || fds[3].revents) return;
@@ -679,8 +681,11 @@ void Ap2TestReceiver::serveMedia() {
             const ssize_t n = recv(s.controlFd, buf, sizeof buf, 0);
             if (n > 0) controlPacket(s, {buf, static_cast<size_t>(n)});
         }
-        // Not paced exactly: the sender's clock needs only to hear us.
-        if (ready == 0 && s.ptp && !s.senderAddress.empty()) sendDelayRequest(s, ptpSequence++);
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= nextDelayRequest && s.ptp && !s.senderAddress.empty()) {
+            sendDelayRequest(s, ptpSequence++);
+            nextDelayRequest = now + std::chrono::milliseconds(kDelayRequestIntervalMs);
+        }
     }
 }
 
