@@ -3,7 +3,8 @@
 // UDP 319 and 320): pairing, the session's requests in their order, a known
 // signal sealed, sent, asked for again once, decoded and placed in time by
 // the sync packets, a stall of the input that moves the time line forward,
-// and the teardown.
+// the track, and the teardown; and a session keyed by pair-verify with kept
+// credentials.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "airplay_tool/hap/credentials.h"
 #include "ap2_receiver/ap2_test_receiver.h"
 #include "child_process.h"
 
@@ -56,22 +58,56 @@ int64_t field(const std::string& line, const std::string& name) {
     return at == std::string::npos ? -1 : std::atoll(line.c_str() + at + name.size() + 2);
 }
 
+constexpr const char* kDacpID = "0123456789ABCDEF";
+
+// The tool towards the receiver, with its command pipe.
+class ToolRun {
+  public:
+    ToolRun(const Ap2TestReceiver& receiver, std::vector<std::string> extra) {
+        fifo_ = std::string(mkdtemp(dir_)) + "/cmd.fifo";
+        mkfifo(fifo_.c_str(), 0600);
+        commands_ = open(fifo_.c_str(), O_RDWR | O_CLOEXEC);
+        std::vector<std::string> argv = {VELLATONE_AIRPLAY_TOOL,
+                                         "--protocol",
+                                         "airplay2",
+                                         "--port",
+                                         std::to_string(receiver.port()),
+                                         "--latency",
+                                         "350",
+                                         "--volume",
+                                         "50",
+                                         "--dacp",
+                                         kDacpID,
+                                         "--cmdpipe",
+                                         fifo_};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        argv.push_back("127.0.0.1");
+        process = std::make_unique<ChildProcess>(argv, true);
+    }
+    ~ToolRun() {
+        process.reset();
+        close(commands_);
+        unlink(fifo_.c_str());
+        rmdir(dir_);
+    }
+    void command(const std::string& text) {
+        ASSERT_EQ(write(commands_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    std::unique_ptr<ChildProcess> process;
+
+  private:
+    char dir_[32] = "/tmp/vt-ap2-session-XXXXXX";
+    std::string fifo_;
+    int commands_ = -1;
+};
+
 }  // namespace
 
 TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     Ap2TestReceiver receiver;
-    char dir[] = "/tmp/vt-ap2-session-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    const std::string fifo = std::string(dir) + "/cmd.fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const int commands = open(fifo.c_str(), O_RDWR | O_CLOEXEC);
-    ChildProcess tool({VELLATONE_AIRPLAY_TOOL, "--protocol", "airplay2", "--port",
-                       std::to_string(receiver.port()), "--latency", "350", "--volume", "50",
-                       "--dacp", "0123456789ABCDEF", "--cmdpipe", fifo, "127.0.0.1"},
-                      true);
-    const auto command = [&](const std::string& text) {
-        ASSERT_EQ(write(commands, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    };
+    ToolRun run(receiver, {});
+    ChildProcess& tool = *run.process;
+    const auto command = [&](const std::string& text) { run.command(text); };
 
     ASSERT_TRUE(tool.waitForLine("[STATUS] connected", 10s)) << tool.transcript();
     EXPECT_TRUE(tool.waitForLine("[STATUS] route protocol=airplay2 flow=realtime timing=ptp", 0ms))
@@ -91,9 +127,6 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     ASSERT_TRUE(tool.waitForLine("[STATUS] eof", 5s)) << tool.transcript();
     command("ACTION=STOP\n");
     EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
-    close(commands);
-    unlink(fifo.c_str());
-    rmdir(dir);
 
     EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
     // In this order (the volume, then the track); POST /feedback may come between.
@@ -136,4 +169,29 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     EXPECT_TRUE(std::all_of(at + before.size(), at + before.size() + shifted * 2,
                             [](int16_t s) { return s == 0; }));
     EXPECT_TRUE(std::equal(after.begin(), after.end(), at + before.size() + shifted * 2));
+}
+
+TEST(AirPlay2Session, AKeptPairingIsVerifiedAndKeysTheSession) {
+    Ap2TestReceiver receiver;
+    const vt::hap::ControllerIdentity controller = vt::hap::newControllerIdentity(kDacpID);
+    const vt::hap::PairingCredentials credentials{controller.seed, controller.publicKey,
+                                                  receiver.pairWith(kDacpID, controller.publicKey)};
+    ToolRun run(receiver, {"--auth", credentials.toHex()});
+    ChildProcess& tool = *run.process;
+    ASSERT_TRUE(tool.waitForLine("[STATUS] connected", 10s)) << tool.transcript();
+    ASSERT_TRUE(tool.waitForLine("state=ready", 2s)) << tool.transcript();
+    run.command("START_UNIX_MS=" + std::to_string(unixMs() + kStartLeadMs) + "\nACTION=START\n");
+    const auto sound = signal(0, kBeforeStallFrames);
+    ASSERT_TRUE(tool.write(sound.data(), sound.size() * sizeof(int16_t)));
+    tool.closeStdin();
+    ASSERT_TRUE(tool.waitForLine("[STATUS] eof", 5s)) << tool.transcript();
+    run.command("ACTION=STOP\n");
+    EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
+
+    EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
+    ASSERT_GE(receiver.requests().size(), 3u);
+    EXPECT_EQ(receiver.requests()[1], "POST /pair-verify");
+    const auto played = receiver.played();
+    ASSERT_TRUE(played);
+    EXPECT_EQ(played->samples, sound);
 }

@@ -187,6 +187,12 @@ struct ReceiverState {
     // Session
     std::unique_ptr<SrpServer> srp;
     hap::Bytes pairingSecret;
+    // A kept pairing, and the pair-verify under way.
+    hap::KeyPair identity = hap::ed25519Generate();
+    std::string controllerID;
+    hap::Bytes controllerPublicKey;
+    hap::KeyPair verifyEphemeral;
+    hap::Bytes controllerEphemeral, verifyShared, verifyKey;
     bool ptp = false;
     bool tornDown = false;
     bool sessionSetUp = false;
@@ -264,6 +270,66 @@ Reply pairSetup(ReceiverState& s, const Request& r, std::optional<hap::ChannelKe
     }
     const hap::Bytes body = out.encode();
     return {200, "application/octet-stream", std::string(body.begin(), body.end())};
+}
+
+constexpr const char* kAccessoryID = "0A:0B:0C:0D:0E:0F";
+
+Reply tlvReply(const hap::Tlv8& tlv) {
+    const hap::Bytes body = tlv.encode();
+    return {200, "application/octet-stream", std::string(body.begin(), body.end())};
+}
+
+Reply pairVerify(ReceiverState& s, const Request& r, std::optional<hap::ChannelKeys>& keys) {
+    auto tlv = hap::Tlv8::decode(hap::Bytes(r.body.begin(), r.body.end()));
+    if (!tlv || r.header("x-apple-hkp") != "3" || s.controllerID.empty()) {
+        s.violations.push_back("pair-verify: not a TLV8 message for a kept pairing");
+        return {400};
+    }
+    hap::Tlv8 out;
+    const hap::Bytes accessoryID = hap::bytesOf(kAccessoryID);
+    if (tlv->byte(hap::tlv::state) == 1 && tlv->find(hap::tlv::publicKey)) {
+        s.controllerEphemeral = *tlv->find(hap::tlv::publicKey);
+        s.verifyEphemeral = hap::x25519Generate();
+        auto shared = hap::x25519Shared(s.verifyEphemeral.privateKey, s.controllerEphemeral);
+        if (!shared) {
+            s.violations.push_back("pair-verify M1: an unusable key");
+            return {400};
+        }
+        s.verifyShared = *shared;
+        s.verifyKey =
+            hap::hkdfSha512(s.verifyShared, "Pair-Verify-Encrypt-Salt", "Pair-Verify-Encrypt-Info");
+        const auto signature = hap::ed25519Sign(
+            s.identity.privateKey,
+            hap::concat({&s.verifyEphemeral.publicKey, &accessoryID, &s.controllerEphemeral}));
+        hap::Tlv8 inner;
+        inner.add(hap::tlv::identifier, accessoryID).add(hap::tlv::signature, *signature);
+        out.add(hap::tlv::state, 2).add(hap::tlv::publicKey, s.verifyEphemeral.publicKey);
+        out.add(hap::tlv::encryptedData,
+                hap::chachaSeal(s.verifyKey, hap::labelNonce("PV-Msg02"), {}, inner.encode()));
+        return tlvReply(out);
+    }
+    const hap::Bytes* sealed = tlv->find(hap::tlv::encryptedData);
+    if (tlv->byte(hap::tlv::state) != 3 || !sealed || s.verifyShared.empty()) {
+        s.violations.push_back("pair-verify: a message out of turn");
+        return {400};
+    }
+    out.add(hap::tlv::state, 4);
+    const auto opened = hap::chachaOpen(s.verifyKey, hap::labelNonce("PV-Msg03"), {}, *sealed);
+    const auto inner = opened ? hap::Tlv8::decode(*opened) : std::nullopt;
+    const hap::Bytes* id = inner ? inner->find(hap::tlv::identifier) : nullptr;
+    const hap::Bytes* signature = inner ? inner->find(hap::tlv::signature) : nullptr;
+    if (!id || !signature || *id != hap::bytesOf(s.controllerID) ||
+        !hap::ed25519Verify(s.controllerPublicKey,
+                            hap::concat({&s.controllerEphemeral, id, &s.verifyEphemeral.publicKey}),
+                            *signature)) {
+        s.violations.push_back("pair-verify M3: not the controller paired with");
+        out.add(hap::tlv::error, hap::tlv_error::authentication);
+        return tlvReply(out);
+    }
+    const hap::ChannelKeys sender = hap::controlChannelKeys(s.verifyShared);
+    keys = hap::ChannelKeys{sender.incoming, sender.outgoing};
+    s.pairingSecret = s.verifyShared;
+    return tlvReply(out);
 }
 
 Reply sessionSetup(ReceiverState& s, plist_t dict) {
@@ -376,6 +442,7 @@ Reply handleRequest(ReceiverState& s, const Request& r, bool encrypted,
     const std::string what = r.method + " " + r.uri;
     if (r.method == "GET" && r.uri == "/info") return info();
     if (r.method == "POST" && r.uri == "/pair-setup") return pairSetup(s, r, keys);
+    if (r.method == "POST" && r.uri == "/pair-verify") return pairVerify(s, r, keys);
     if (!encrypted) {
         s.violations.push_back(what + " before pairing");
         return {470};
@@ -452,6 +519,7 @@ void Ap2TestReceiver::serveControl() {
             std::lock_guard lock(mutex_);
             ReceiverState& s = *state_;
             s.srp.reset();
+            s.verifyShared.clear();
             s.sessionSetUp = s.recorded = s.streamSetUp = s.ptp = s.tornDown = false;
             s.audioPackets = 0;
             s.lostSeq.reset();
@@ -705,6 +773,14 @@ std::vector<std::string> Ap2TestReceiver::requests() const {
 std::optional<double> Ap2TestReceiver::volumeDb() const {
     std::lock_guard lock(mutex_);
     return state_->volumeDb;
+}
+
+hap::Bytes Ap2TestReceiver::pairWith(const std::string& controllerID,
+                                     const hap::Bytes& controllerPublicKey) {
+    std::lock_guard lock(mutex_);
+    state_->controllerID = controllerID;
+    state_->controllerPublicKey = controllerPublicKey;
+    return state_->identity.publicKey;
 }
 
 std::string Ap2TestReceiver::trackText() const {

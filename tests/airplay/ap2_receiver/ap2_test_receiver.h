@@ -26,6 +26,8 @@
 #include <thread>
 #include <vector>
 
+#include "airplay_tool/hap/bytes.h"
+
 namespace vt::airplay_test {
 
 struct PlayedAudio {
@@ -49,6 +51,9 @@ class Ap2TestReceiver {
     Ap2TestReceiver& operator=(const Ap2TestReceiver&) = delete;
 
     int port() const { return port_; }
+    // As if a PIN pairing had been made with this controller: pair-verify
+    // with its identity is taken from now on. Our long-term key for it:
+    hap::Bytes pairWith(const std::string& controllerID, const hap::Bytes& controllerPublicKey);
     // The loudest sample that has come, of any session.
     int peakLevel() const;
     size_t framesReceived() const;
