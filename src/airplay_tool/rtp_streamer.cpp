@@ -313,8 +313,9 @@ void RtpStreamer::sendPackets() {
                          seq, rtp, ssrc_);
         const size_t length = framing_.seal ? framing_.seal(wire, kAlacFrameBytes)
                                             : kRtpHeaderBytes + kAlacFrameBytes;
+        // Kept before it goes: a receiver may ask for it again at once.
+        backlog_.store(seq, std::span<const uint8_t>(wire.data(), length));
         const bool refused = send(audioFd_, wire.data(), length, 0) < 0 && errno == ECONNREFUSED;
-        if (!refused) backlog_.store(seq, std::span<const uint8_t>(wire.data(), length));
         first = false;
         lock.lock();
         if (refused) {
