@@ -41,7 +41,7 @@ if reason=$(rig_skip_reason) && [[ -n $reason ]]; then
     echo "measure-cast-sync: skipped: $reason" >&2
     exit 77
 fi
-for tool in vellatone vellatonectl vellatone-syncmeter; do
+for tool in vellatone vellatonectl vellatone-syncmeter vellatone-tv-sink; do
     [[ -x $BIN/$tool ]] || { echo "measure-cast-sync: $BIN/$tool is missing; build it first" >&2; exit 2; }
 done
 for cmd in node npm avahi-publish pacat sox openssl; do
@@ -75,9 +75,9 @@ rig_up "$work/rig" || fail "the rig did not come up"
 tv_id=0f1e2d3c4b5a69788796a5b4c3d2e1f0
 mkfifo "$work/tv.in"
 rig_bg b bash -c "exec node '$fake/fake-tv.mjs' --host $RIG_ADDR_b --port 8009 --publish 'Lounge TV' \
-    --id $tv_id <'$work/tv.in' >'$work/tv.log' 2>&1"
+    --id $tv_id --player '$BIN/vellatone-tv-sink' <'$work/tv.in' >'$work/tv.log' 2>&1"
 exec 3>"$work/tv.in"
-(rig_exec a "$BIN/vellatone" --headless 2>"$work/app1.log") &
+(VELLATONE_CAST_DEBUG=1 rig_exec a "$BIN/vellatone" --headless 2>"$work/app1.log") &
 app_pid=$!
 await_app
 await_outputs "^cast:$tv_id\tcast\tLounge TV\tGoogle Cast\$"

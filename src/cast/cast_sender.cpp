@@ -441,8 +441,10 @@ void CastSender::startPump() {
                 quantizer.convert(rendered.data(), pcm.data(), pcm.size());
             else
                 std::fill(pcm.begin(), pcm.end(), int16_t{0});
+            // The deadline is this block's place on the line the engine
+            // renders the slot on (both advance by exactly one block).
             s->stream->write(reinterpret_cast<const uint8_t*>(pcm.data()),
-                             pcm.size() * sizeof(int16_t));
+                             pcm.size() * sizeof(int16_t), deadline);
             if (castDebugEnabled() && ++blocks % kPumpDebugEvery == 0) {
                 double sum = 0;
                 for (float v : rendered) sum += static_cast<double>(v) * v;

@@ -17,7 +17,9 @@ class CastStream {
     virtual void start() = 0;
     virtual void stop() = 0;
     virtual uint16_t advertisedPort() const = 0;
-    virtual void write(const uint8_t* bytes, size_t count) = 0;
+    // `blockSeconds`: the monotonic time the block's first frame was rendered
+    // for, on the pump's line.
+    virtual void write(const uint8_t* bytes, size_t count, double blockSeconds) = 0;
     virtual std::optional<double> clientStart() const = 0;
     virtual int clientsServed() const = 0;
     virtual void setArtwork(std::optional<std::string> path) = 0;

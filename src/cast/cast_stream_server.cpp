@@ -222,11 +222,14 @@ void CastStreamServer::serveArt(int fd) {
     ::close(fd);
 }
 
-void CastStreamServer::write(const uint8_t* bytes, size_t count) {
+void CastStreamServer::write(const uint8_t* bytes, size_t count, double blockSeconds) {
     std::lock_guard guard(lock_);
     if (clientFD_ < 0) return;
     const double now = clock_();
-    if (!clientStart_) clientStart_ = now;
+    // The stream's frame 0 is the first block's own time, not the moment the
+    // pump got round to handing it over: a late wake-up would otherwise make
+    // every lag measured against it that much too short.
+    if (!clientStart_) clientStart_ = blockSeconds;
     backlog_.append(reinterpret_cast<const char*>(bytes), count);
     const size_t held = backlog_.size() - backlogAt_;
     if (held > kCastBacklogLimitBytes) {

@@ -2,7 +2,7 @@
 // endless WAV stream to one client at a time (a newer client takes over, as
 // a TV that reconnects must win), and "/art", the current track's picture.
 // It also keeps the time line that the TV's lag is measured against:
-// `clientStart`, when the first audio byte for this client was handed over,
+// `clientStart`, the time the first block this client got was rendered for,
 // moved forward by whatever had to be dropped so the measure stays true.
 #pragma once
 
@@ -42,7 +42,7 @@ class CastStreamServer final : public CastStream {
     uint16_t advertisedPort() const override;
 
     // The pump's 10 ms block of 16-bit stereo; never blocks.
-    void write(const uint8_t* bytes, size_t count) override;
+    void write(const uint8_t* bytes, size_t count, double blockSeconds) override;
 
     std::optional<double> clientStart() const override;
     int clientsServed() const override;

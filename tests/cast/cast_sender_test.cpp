@@ -21,7 +21,7 @@ class FakeStream final : public CastStream {
     void start() override { started = true; }
     void stop() override { stopped = true; }
     uint16_t advertisedPort() const override { return 45678; }
-    void write(const uint8_t*, size_t) override {}
+    void write(const uint8_t*, size_t, double) override {}
     std::optional<double> clientStart() const override { return timeline; }
     int clientsServed() const override { return served; }
     void setArtwork(std::optional<std::string> path) override { artwork = std::move(path); }

@@ -98,7 +98,7 @@ class CastStreamServerTest : public ::testing::Test {
 
     void writeBlock(size_t bytes = 1764, uint8_t value = 7) {
         std::vector<uint8_t> block(bytes, value);
-        server_.write(block.data(), block.size());
+        server_.write(block.data(), block.size(), now_.load());
     }
 
     std::atomic<double> now_{500.0};
@@ -131,11 +131,13 @@ TEST_F(CastStreamServerTest, StreamsToOneClientAndANewerOneTakesOver) {
     const int first = fetch();
     EXPECT_EQ(streamClients_, 1);
     EXPECT_FALSE(server_.clientStart()) << "the time line starts with the first audio byte";
-    writeBlock(1764, 1);
-    EXPECT_EQ(server_.clientStart(), 500.0);
+    // ...at the time that block was rendered for, however late it comes.
+    const std::vector<uint8_t> firstBlock(1764, 1);
+    server_.write(firstBlock.data(), firstBlock.size(), 499.996);
+    EXPECT_EQ(server_.clientStart(), 499.996);
     now_ = 500.01;
     writeBlock(1764, 2);
-    EXPECT_EQ(server_.clientStart(), 500.0);
+    EXPECT_EQ(server_.clientStart(), 499.996);
     const std::string audio = readSome(first, 3528);
     EXPECT_EQ(audio, std::string(1764, '\1') + std::string(1764, '\2'));
 

@@ -62,7 +62,7 @@ seconds_at() { grep -- "$1" "$work/probe.log" | head -1 | sed 's/.*"t":\([0-9.]*
 
 start_tv() {
     mkfifo "$work/tv.in"
-    node "$here/fake-tv/fake-tv.mjs" --port 0 "$@" <"$work/tv.in" >"$work/tv.log" 2>&1 &
+    node "$here/fake-tv/fake-tv.mjs" --port 0 --player "$bin/vellatone-tv-sink" "$@" <"$work/tv.in" >"$work/tv.log" 2>&1 &
     tv_pid=$!
     exec 3>"$work/tv.in"
     await "$work/tv.log" '"listening"' 10 || fail "the fake TV did not start"

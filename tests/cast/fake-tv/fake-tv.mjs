@@ -2,9 +2,10 @@
 // channel over TLS (castv2's server), and a default media receiver that
 // behaves like a TV rather than a mirror of our sender: on LOAD it fetches
 // the URL, fills a buffer of its own before it plays, plays in real time
-// into a sink of the test's sound server (through pacat), resamples for
-// SET_PLAYBACK_RATE, and reports as currentTime what it has really played,
-// answering a little late now and then as TVs do. It also runs the
+// into a sink of the test's sound server (through vellatone-tv-sink),
+// resamples for SET_PLAYBACK_RATE, and reports as currentTime what has been
+// heard, by the sound server's own timing of its sink as a TV's audio stack
+// knows its output delay, answering a little late now and then as TVs do. It also runs the
 // clock-synced receiver application (--sync-app, our id by default): on its
 // LAUNCH it opens receiver/receiver.html in headless Chromium, which joins
 // the sender's Sendspin server and plays at the stamps into the same sink.
@@ -14,7 +15,7 @@
 //                    [--buffer 2.5] [--jitter 0.02] [--refuse-rate-2]
 //                    [--mode normal|firewall|close|silent]
 //                    [--publish NAME] [--id HEX32] [--no-audio]
-//                    [--sync-app ID]
+//                    [--sync-app ID] [--player PATH-OF-vellatone-tv-sink]
 //
 // Modes: "firewall" never fetches the stream; "close" ends the connection
 // 3 s after LOAD; "silent" stops answering anything (heartbeats too) 3 s
@@ -48,13 +49,23 @@ const RATE_HZ = 44100;
 const BYTES_PER_FRAME = 4;
 const WAV_HEADER_BYTES = 44;
 const TICK_MS = 10;
-// pacat is kept this far ahead of real time; what is heard now was written this long ago.
-const OUTPUT_LEAD_S = 0.06;
+// The loudspeaker is kept this far ahead of what it plays.
+const OUTPUT_LEAD_S = 0.1;
+// Its timing reports scatter (by a millisecond or so on pipewire-pulse): the
+// line from its frames to the clock is the median of this many of them.
+const HEARD_REPORTS_KEPT = 50;
+// What was written in each tick, to find the input heard from the output.
+const TICKS_KEPT = 500;
+// The line moves when the loudspeaker ran dry and starts again: so many
+// reports in a row this far off the median start a new one.
+const HEARD_JUMP_S = 0.005;
+const HEARD_JUMP_REPORTS = 5;
 const ALL_BASIC_MEDIA = 12303;
 
 function parseArgs(argv) {
     const o = { port: 8009, host: '127.0.0.1', sink: 'tv', buffer: 2.5, jitter: 0.02, refuseRate2: false,
-        mode: 'normal', publish: null, id: randomUUID().replaceAll('-', ''), audio: true, syncApp: 'FAB7FE2B' };
+        mode: 'normal', publish: null, id: randomUUID().replaceAll('-', ''), audio: true, syncApp: 'FAB7FE2B',
+        player: process.env.VELLATONE_TV_SINK || '' };
     for (let i = 2; i < argv.length; ++i) {
         const a = argv[i];
         const next = () => argv[++i];
@@ -69,6 +80,7 @@ function parseArgs(argv) {
         else if (a === '--id') o.id = next();
         else if (a === '--no-audio') o.audio = false;
         else if (a === '--sync-app') o.syncApp = next();
+        else if (a === '--player') o.player = next();
         else throw new Error(`unknown argument ${a}`);
     }
     return o;
@@ -97,6 +109,8 @@ class Player {
         this.playStart = 0;
         this.written = 0;          // output frames written since playStart
         this.headerLeft = WAV_HEADER_BYTES;
+        this.ticks = [];           // { out, position, rate }: output frame `out` (as the
+                                   // loudspeaker counts) was made from input `position`
         this.request = null;
         this.stalledUntil = 0;
         this.mediaSessionId = 0;
@@ -189,9 +203,16 @@ class Player {
             }
         }
         if (this.state !== 'PLAYING') return;
-        const due = Math.floor((now - this.playStart + OUTPUT_LEAD_S) * RATE_HZ) - this.written;
+        // Paced by the loudspeaker, as a player is by its audio clock: when it
+        // falls behind (a dropout) the media time falls behind with it. The
+        // clock only caps the pace until the loudspeaker says where it is.
+        const byClock = Math.floor((now - this.playStart + OUTPUT_LEAD_S) * RATE_HZ) - this.written;
+        const heard = output.heardNow({ clamped: false });
+        const byLoudspeaker = heard === null ? byClock : Math.floor(heard + OUTPUT_LEAD_S * RATE_HZ) - output.written;
+        const due = Math.min(byClock, byLoudspeaker);
         if (due <= 0) return;
         const out = Buffer.alloc(due * BYTES_PER_FRAME);
+        const startPosition = this.position;
         let made = 0;
         for (; made < due; ++made) {
             const local = this.position - this.consumedBase;
@@ -208,6 +229,8 @@ class Player {
             if (whole > 0) this.dropFrames(whole);
         }
         if (made > 0) {
+            this.ticks.push({ out: output.written, position: startPosition, rate: this.rate });
+            if (this.ticks.length > TICKS_KEPT) this.ticks.shift();
             output.write(out.subarray(0, made * BYTES_PER_FRAME));
             this.written += made;
         }
@@ -217,10 +240,18 @@ class Player {
         }
     }
 
-    // What has really been heard: the input frame read OUTPUT_LEAD_S ago.
+    // What has been heard: the input frame that made the output frame the
+    // loudspeaker plays now.
     currentTime() {
-        if (this.state === 'IDLE') return 0;
-        return Math.max(0, (this.position - this.rate * OUTPUT_LEAD_S * RATE_HZ) / RATE_HZ);
+        if (this.state === 'IDLE' || this.ticks.length === 0) return 0;
+        const heard = output.heardNow();
+        if (heard === null) return 0;
+        let i = this.ticks.length - 1;
+        while (i > 0 && this.ticks[i].out > heard) --i;
+        const tick = this.ticks[i];
+        if (heard < tick.out) return tick.position / RATE_HZ;  // nothing of this load heard yet
+        const position = Math.min(this.position, tick.position + (heard - tick.out) * tick.rate);
+        return position / RATE_HZ;
     }
 
     setRate(rate) {
@@ -259,13 +290,57 @@ class Player {
 
 // --- audio out ------------------------------------------------------------
 
+const monotonicSeconds = () => Number(process.hrtime.bigint()) / 1e9;  // CLOCK_MONOTONIC
+
+// The loudspeaker counts output frames over the whole run; `heardNow` is the
+// one it plays at this moment, from its timing reports.
 const output = (() => {
-    if (!opts.audio) return { write() {}, end() {} };
-    const pacat = spawn('pacat', ['--playback', `--device=${opts.sink}`, '--format=s16le', `--rate=${RATE_HZ}`,
-        '--channels=2', `--latency-msec=${Math.round(OUTPUT_LEAD_S * 1000)}`, '--client-name=fake-tv',
-        '--stream-name=fake-tv', '--raw'], { stdio: ['pipe', 'ignore', 'inherit'] });
-    pacat.on('exit', (code) => report('pacat-exit', { code }));
-    return { write: (b) => pacat.stdin.write(b), end: () => pacat.kill() };
+    const out = { written: 0, lineStarts: [], offLine: 0, end() {} };
+    const lineStart = () => {
+        const sorted = [...out.lineStarts].sort((a, b) => a - b);
+        return sorted[Math.floor(sorted.length / 2)];
+    };
+    // Past what was written only while the loudspeaker runs dry.
+    out.heardNow = ({ clamped = true } = {}) => {
+        if (out.lineStarts.length === 0) return null;
+        const heard = Math.max(0, (monotonicSeconds() - lineStart()) * RATE_HZ);
+        return clamped ? Math.min(out.written, heard) : heard;
+    };
+    out.heardAt = (at, frame) => {
+        const start = at - frame / RATE_HZ;
+        if (out.lineStarts.length > 0 && Math.abs(start - lineStart()) > HEARD_JUMP_S) {
+            if (++out.offLine >= HEARD_JUMP_REPORTS) {
+                out.lineStarts = out.lineStarts.slice(-(HEARD_JUMP_REPORTS - 1));
+                out.offLine = 0;
+            }
+        } else {
+            out.offLine = 0;
+        }
+        out.lineStarts.push(start);
+        if (out.lineStarts.length > HEARD_REPORTS_KEPT) out.lineStarts.shift();
+    };
+    if (!opts.audio) {
+        // No sound: heard as if played OUTPUT_LEAD_S after it was made.
+        out.write = (b) => {
+            out.written += b.length / BYTES_PER_FRAME;
+            out.lineStarts = [monotonicSeconds() + OUTPUT_LEAD_S - out.written / RATE_HZ];
+        };
+        return out;
+    }
+    if (!opts.player) throw new Error('--player (vellatone-tv-sink) is needed to play sound');
+    const sink = spawn(opts.player, ['--device', opts.sink, '--rate', String(RATE_HZ),
+        '--latency-msec', String(Math.round(OUTPUT_LEAD_S * 1000))], { stdio: ['pipe', 'pipe', 'inherit'] });
+    sink.on('exit', (code) => report('player-exit', { code }));
+    readline.createInterface({ input: sink.stdout }).on('line', (line) => {
+        const [word, at, frame] = line.split(' ');
+        if (word === 'heard') out.heardAt(Number(at), Number(frame));
+    });
+    out.write = (b) => {
+        out.written += b.length / BYTES_PER_FRAME;
+        sink.stdin.write(b);
+    };
+    out.end = () => sink.kill();
+    return out;
 })();
 
 // --- the clock-synced receiver application ---------------------------------
@@ -571,6 +646,13 @@ server.on('message', (clientId, source, destination, namespace, data) => {
 
 // Broadcast the media status now and then, as TVs do.
 setInterval(broadcastMedia, 1000);
+// How long what was handed to the loudspeaker takes to be heard, for whoever reads the log.
+setInterval(() => {
+    const heard = output.heardNow();
+    if (heard !== null && player.state === 'PLAYING') {
+        report('loudspeaker', { behindMs: Math.round((output.written - heard) / RATE_HZ * 1e4) / 10 });
+    }
+}, 5000);
 
 let publisher = null;
 // castv2 loads its protocol definitions asynchronously.
