@@ -50,7 +50,7 @@ const BYTES_PER_FRAME = 4;
 const WAV_HEADER_BYTES = 44;
 const TICK_MS = 10;
 // The loudspeaker is kept this far ahead of what it plays.
-const OUTPUT_LEAD_S = 0.1;
+const OUTPUT_LEAD_S = 0.25;
 // Its timing reports scatter (by a millisecond or so on pipewire-pulse): the
 // line from its frames to the clock is the median of this many of them.
 const HEARD_REPORTS_KEPT = 50;
@@ -310,6 +310,7 @@ const output = (() => {
         const start = at - frame / RATE_HZ;
         if (out.lineStarts.length > 0 && Math.abs(start - lineStart()) > HEARD_JUMP_S) {
             if (++out.offLine >= HEARD_JUMP_REPORTS) {
+                report('loudspeaker-moved', { ms: Math.round((start - lineStart()) * 1e4) / 10 });
                 out.lineStarts = out.lineStarts.slice(-(HEARD_JUMP_REPORTS - 1));
                 out.offLine = 0;
             }
