@@ -3,13 +3,14 @@
 // UDP 319 and 320): pairing, the session's requests in their order, a known
 // signal sealed, sent, asked for again once, decoded and placed in time by
 // the sync packets, a stall of the input that moves the time line forward,
-// the track, and the teardown; and a session keyed by pair-verify with kept
-// credentials.
+// the track, and the teardown; a session keyed by pair-verify with kept
+// credentials; and one that keeps time by NTP, as it does without PTP.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -59,6 +60,14 @@ int64_t field(const std::string& line, const std::string& name) {
 }
 
 constexpr const char* kDacpID = "0123456789ABCDEF";
+
+// The sender may be done before the receiver has read all it sent: until
+// it has this many frames, or a while has passed.
+bool waitForFrames(const Ap2TestReceiver& receiver, size_t frames) {
+    for (int i = 0; i < 300 && receiver.framesReceived() < frames; ++i)
+        std::this_thread::sleep_for(10ms);
+    return receiver.framesReceived() >= frames;
+}
 
 // The tool towards the receiver, with its command pipe.
 class ToolRun {
@@ -110,7 +119,7 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     const auto command = [&](const std::string& text) { run.command(text); };
 
     ASSERT_TRUE(tool.waitForLine("[STATUS] connected", 10s)) << tool.transcript();
-    EXPECT_TRUE(tool.waitForLine("[STATUS] route protocol=airplay2 flow=realtime timing=ptp", 0ms))
+    EXPECT_TRUE(tool.waitForLine("[STATUS] route protocol=airplay2 flow=realtime timing=ptp", 1s))
         << tool.transcript();
     // The receiver speaks PTP to the session's clock within its first 125 ms.
     ASSERT_TRUE(tool.waitForLine("state=ready", 2s)) << tool.transcript();
@@ -128,6 +137,20 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     command("ACTION=STOP\n");
     EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
 
+    const auto started = tool.waitForLine("[STATUS] started", 0ms);
+    const auto reanchor = tool.waitForLine("[STATUS] REANCHOR", 0ms);
+    ASSERT_TRUE(started && reanchor) << tool.transcript();
+    EXPECT_EQ(field(*started, "requested_unix_ms"), startMs);
+    EXPECT_EQ(field(*started, "at_unix_ms"), startMs);
+    EXPECT_EQ(field(*reanchor, "sample_rate"), kRate);
+    const int64_t shifted = field(*reanchor, "total_shifted_frames");
+    // The input came the stall's length late, less the 0.2 s it was ahead;
+    // how much exactly is the host's scheduling, which the silence below
+    // must match to the frame.
+    EXPECT_NEAR(shifted, kRate * 0.8, kRate * 0.15);
+
+    EXPECT_TRUE(waitForFrames(receiver, kBeforeStallFrames + shifted + kAfterStallFrames));
+
     EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
     // In this order (the volume, then the track); POST /feedback may come between.
     std::vector<std::string> requests = receiver.requests();
@@ -144,18 +167,6 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     EXPECT_EQ(receiver.resentPackets(), 1);
     EXPECT_GE(receiver.syncPackets(), 2);
     EXPECT_LT(receiver.syncDeviationNs(), 1'000);
-
-    const auto started = tool.waitForLine("[STATUS] started", 0ms);
-    const auto reanchor = tool.waitForLine("[STATUS] REANCHOR", 0ms);
-    ASSERT_TRUE(started && reanchor) << tool.transcript();
-    EXPECT_EQ(field(*started, "requested_unix_ms"), startMs);
-    EXPECT_EQ(field(*started, "at_unix_ms"), startMs);
-    EXPECT_EQ(field(*reanchor, "sample_rate"), kRate);
-    const int64_t shifted = field(*reanchor, "total_shifted_frames");
-    // The input came the stall's length late, less the 0.2 s it was ahead;
-    // how much exactly is the host's scheduling, which the silence below
-    // must match to the frame.
-    EXPECT_NEAR(shifted, kRate * 0.8, kRate * 0.15);
 
     const auto played = receiver.played();
     ASSERT_TRUE(played);
@@ -188,10 +199,40 @@ TEST(AirPlay2Session, AKeptPairingIsVerifiedAndKeysTheSession) {
     run.command("ACTION=STOP\n");
     EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
 
+    EXPECT_TRUE(waitForFrames(receiver, kBeforeStallFrames));
     EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
     ASSERT_GE(receiver.requests().size(), 3u);
     EXPECT_EQ(receiver.requests()[1], "POST /pair-verify");
     const auto played = receiver.played();
     ASSERT_TRUE(played);
     EXPECT_EQ(played->samples, sound);
+}
+
+TEST(AirPlay2Session, WithoutPtpTheSessionKeepsTimeByNtp) {
+    Ap2TestReceiver receiver;
+    ToolRun run(receiver, {"--timing", "ntp"});
+    ChildProcess& tool = *run.process;
+    ASSERT_TRUE(tool.waitForLine("[STATUS] connected", 10s)) << tool.transcript();
+    EXPECT_TRUE(tool.waitForLine("[STATUS] route protocol=airplay2 flow=realtime timing=ntp", 1s));
+    EXPECT_TRUE(tool.waitForLine("[STATUS] clock_ready mode=ntp", 1s)) << tool.transcript();
+    const int64_t startMs = unixMs() + kStartLeadMs;
+    run.command("START_UNIX_MS=" + std::to_string(startMs) + "\nACTION=START\n");
+    const auto sound = signal(0, kBeforeStallFrames);
+    ASSERT_TRUE(tool.write(sound.data(), sound.size() * sizeof(int16_t)));
+    tool.closeStdin();
+    ASSERT_TRUE(tool.waitForLine("[STATUS] eof", 5s)) << tool.transcript();
+    run.command("ACTION=STOP\n");
+    EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
+
+    EXPECT_TRUE(waitForFrames(receiver, kBeforeStallFrames));
+    EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
+    // No peers to name: the clock is the sender's own.
+    const auto requests = receiver.requests();
+    EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                            [](const std::string& r) { return r.rfind("SETPEERS", 0) == 0; }),
+              0);
+    const auto played = receiver.played();
+    ASSERT_TRUE(played);
+    EXPECT_EQ(played->samples, sound);
+    EXPECT_NEAR(played->firstFrameNs, startMs * 1'000'000, 1'000'000);
 }

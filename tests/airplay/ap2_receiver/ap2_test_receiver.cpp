@@ -36,10 +36,16 @@ constexpr size_t kSyncBytes = 28;
 constexpr uint32_t kAnchorFrames = 11035;
 constexpr uint8_t kAudioType = 0x60;
 constexpr uint8_t kSyncType = 0x57;
+constexpr uint8_t kNtpSyncType = 0x54;
+constexpr uint8_t kTimingReplyType = 0x53;
+constexpr size_t kNtpSyncBytes = 20;
+constexpr int64_t kNtpFixedLatencyFrames = 11025;
+constexpr int64_t kNtpUnixEpochSeconds = 2'208'988'800;
 constexpr uint8_t kResendType = 0x56;
 constexpr size_t kLostPacketIndex = 20;
+constexpr int kMaxResendCount = 64;
 constexpr int kPtpEventPort = 319;
-constexpr int kDelayRequestIntervalMs = 125;
+constexpr int kClockRequestIntervalMs = 125;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 
 uint16_t be16(const uint8_t* p) {
@@ -201,6 +207,7 @@ struct ReceiverState {
     uint64_t clockID = 0;
     std::string senderAddress;
     int senderControlPort = 0;
+    int senderTimingPort = 0;  // NTP: where to ask the sender's time
     hap::Bytes audioKey;
     std::optional<double> volumeDb;
     std::string trackText;
@@ -209,6 +216,7 @@ struct ReceiverState {
     int dataPort = 0, controlPort = 0, eventPort = 0;
     size_t audioPackets = 0;
     std::optional<uint16_t> lostSeq;
+    std::optional<uint16_t> newestSeq;
     int resent = 0;
     std::map<uint64_t, uint16_t> nonces;  // tail -> seq
     std::optional<uint32_t> firstRtp;
@@ -350,7 +358,10 @@ Reply sessionSetup(ReceiverState& s, plist_t dict) {
                 "session SETUP: timingPeerInfo without Addresses, ID or ClockID");
         s.clockID = clock.value_or(0);
         s.ptp = true;
-    } else if (timing != "NTP" || !uintItem(dict, "timingPort")) {
+    } else if (timing == "NTP" && uintItem(dict, "timingPort").value_or(0) > 0 &&
+               uintItem(dict, "timingPort") <= 65535u) {
+        s.senderTimingPort = static_cast<int>(*uintItem(dict, "timingPort"));
+    } else {
         s.violations.push_back("session SETUP: no timing protocol this receiver knows");
     }
     plist_t answer = plist_new_dict();
@@ -521,8 +532,10 @@ void Ap2TestReceiver::serveControl() {
             s.srp.reset();
             s.verifyShared.clear();
             s.sessionSetUp = s.recorded = s.streamSetUp = s.ptp = s.tornDown = false;
+            s.senderTimingPort = 0;
             s.audioPackets = 0;
             s.lostSeq.reset();
+            s.newestSeq.reset();
             s.nonces.clear();
             s.firstRtp.reset();
             s.packets.clear();
@@ -607,10 +620,15 @@ void Ap2TestReceiver::serveConnection(int fd) {
 
 namespace {
 
-void requestResend(ReceiverState& s, uint16_t seq) {
-    uint8_t request[8] = {
-        0x80, 0xD5, 0x00, 0x01, static_cast<uint8_t>(seq >> 8), static_cast<uint8_t>(seq),
-        0x00, 0x01};
+void requestResend(ReceiverState& s, uint16_t seq, uint16_t count) {
+    uint8_t request[8] = {0x80,
+                          0xD5,
+                          0x00,
+                          0x01,
+                          static_cast<uint8_t>(seq >> 8),
+                          static_cast<uint8_t>(seq),
+                          static_cast<uint8_t>(count >> 8),
+                          static_cast<uint8_t>(count)};
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(static_cast<uint16_t>(s.senderControlPort));
@@ -631,10 +649,19 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
     const uint16_t seq = be16(&p[2]);
     const uint32_t rtp = be32(&p[4]);
     if (s.ptp && be32(&p[8]) != 0) s.violations.push_back("an SSRC other than 0 under PTP");
+    if (!resent) {
+        // What a gap in the numbers lost on the way (a busy host drops
+        // datagrams too) is asked for again, as receivers do.
+        const auto ahead = s.newestSeq ? static_cast<int16_t>(seq - *s.newestSeq) : int16_t{1};
+        if (ahead > 1)
+            requestResend(s, static_cast<uint16_t>(*s.newestSeq + 1),
+                          static_cast<uint16_t>(std::min<int>(ahead - 1, kMaxResendCount)));
+        if (ahead > 0) s.newestSeq = seq;
+    }
     if (!resent && ++s.audioPackets == kLostPacketIndex) {
-        // Lost on the way: asked for again at once.
+        // Lost on the way: asked for again at once, before the next shows the gap.
         s.lostSeq = seq;
-        requestResend(s, seq);
+        requestResend(s, seq, 1);
         return;
     }
     if (resent && s.lostSeq == seq) ++s.resent;
@@ -668,6 +695,37 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
     for (int16_t v : *samples) s.peak = std::max(s.peak, std::abs(int{v}));
 }
 
+// Where the sync packets put the stream: `heard` is heard at `ns`.
+void anchorAt(ReceiverState& s, uint32_t heard, int64_t ns) {
+    if (!s.anchor) {
+        s.anchor = {heard, ns};
+        return;
+    }
+    const int64_t frames = static_cast<int32_t>(heard - s.anchor->first);
+    const int64_t expected = s.anchor->second + frames * kNsPerSecond / kSampleRate;
+    s.syncDeviationNs = std::max(s.syncDeviationNs, std::abs(ns - expected));
+}
+
+// Under PTP: bytes 4-7 less 11035 frames are heard at the PTP time of 8-15.
+void ptpSync(ReceiverState& s, std::span<const uint8_t> p) {
+    if (be64(&p[20]) != s.clockID)
+        s.violations.push_back("a sync packet names a clock other than the SETUP's");
+    if (static_cast<int32_t>(be32(&p[16]) - be32(&p[4])) < -static_cast<int32_t>(kAnchorFrames))
+        s.violations.push_back("a sync packet with a negative latency");
+    anchorAt(s, be32(&p[4]) - kAnchorFrames, static_cast<int64_t>(be64(&p[8])));
+}
+
+// Under NTP: bytes 16-19 are heard at the NTP time of 8-15 plus the latency,
+// which is their distance from bytes 4-7 and the receiver's fixed 11025.
+void ntpSync(ReceiverState& s, std::span<const uint8_t> p) {
+    const uint32_t now = be32(&p[16]);
+    const int64_t latency = int64_t{now - be32(&p[4])} + kNtpFixedLatencyFrames;
+    const uint64_t ntp = be64(&p[8]);
+    const int64_t unixNs = (static_cast<int64_t>(ntp >> 32) - kNtpUnixEpochSeconds) * kNsPerSecond +
+                           static_cast<int64_t>(((ntp & 0xffffffffu) * kNsPerSecond) >> 32);
+    anchorAt(s, now, unixNs + latency * kNsPerSecond / kSampleRate);
+}
+
 void controlPacket(ReceiverState& s, std::span<const uint8_t> p) {
     if (p.size() < 4) {
         s.violations.push_back("a runt on the control port");
@@ -678,25 +736,30 @@ void controlPacket(ReceiverState& s, std::span<const uint8_t> p) {
         audioPacket(s, p.subspan(4), true);
         return;
     }
-    if (type != kSyncType || p.size() != kSyncBytes || be16(&p[2]) != kSyncBytes / 4 - 1) {
+    if (type == kTimingReplyType && !s.ptp) return;  // the clock is ours, on this host
+    const bool ptpSync =
+        s.ptp && type == kSyncType && p.size() == kSyncBytes && be16(&p[2]) == kSyncBytes / 4 - 1;
+    const bool ntpSync =
+        !s.ptp && type == kNtpSyncType && p.size() == kNtpSyncBytes && be16(&p[2]) == 7;
+    if (!ptpSync && !ntpSync) {
         s.violations.push_back("a datagram on the control port that is neither sync nor resend");
         return;
     }
     if (s.syncs++ == 0 && p[0] != 0x90)
         s.violations.push_back("the first sync is not marked first");
-    if (be64(&p[20]) != s.clockID)
-        s.violations.push_back("a sync packet names a clock other than the SETUP's");
-    const uint32_t heard = be32(&p[4]) - kAnchorFrames;
-    const auto ns = static_cast<int64_t>(be64(&p[8]));
-    if (static_cast<int32_t>(be32(&p[16]) - be32(&p[4])) < -static_cast<int32_t>(kAnchorFrames))
-        s.violations.push_back("a sync packet with a negative latency");
-    if (!s.anchor) {
-        s.anchor = {heard, ns};
-        return;
-    }
-    const int64_t frames = static_cast<int32_t>(heard - s.anchor->first);
-    const int64_t expected = s.anchor->second + frames * kNsPerSecond / kSampleRate;
-    s.syncDeviationNs = std::max(s.syncDeviationNs, std::abs(ns - expected));
+    if (ptpSync)
+        vt::airplay_test::ptpSync(s, p);
+    else
+        vt::airplay_test::ntpSync(s, p);
+}
+
+void sendTimingRequest(ReceiverState& s) {
+    uint8_t request[32] = {0x80, 0xD2, 0x00, 0x07};
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(s.senderTimingPort));
+    inet_pton(AF_INET, s.senderAddress.c_str(), &to.sin_addr);
+    sendto(s.controlFd, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
 }
 
 void sendDelayRequest(ReceiverState& s, uint16_t sequence) {
@@ -728,9 +791,9 @@ void Ap2TestReceiver::serveMedia() {
                      {stopFd_, POLLIN, 0}};
     uint16_t ptpSequence = 0;
     uint8_t buf[2048];
-    auto nextDelayRequest = std::chrono::steady_clock::now();
+    auto nextClockRequest = std::chrono::steady_clock::now();
     for (;;) {
-        const int ready = poll(fds, 4, kDelayRequestIntervalMs);
+        const int ready = poll(fds, 4, kClockRequestIntervalMs);
         if (ready < 0 || fds[3].revents) return;
         std::lock_guard lock(mutex_);
         if (fds[2].revents & POLLIN) {
@@ -750,9 +813,12 @@ void Ap2TestReceiver::serveMedia() {
             if (n > 0) controlPacket(s, {buf, static_cast<size_t>(n)});
         }
         const auto now = std::chrono::steady_clock::now();
-        if (now >= nextDelayRequest && s.ptp && !s.senderAddress.empty()) {
-            sendDelayRequest(s, ptpSequence++);
-            nextDelayRequest = now + std::chrono::milliseconds(kDelayRequestIntervalMs);
+        if (now >= nextClockRequest && !s.senderAddress.empty() && (s.ptp || s.senderTimingPort)) {
+            if (s.ptp)
+                sendDelayRequest(s, ptpSequence++);
+            else
+                sendTimingRequest(s);
+            nextClockRequest = now + std::chrono::milliseconds(kClockRequestIntervalMs);
         }
     }
 }

@@ -10,6 +10,8 @@
 // PTP: it speaks to the sender's clock (Delay_Req to port 319) so that the
 // sender sees a receiver on the clock, but it reads no PTP time itself: on
 // the one host of a test the sender's clock, which leads, is CLOCK_REALTIME.
+// NTP (a session SETUP without PTP): it asks the sender's time as AirPlay 1
+// receivers do, so that the sender's sync packets go out, and reads them.
 //
 // What it shares with the sender: TLV8, the channel's frame format and
 // HKDF/ChaCha20-Poly1305 calls (thin OpenSSL wrappers) from hap/, and the PTP
