@@ -141,7 +141,7 @@ std::optional<std::string> AppRuntime::start(std::function<void()> quit) {
     model_->enableNowPlaying(*mediaPlayers_, *artworkQueue_, artworkFolder());
     appStreams_ = std::make_unique<platform::PulseSinkInputs>();
     model_->enableMixer(*appStreams_);
-    microphone_ = std::make_unique<calibration::PulseMicrophone>();
+    microphone_ = std::make_unique<calibration::PulseMicrophone>(main_);
     toneOutput_ = std::make_unique<calibration::PulseToneOutput>(
         main_, engine::MultiOutputEngine::kCaptureSinkName);
     model_->enableCalibration(*microphone_, *toneOutput_);

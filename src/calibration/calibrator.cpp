@@ -150,14 +150,48 @@ void Calibrator::muteAllBut(int slot) {
     for (int s = 0; s < host_.rowCount(); ++s) host_.setMutedWithoutRemembering(s, s != slot);
 }
 
-bool Calibrator::startPlayer() {
-    TonePlayerOpenResult opened = tones_.open(toneRate);
-    if (!opened.player) {
-        fail("Could not start audio for the test sound.");
-        return false;
-    }
-    player_ = std::move(opened.player);
-    return true;
+namespace {
+constexpr const char* kPlayerFailed = "Could not start audio for the test sound.";
+constexpr const char* kMicrophoneFailed = "Could not open the microphone.";
+}  // namespace
+
+void Calibrator::openPlayer(std::function<void()> then) {
+    const uint64_t attempt = attempt_;
+    std::weak_ptr<bool> alive = alive_;
+    openTimer_ = main_.postAfter(openLimitSec, [this, alive, attempt] {
+        if (!alive.expired() && attempt == attempt_) fail(kPlayerFailed);
+    });
+    tones_.open(toneRate,
+                [this, alive, attempt, then = std::move(then)](TonePlayerOpenResult opened) {
+                    if (alive.expired() || attempt != attempt_) return;
+                    openTimer_.reset();
+                    if (!opened.player) {
+                        fail(kPlayerFailed);
+                        return;
+                    }
+                    player_ = std::move(opened.player);
+                    then();
+                });
+}
+
+void Calibrator::openMicrophone(std::function<void()> then) {
+    const uint64_t attempt = attempt_;
+    std::weak_ptr<bool> alive = alive_;
+    openTimer_ = main_.postAfter(openLimitSec, [this, alive, attempt] {
+        if (!alive.expired() && attempt == attempt_) fail(kMicrophoneFailed);
+    });
+    microphone_.openDefault([this, alive, attempt, then = std::move(then)](MicOpenResult opened) {
+        if (alive.expired() || attempt != attempt_) return;
+        openTimer_.reset();
+        if (!opened.mic) {
+            fail(opened.error == MicOpenError::noInputDevice
+                     ? "No microphone. Try tapping along instead."
+                     : kMicrophoneFailed);
+            return;
+        }
+        mic_ = std::move(opened.mic);
+        then();
+    });
 }
 
 // ---------------------------------------------------------------- begin
@@ -171,10 +205,12 @@ void Calibrator::begin() {
             beginReported();
             break;
         case Method::microphone:
-            if (startPlayer()) beginAcoustic();
+            setPhase({PhaseKind::measuringReference, 0, {}});
+            openPlayer([this] { openMicrophone([this] { beginAcoustic(); }); });
             break;
         case Method::tapping:
-            if (startPlayer()) beginTapping();
+            setPhase({PhaseKind::measuringReference, 0, {}});
+            openPlayer([this] { beginTapping(); });
             break;
         case Method::narrowing:
             beginNarrowing();
@@ -211,17 +247,8 @@ void Calibrator::beginReported() {
 // ---------------------------------------------------------------- microphone
 
 void Calibrator::beginAcoustic() {
-    MicOpenResult opened = microphone_.openDefault();
-    if (!opened.mic) {
-        fail(opened.error == MicOpenError::noInputDevice
-                 ? "No microphone. Try tapping along instead."
-                 : "Could not open the microphone.");
-        return;
-    }
-    mic_ = std::move(opened.mic);
     const auto referenceSlot = host_.slotOf(reference_);
     if (!referenceSlot) return;
-    setPhase({PhaseKind::measuringReference, 0, {}});
     muteAllBut(*referenceSlot);
     record(*referenceSlot, [this](Recording reference) {
         const auto slot = host_.slotOf(row_);
@@ -418,8 +445,10 @@ void Calibrator::choose(NarrowingSearch::Choice choice) {
 // ---------------------------------------------------------------- ending
 
 void Calibrator::stopRunning() {
+    ++attempt_;
     clickTimer_.reset();
     waitTimer_.reset();
+    openTimer_.reset();
     if (player_) player_->stop();
     player_.reset();
     mic_.reset();

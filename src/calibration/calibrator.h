@@ -43,6 +43,9 @@ class Calibrator {
     static constexpr double recordingMarginSec = 1.2;
     static constexpr double longestDrainSec = 4.0;
     static constexpr double narrowingSpreadMs = 300.0;
+    // A sound server that has not opened the microphone or the test sound
+    // by then is not going to: the measurement says so rather than wait.
+    static constexpr double openLimitSec = 5.0;
 
     Calibrator(CalibrationHost& host, dispatch::MainQueue& main, Microphone& microphone,
                ToneOutput& tones, RowKey row, RowKey reference);
@@ -95,7 +98,9 @@ class Calibrator {
     void setPhase(Phase phase);
     void fail(std::string message);
     void changed();
-    bool startPlayer();
+    // Each runs `then` once its stream is open, or fails in its own words.
+    void openPlayer(std::function<void()> then);
+    void openMicrophone(std::function<void()> then);
     void muteAllBut(int slot);
     double latenessSec(int slot) const;
     double drainSec() const;
@@ -127,7 +132,10 @@ class Calibrator {
 
     std::unique_ptr<TonePlayer> player_;
     std::unique_ptr<MicCapture> mic_;
-    std::unique_ptr<dispatch::TimerHandle> clickTimer_, waitTimer_;
+    std::unique_ptr<dispatch::TimerHandle> clickTimer_, waitTimer_, openTimer_;
+    // Counts what was started and later stopped: an opening that answers
+    // after its measurement stopped is dropped.
+    uint64_t attempt_ = 0;
     std::vector<float> click_;
     TapEstimator referenceTaps_, outputTaps_;
     double lastClickAt_ = 0;

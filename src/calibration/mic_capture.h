@@ -7,6 +7,7 @@
 // backend; unit tests use a scripted fake.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,11 +49,13 @@ struct MicOpenResult {
     std::string detail;  // the server's own words, for the log only
 };
 
-// Opens the default input. Main thread; may wait for the server's answer.
+// Opens the default input without waiting for the server: `done` runs on
+// the main queue with the outcome, however long the server takes (a caller
+// that cannot wait that long stops listening for it).
 class Microphone {
   public:
     virtual ~Microphone() = default;
-    virtual MicOpenResult openDefault() = 0;
+    virtual void openDefault(std::function<void(MicOpenResult)> done) = 0;
 };
 
 }  // namespace vt::calibration

@@ -40,12 +40,13 @@ struct TonePlayerOpenResult {
     std::string detail;                  // the server's own words, for the log only
 };
 
-// Opens a playback stream into the capture sink at `sampleRate`. Main
-// thread; may wait for the server's answer. Fails while nothing runs.
+// Opens a playback stream into the capture sink at `sampleRate`, without
+// waiting for the server: `done` runs on the main queue with the outcome.
+// Fails while nothing runs.
 class ToneOutput {
   public:
     virtual ~ToneOutput() = default;
-    virtual TonePlayerOpenResult open(double sampleRate) = 0;
+    virtual void open(double sampleRate, std::function<void(TonePlayerOpenResult)> done) = 0;
 };
 
 }  // namespace vt::calibration

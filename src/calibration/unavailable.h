@@ -9,14 +9,16 @@ namespace vt::calibration {
 
 class NoMicrophone final : public Microphone {
   public:
-    MicOpenResult openDefault() override {
-        return {nullptr, MicOpenError::noInputDevice, "no microphone given"};
+    void openDefault(std::function<void(MicOpenResult)> done) override {
+        done({nullptr, MicOpenError::noInputDevice, "no microphone given"});
     }
 };
 
 class NoToneOutput final : public ToneOutput {
   public:
-    TonePlayerOpenResult open(double) override { return {nullptr, "no test-sound player given"}; }
+    void open(double, std::function<void(TonePlayerOpenResult)> done) override {
+        done({nullptr, "no test-sound player given"});
+    }
 };
 
 }  // namespace vt::calibration

@@ -90,11 +90,15 @@ TEST_F(CalibratorTest, MicrophoneFailuresSayWhatToDo) {
         {[&] { host.rows[0].measuredMs = 1700; },
          "Heard something 1752 ms out, which is too far to be real. Try again somewhere quieter."},
         {[&] { tones.available = false; }, "Could not start audio for the test sound."},
+        // A server that never answers: the window does not wait for it.
+        {[&] { tones.answers = false; }, "Could not start audio for the test sound."},
+        {[&] { mic.answers = false; }, "Could not open the microphone."},
     };
     for (const Case& test : cases) {
         mic.failure = MicOpenError::none;
         mic.room = {};
         tones.available = true;
+        tones.answers = mic.answers = true;
         host.rows[0].measuredMs = 40;
         test.arrange();
         auto c = open(Method::microphone);

@@ -83,13 +83,17 @@ class FakeTones : public ToneOutput {
   public:
     FakeTones(dispatch::VirtualMainQueue& main) : main_(main) {}
     bool available = true;
+    bool answers = true;  // false: a server that never answers the opening
     double playerLatencySec = 0.025;
     std::vector<Emission> emitted;
     std::function<void(const Emission&)> onEmit;
 
-    TonePlayerOpenResult open(double rate) override {
-        if (!available) return {nullptr, "refused"};
-        return {std::make_unique<Player>(*this, rate), {}};
+    void open(double rate, std::function<void(TonePlayerOpenResult)> done) override {
+        if (!answers) return;
+        main_.post([this, rate, done = std::move(done)] {
+            if (!available) return done({nullptr, "refused"});
+            done({std::make_unique<Player>(*this, rate), {}});
+        });
     }
 
   private:
@@ -145,11 +149,15 @@ class FakeMicrophone : public Microphone {
     FakeMicrophone(dispatch::VirtualMainQueue& main, FakeHost& host, FakeTones& tones)
         : main_(main), host_(host), tones_(tones) {}
     MicOpenError failure = MicOpenError::none;
+    bool answers = true;
     RoomSound room;
 
-    MicOpenResult openDefault() override {
-        if (failure != MicOpenError::none) return {nullptr, failure, "scripted"};
-        return {std::make_unique<Capture>(*this), MicOpenError::none, {}};
+    void openDefault(std::function<void(MicOpenResult)> done) override {
+        if (!answers) return;
+        main_.post([this, done = std::move(done)] {
+            if (failure != MicOpenError::none) return done({nullptr, failure, "scripted"});
+            done({std::make_unique<Capture>(*this), MicOpenError::none, {}});
+        });
     }
 
   private:

@@ -40,6 +40,7 @@ TEST_F(Calibration, ForcedMutesNeverReachTheStoredRowsAndEndWithTheCalibration) 
     ASSERT_TRUE(c);
     c->setMethod(Calibrator::Method::tapping);
     c->begin();
+    settle();
     EXPECT_EQ(muted(m), (std::vector<bool>{false, true, true}));
     m.setVolume(1, 0.5);  // keeps the row while it is held muted
     EXPECT_FALSE(settings->loadOutput(1).muted);

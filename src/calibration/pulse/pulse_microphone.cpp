@@ -52,9 +52,7 @@ SourceFacts sourceFacts(PulseLoop& loop, const std::string& name) {
     return facts;
 }
 
-}  // namespace
-
-MicOpenResult PulseMicrophone::openDefault() {
+MicOpenResult openMicrophone() {
     MicOpenResult result;
     auto loop = PulseLoop::connect("Vellatone microphone");
     if (!loop) {
@@ -78,6 +76,12 @@ MicOpenResult PulseMicrophone::openDefault() {
     }
     result.mic = std::move(mic);
     return result;
+}
+
+}  // namespace
+
+void PulseMicrophone::openDefault(std::function<void(MicOpenResult)> done) {
+    opener_.run<MicOpenResult>(&openMicrophone, std::move(done));
 }
 
 }  // namespace vt::calibration

@@ -5,13 +5,18 @@
 #pragma once
 
 #include "calibration/mic_capture.h"
+#include "calibration/pulse/open_off_main.h"
 
 namespace vt::calibration {
 
 class PulseMicrophone final : public Microphone {
   public:
+    explicit PulseMicrophone(dispatch::MainQueue& main) : opener_(main) {}
     // Each opening has a connection of its own, gone with the capture.
-    MicOpenResult openDefault() override;
+    void openDefault(std::function<void(MicOpenResult)> done) override;
+
+  private:
+    OpenOffMain opener_;
 };
 
 }  // namespace vt::calibration

@@ -120,18 +120,23 @@ void PulseTonePlayer::fill(float* frames, uint32_t count, double presentSec, dou
     }
 }
 
-TonePlayerOpenResult PulseToneOutput::open(double sampleRate) {
-    TonePlayerOpenResult result;
-    auto loop = platform::pulse::PulseLoop::connect("Vellatone test sound");
-    if (!loop) {
-        result.detail = "no sound server";
-        return result;
-    }
-    raiseStreamPriority(*loop);
-    auto player = std::make_unique<PulseTonePlayer>(main_, std::move(loop), sampleRate);
-    if (!player->open(sinkName_, result.detail)) return result;
-    result.player = std::move(player);
-    return result;
+void PulseToneOutput::open(double sampleRate, std::function<void(TonePlayerOpenResult)> done) {
+    dispatch::MainQueue& main = main_;
+    opener_.run<TonePlayerOpenResult>(
+        [&main, sampleRate, sinkName = sinkName_] {
+            TonePlayerOpenResult result;
+            auto loop = platform::pulse::PulseLoop::connect("Vellatone test sound");
+            if (!loop) {
+                result.detail = "no sound server";
+                return result;
+            }
+            raiseStreamPriority(*loop);
+            auto player = std::make_unique<PulseTonePlayer>(main, std::move(loop), sampleRate);
+            if (!player->open(sinkName, result.detail)) return result;
+            result.player = std::move(player);
+            return result;
+        },
+        std::move(done));
 }
 
 }  // namespace vt::calibration

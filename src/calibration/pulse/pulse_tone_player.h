@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "calibration/pulse/open_off_main.h"
 #include "calibration/tone_player.h"
 #include "dispatch/main_queue.h"
 #include "platform/audio_backend.h"
@@ -72,12 +73,13 @@ class PulseTonePlayer final : public TonePlayer {
 class PulseToneOutput final : public ToneOutput {
   public:
     PulseToneOutput(dispatch::MainQueue& main, std::string captureSinkName)
-        : main_(main), sinkName_(std::move(captureSinkName)) {}
-    TonePlayerOpenResult open(double sampleRate) override;
+        : main_(main), sinkName_(std::move(captureSinkName)), opener_(main) {}
+    void open(double sampleRate, std::function<void(TonePlayerOpenResult)> done) override;
 
   private:
     dispatch::MainQueue& main_;
     std::string sinkName_;
+    OpenOffMain opener_;
 };
 
 }  // namespace vt::calibration
