@@ -333,6 +333,10 @@ class AppModel {
     void setMeasuredLatency(int slot, double ms, settings::LatencySource source);
     // The delay the engine applies to the row now.
     double engineDelayMs(int slot) const;
+    // A Bluetooth speaker whose delay nobody has measured yet: the row
+    // offers a measurement until the user dismisses that for the output.
+    bool showsMeasureHint(int slot) const;
+    void dismissMeasureHint(int slot);
     // What the row's device says of its latency beyond what the stream's
     // timing already tells the engine; a network output's own report.
     double reportedLatency(int slot) const;

@@ -106,6 +106,24 @@ void AppModel::setMeasuredLatency(int slot, double ms, LatencySource source) {
     persist(slot);
 }
 
+bool AppModel::showsMeasureHint(int slot) const {
+    if (!isRunning_ || validSlot(slot) < 0) return false;
+    const RowState& row = rows_[slot];
+    const auto key = row.memoryKey();
+    if (row.disabled || !key || settings_.measureHintDismissed(*key)) return false;
+    const auto device = deviceOf(row);
+    if (!device || device->transportLabel() != "Bluetooth") return false;
+    // A person's measurement already answers what the hint offers.
+    return canCalibrate(slot) && (row.latencySource == LatencySource::none ||
+                                  row.latencySource == LatencySource::reported);
+}
+
+void AppModel::dismissMeasureHint(int slot) {
+    if (validSlot(slot) < 0) return;
+    if (const auto key = rows_[slot].memoryKey()) settings_.dismissMeasureHint(*key);
+    stateChanged();
+}
+
 double AppModel::engineDelayMs(int slot) const {
     if (validSlot(slot) < 0 || slot >= int(engineDelays_.size())) return 0;
     return engineDelays_[size_t(slot)];

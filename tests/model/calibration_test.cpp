@@ -83,5 +83,26 @@ TEST_F(Calibration, AStoredLatencyIsHeldToTheRowsRangeAndMovesTheDelays) {
     EXPECT_LT(m.rows()[1].measuredLatencyMs, 120);
 }
 
+TEST_F(Calibration, TheMeasureHintIsForAnUnmeasuredBluetoothSpeakerUntilDismissed) {
+    fake.addSink("buds", "Buds", 48000, {{"device.bus", "bluetooth"}});
+    AppModel& m = withRows({"living", "buds"});
+    EXPECT_FALSE(m.showsMeasureHint(1));
+    m.startStop();
+    settle();
+    EXPECT_FALSE(m.showsMeasureHint(0));
+    EXPECT_TRUE(m.showsMeasureHint(1));
+    m.setMeasuredLatency(1, 150, LatencySource::reported);
+    EXPECT_TRUE(m.showsMeasureHint(1));
+    m.setMeasuredLatency(1, 150, LatencySource::tapped);
+    EXPECT_FALSE(m.showsMeasureHint(1));
+    m.setMeasuredLatency(1, 150, LatencySource::none);
+    m.applyMuted(0, true);  // nothing left to measure it against
+    EXPECT_FALSE(m.showsMeasureHint(1));
+    m.applyMuted(0, false);
+    m.dismissMeasureHint(1);
+    EXPECT_FALSE(m.showsMeasureHint(1));
+    EXPECT_TRUE(settings->measureHintDismissed("uid:buds"));
+}
+
 }  // namespace
 }  // namespace vt::model::test
