@@ -4,7 +4,6 @@
 
 #include <pulse/pulseaudio.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -120,13 +119,17 @@ void onTiming(pa_stream* st, int success, void* user) {
     ch->starts.push_back({playing, tsMono - playing});
 }
 
-void iterateFor(Session& s, double seconds) {
-    double end = clockSec(CLOCK_MONOTONIC) + seconds;
-    while (clockSec(CLOCK_MONOTONIC) < end) {
-        if (pa_mainloop_iterate(s.loop, 0, nullptr) < 0) {
+// Runs the loop until `until` (CLOCK_MONOTONIC seconds), waking for every
+// event. libpulse reads one piece of one message per wakeup: a loop that
+// slept between passes would fall behind four record streams, and the
+// server would drop what it could not send.
+void iterateUntilTime(Session& s, double until) {
+    for (double now = clockSec(CLOCK_MONOTONIC); now < until; now = clockSec(CLOCK_MONOTONIC)) {
+        auto timeoutUsec = static_cast<int>((until - now) * 1e6) + 1;
+        if (pa_mainloop_prepare(s.loop, timeoutUsec) < 0 || pa_mainloop_poll(s.loop) < 0 ||
+            pa_mainloop_dispatch(s.loop) < 0) {
             throw std::runtime_error("sound server loop failed");
         }
-        usleep(1000);
     }
 }
 
@@ -211,7 +214,7 @@ std::vector<Recording> recordSources(const std::vector<RecordRequest>& requests,
         }
 
         // Let the streams settle, then record from the next byte each takes.
-        iterateFor(s, 0.3);
+        iterateUntilTime(s, clockSec(CLOCK_MONOTONIC) + 0.3);
         std::vector<uint64_t> startByte;
         for (auto& ch : s.channels) {
             ch->recording = true;
@@ -228,10 +231,7 @@ std::vector<Recording> recordSources(const std::vector<RecordRequest>& requests,
                 }
                 nextSnapshot = now + 0.02;
             }
-            if (pa_mainloop_iterate(s.loop, 0, nullptr) < 0) {
-                throw std::runtime_error("sound server loop failed");
-            }
-            usleep(1000);
+            iterateUntilTime(s, std::min(nextSnapshot, end));
         }
         std::vector<Recording> out;
         for (size_t i = 0; i < s.channels.size(); ++i) {
