@@ -18,7 +18,17 @@ namespace vt::platform::pulse {
 
 namespace {
 
-constexpr pa_usec_t kTimingIntervalUsec = 20000;
+// How often a stream asks for a timing snapshot. pipewire-pulse answers
+// with the position its last graph cycle left and the wall clock at the
+// moment it answers, so a snapshot taken at a random moment is late by
+// anything up to a whole quantum (5.3 ms at 256 frames). Asked for right
+// after the server's request or data arrives, which it sends at the end of
+// a cycle, it is late by about 0.05-0.1 ms instead. PulseAudio reads both
+// at the answer and does not care when it is asked.
+constexpr double kTimingIntervalSec = 0.020;
+// A stream the server sends nothing to still gets a snapshot this often.
+constexpr double kQuietTimingIntervalSec = 0.100;
+constexpr pa_usec_t kTimerIntervalUsec = 20000;
 constexpr uint32_t kBytesPerFrame = 8;  // float32 stereo
 // A block must reach the server this long before the sink reads it.
 constexpr double kDeliveryGuardSec = 0.001;
@@ -80,6 +90,13 @@ class PulseStream : public Stream {
   protected:
     virtual void onTiming(const pa_timing_info& info) = 0;
     virtual void onReady() {}
+    // From a stream callback, where the server has just finished a cycle:
+    // a snapshot asked for now is fresh. Only marks it for the loop's next
+    // turn, so the callback itself sends nothing.
+    void timingAfterCycle(double now) {
+        if (freshTiming_ && now - lastTimingRequest_ >= kTimingIntervalSec)
+            pa_threaded_mainloop_get_api(loop_->loop())->defer_enable(freshTiming_, 1);
+    }
 
     // Connects and waits until the stream runs; a non-zero status on failure.
     // Not on the loop's thread.
@@ -108,8 +125,11 @@ class PulseStream : public Stream {
     static void timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
                               void* self);
     static void timingCallback(pa_stream* s, int success, void* self);
+    static void freshTimingCallback(pa_mainloop_api* api, pa_defer_event* e, void* self);
 
     pa_time_event* timer_ = nullptr;
+    pa_defer_event* freshTiming_ = nullptr;
+    double lastTimingRequest_ = 0;  // monotonic seconds
     pa_operation* pendingTiming_ = nullptr;
     std::mutex openMutex_;
     std::condition_variable openDone_;
@@ -168,8 +188,11 @@ int PulseStream::startConnecting(bool playback, const std::string& deviceName,
 
 void PulseStream::opened(Opening outcome) {
     if (outcome == Opening::ready) {
-        timer_ = pa_context_rttime_new(loop_->context(), pa_rtclock_now() + kTimingIntervalUsec,
+        timer_ = pa_context_rttime_new(loop_->context(), pa_rtclock_now() + kTimerIntervalUsec,
                                        &PulseStream::timerCallback, this);
+        pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop_->loop());
+        freshTiming_ = api->defer_new(api, &PulseStream::freshTimingCallback, this);
+        api->defer_enable(freshTiming_, 0);
         requestTiming();
         onReady();
     } else {
@@ -204,6 +227,10 @@ void PulseStream::teardown() {
         pa_threaded_mainloop_get_api(loop_->loop())->time_free(timer_);
         timer_ = nullptr;
     }
+    if (freshTiming_) {
+        pa_threaded_mainloop_get_api(loop_->loop())->defer_free(freshTiming_);
+        freshTiming_ = nullptr;
+    }
     // A timing answer still on its way would call back into a freed object.
     if (pendingTiming_) {
         pa_operation_cancel(pendingTiming_);
@@ -222,13 +249,20 @@ void PulseStream::teardown() {
 void PulseStream::requestTiming() {
     if (pendingTiming_ || pa_stream_get_state(stream_) != PA_STREAM_READY) return;
     pendingTiming_ = pa_stream_update_timing_info(stream_, &PulseStream::timingCallback, this);
+    if (pendingTiming_) lastTimingRequest_ = dispatch::monotonicSeconds();
 }
 
 void PulseStream::timerCallback(pa_mainloop_api*, pa_time_event* e, const struct timeval*,
                                 void* self) {
     auto* me = static_cast<PulseStream*>(self);
-    me->requestTiming();
-    pa_context_rttime_restart(me->loop_->context(), e, pa_rtclock_now() + kTimingIntervalUsec);
+    if (dispatch::monotonicSeconds() - me->lastTimingRequest_ >= kQuietTimingIntervalSec)
+        me->requestTiming();
+    pa_context_rttime_restart(me->loop_->context(), e, pa_rtclock_now() + kTimerIntervalUsec);
+}
+
+void PulseStream::freshTimingCallback(pa_mainloop_api* api, pa_defer_event* e, void* self) {
+    api->defer_enable(e, 0);
+    static_cast<PulseStream*>(self)->requestTiming();
 }
 
 void PulseStream::timingCallback(pa_stream* s, int success, void* self) {
@@ -290,20 +324,22 @@ class PlaybackStream final : public PulseStream {
         lastReadHost_ = ts;
         // Nothing is written before the first snapshot: fill now rather than
         // wait for the server's next request.
-        if (!started_) fill(pa_stream_writable_size(stream_));
+        if (!started_) fill(pa_stream_writable_size(stream_), dispatch::monotonicSeconds());
     }
 
     static void writeCallback(pa_stream*, size_t nbytes, void* self) {
-        static_cast<PlaybackStream*>(self)->fill(nbytes);
+        auto* me = static_cast<PlaybackStream*>(self);
+        const double now = dispatch::monotonicSeconds();
+        me->timingAfterCycle(now);
+        me->fill(nbytes, now);
     }
     static void underflowCallback(pa_stream*, void* self) {
         static_cast<PlaybackStream*>(self)->underruns_.fetch_add(1, std::memory_order_relaxed);
     }
 
     // The stream loop's thread: no allocation, no locks, no logging.
-    void fill(size_t nbytes) {
+    void fill(size_t nbytes, double now) {
         if (!clock_.valid() || nbytes == static_cast<size_t>(-1) || nbytes < kBytesPerFrame) return;
-        const double now = dispatch::monotonicSeconds();
         // The sink reads byte W at lastReadHost + (W - lastReadIndex) / rate. What
         // arrives after that moment is thrown away by the server, so after a
         // stall (or at the start) begin where the sink will read next instead of
@@ -398,7 +434,9 @@ class RecordStream final : public PulseStream {
     }
 
     static void readCallback(pa_stream*, size_t, void* self) {
-        static_cast<RecordStream*>(self)->drain();
+        auto* me = static_cast<RecordStream*>(self);
+        me->timingAfterCycle(dispatch::monotonicSeconds());
+        me->drain();
     }
 
     // The stream loop's thread: no allocation, no locks, no logging.
