@@ -39,6 +39,8 @@ BIN=${BIN:-$here/build/bin}
 LIMIT_MS=${LIMIT_MS:-}
 # The stream clocks draw their lines through four seconds of timing.
 SETTLE=${SETTLE:-6}
+# PipeWire: seconds recorded after the measured ones and left out (see below).
+RECORD_TAIL=1
 NICE=${NICE:--15}
 # A plain command prefix, not a function: a backgrounded function would run
 # in a subshell, and $! would not be the process to stop.
@@ -180,9 +182,16 @@ status=0
 if [[ $server == pipewire ]]; then
     skip=$(awk -v now="$(date +%s.%N)" -v then="$recording_started" 'BEGIN { print now - then }')
     sleep "$DURATION"
+    sleep "$RECORD_TAIL"
     kill "$record_pid"
     wait "$record_pid" 2>/dev/null || true
     record_pid=
+    # Only what was recorded before the recorder began to go is measured. As
+    # pw-record ends, its ports are unlinked one by one, and each sink left
+    # without a link drives a graph of its own again: the last moments of the
+    # file mix two timings, and a speaker stood a quantum (5.3 ms) off there.
+    frames=$(awk -v s="$skip" -v d="$DURATION" 'BEGIN { printf "%d", (s + d) * 48000 }')
+    truncate -s "$((frames * 5 * 4))" "$work/monitors.raw"
     "${raised[@]}" "$BIN/vellatone-syncmeter" --raw "$work/monitors.raw" --rate 48000 \
         --channels 5 --skip "$skip" --windows 12 "${limit[@]}" "${checks[@]}" \
         living=living:monitor_FL kitchen=kitchen:monitor_FL den=den:monitor_FL \
