@@ -12,7 +12,8 @@
 # gives every original back exactly (the levels set then apply to them
 # again), and so does a clean quit; a music
 # stream that ended turned down, or one that starts after the quit, starts
-# at the original, not ours: nothing the server keeps outlives us.
+# at the original, not ours: nothing the server keeps outlives us, and what
+# it keeps of other apps stays.
 set -euo pipefail
 
 BIN=$(realpath "$1")
@@ -172,8 +173,11 @@ step "quit gives every original back, and a new stream starts at its own level"
 terminate
 for who in calls alert; do await_volume "${input[$who]}" "${start[$who]}" "$who after quit"; done
 await_volume "${input[music]}" "${start[music]}" "music after quit"
-kill "${player[music]}"
+kill "${player[music]}" "${player[calls]}"
 play music
+play calls
 sleep 0.5 # WirePlumber gives a new stream its kept volume a moment after it appears
 await_volume "${input[music]}" "${start[music]}" "a music stream after quit"
+# What the server keeps of an app we never turned down is still there.
+await_volume "${input[calls]}" "${start[calls]}" "a calls stream after quit"
 echo "PASS ($server)"

@@ -153,8 +153,10 @@ void writeEntry(pa_context* c, RestoreWrite* w) {
     e.volume = w->volume;
     e.device = w->found && !w->device.empty() ? w->device.c_str() : nullptr;
     e.mute = w->mute;
+    // REPLACE touches this entry alone: SET would first empty the store of
+    // every other program's kept volumes.
     if (pa_operation* op =
-            pa_ext_stream_restore_write(c, PA_UPDATE_SET, &e, 1, 0, nullptr, nullptr))
+            pa_ext_stream_restore_write(c, PA_UPDATE_REPLACE, &e, 1, 0, nullptr, nullptr))
         pa_operation_unref(op);
     delete w;
 }
