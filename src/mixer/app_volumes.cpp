@@ -37,6 +37,10 @@ AppVolumes::~AppVolumes() = default;
 void AppVolumes::restorePending() {
     AppStreams& streams = streams_;
     settings::Settings& settings = settings_;
+    if (const nlohmann::json keeps = settings.value(keepsKey); keeps.is_object())
+        for (const auto& [key, volume] : keeps.items())
+            if (std::vector<RawVolume> v = volumeOf(volume); !v.empty()) rememberOrKeep(key, v);
+    persistKeeps();
     const nlohmann::json note = settings.value(settingsKey);
     if (note.is_null()) return;
     const auto present = byIndex(streams.streams());
@@ -54,16 +58,17 @@ void AppVolumes::restorePending() {
                 volumeOf(entry.value("volume", nlohmann::json()));
             if (original.empty()) continue;
             const nlohmann::json key = entry.value("key", nlohmann::json());
-            if (key.is_string()) streams.rememberVolume(key.get<std::string>(), original);
+            if (key.is_string()) rememberOrKeep(key.get<std::string>(), original);
             // The same stream, still there: the index is the server's, and
             // is not reused while the server runs.
             if (it != present.end() && original.size() == it->second.volume.size()) {
+                givenBack_[index] = {original, it->second.volume};
                 streams.setVolume(index, original);
-                givenBack_[index] = original;
             }
         }
     }
     settings.removeValue(settingsKey);
+    persistKeeps();
 }
 
 const std::vector<RawVolume>* AppVolumes::originalOf(uint32_t stream) const {
@@ -157,7 +162,13 @@ void AppVolumes::streamsChanged() {
                 k != p->second.properties.end())
                 h.restoreKey = k->second;
             h.original = ownVolume(h.restoreKey, h.original);
-            if (auto g = givenBack_.find(index); g != givenBack_.end()) h.original = g->second;
+            if (auto g = givenBack_.find(index); g != givenBack_.end()) {
+                // Until the server has dealt with the give-back, it may still
+                // report what the dead run left: neither that nor the
+                // original coming back is a kept volume arriving.
+                h.echoes = {g->second.left, g->second.original};
+                h.original = g->second.original;
+            }
             it = held_.emplace(index, std::move(h)).first;
             // The original is on disk before the stream is turned down.
             persist();
@@ -242,6 +253,7 @@ void AppVolumes::restoreAll() {
     wanted_.clear();
     streams_.settle();
     settings_.removeValue(settingsKey);
+    persistKeeps();
 }
 
 std::vector<RawVolume> AppVolumes::ownVolume(const std::string& restoreKey,
@@ -260,15 +272,35 @@ bool AppVolumes::leftSilent(const AppStream& stream) const {
 
 void AppVolumes::release(const Held& h) {
     if (h.restoreKey.empty()) return;
-    if (streams_.rememberVolume(h.restoreKey, h.original))
-        unsentKeeps_.erase(h.restoreKey);
+    rememberOrKeep(h.restoreKey, h.original);
+    persistKeeps();
+}
+
+void AppVolumes::rememberOrKeep(const std::string& restoreKey,
+                                const std::vector<RawVolume>& volume) {
+    if (streams_.rememberVolume(restoreKey, volume))
+        unsentKeeps_.erase(restoreKey);
     else
-        unsentKeeps_[h.restoreKey] = h.original;
+        unsentKeeps_[restoreKey] = volume;
 }
 
 void AppVolumes::sendUnsentKeeps() {
+    if (unsentKeeps_.empty()) return;
     std::erase_if(unsentKeeps_,
                   [&](const auto& e) { return streams_.rememberVolume(e.first, e.second); });
+    persistKeeps();
+}
+
+void AppVolumes::persistKeeps() {
+    // Written only when it changes: the poll calls this every second.
+    const nlohmann::json stored = settings_.value(keepsKey);
+    if (unsentKeeps_.empty()) {
+        if (!stored.is_null()) settings_.removeValue(keepsKey);
+        return;
+    }
+    nlohmann::json keeps = nlohmann::json::object();
+    for (const auto& [key, volume] : unsentKeeps_) keeps[key] = volume;
+    if (stored != keeps) settings_.setValue(keepsKey, keeps);
 }
 
 void AppVolumes::persist() {

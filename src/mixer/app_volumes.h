@@ -11,7 +11,9 @@
 //   module-stream-restore, WirePlumber's restore-stream through
 //   pipewire-pulse) and give it to the next stream of that app; whenever a
 //   stream is given back or ends while turned down, that stored volume is
-//   set to the original too.
+//   set to the original too. A write of that kind the server could not take
+//   (it was away) is noted too ("pendingAppVolumeKeeps") and sent by the next
+//   launch if this run ends first.
 // - A volume someone else sets while we run (a desktop's volume panel)
 //   becomes the stream's new original, divided by our gain, so it is kept
 //   rather than fought. In a stream's first kSettleSeconds a change is the
@@ -46,6 +48,8 @@ using GainTable = std::map<std::string, AppGain>;
 class AppVolumes {
   public:
     static constexpr const char* settingsKey = "pendingRestoreAppVolumes";
+    // Restore key to volume: what the server should keep, not yet sent.
+    static constexpr const char* keepsKey = "pendingAppVolumeKeeps";
     static constexpr double kRampSeconds = 0.03;
     static constexpr int kRampSteps = 3;
     // The server's echoes of our last few writes are not someone else's
@@ -65,7 +69,9 @@ class AppVolumes {
     AppVolumes& operator=(const AppVolumes&) = delete;
 
     // What a run that died left turned down goes back to its original, for
-    // every stream that is still there; the note is then cleared.
+    // every stream that is still there; the note is then cleared. What the
+    // server keeps is put right for every app in the notes (sent once the
+    // server answers, if it does not yet).
     // Until the server's echo arrives, the streams given back keep their
     // originals here, so a gain applied at once starts from them.
     void restorePending();
@@ -75,7 +81,8 @@ class AppVolumes {
     // The streams changed: new streams of a held app get its gain, changes
     // made elsewhere become originals, gone streams are forgotten.
     void streamsChanged();
-    // Every stream back to its original, now, and the note cleared.
+    // Every stream back to its original, now, and the note cleared; what the
+    // server could not be told stays noted for the next launch.
     void restoreAll();
 
     // For tests and the strips: the original we keep for a stream.
@@ -108,6 +115,8 @@ class AppVolumes {
     // What the server should keep, for streams that ended turned down while
     // it was away (its restart ends them all): written once it is back.
     void sendUnsentKeeps();
+    void rememberOrKeep(const std::string& restoreKey, const std::vector<RawVolume>& volume);
+    void persistKeeps();
     // The stream starts at the volume an ended stream of its app had from us.
     bool leftSilent(const AppStream& stream) const;
 
@@ -128,7 +137,11 @@ class AppVolumes {
     };
     std::map<std::string, Ended> ended_;
     std::map<std::string, std::vector<RawVolume>> unsentKeeps_;  // by restore key
-    std::map<uint32_t, std::vector<RawVolume>> givenBack_;       // by stream, at launch
+    struct GivenBack {
+        std::vector<RawVolume> original;
+        std::vector<RawVolume> left;  // what the dead run left on it
+    };
+    std::map<uint32_t, GivenBack> givenBack_;  // by stream, at launch
     std::vector<RawVolume> ownVolume(
         const std::string& restoreKey,
         const std::vector<RawVolume>& seen) const;  // when each stream was first seen

@@ -119,6 +119,27 @@ TEST_F(AppVolumesTest, WhatTheServerKeepsIsPutRightOnceItIsBack) {
     EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
 }
 
+TEST_F(AppVolumesTest, WhatTheServerCouldNotBeToldBeforeAQuitIsToldByTheNextLaunch) {
+    {
+        AppVolumes volumes(streams, main, *settings);
+        volumes.apply({{"music", {{1}, 0.5}}});
+        main.advance(0.1);
+        streams.away = true;
+        streams.all.clear();
+        volumes.streamsChanged();
+        volumes.restoreAll();  // quits while the server is away
+    }
+    EXPECT_TRUE(streams.stored.empty());
+    settings::Settings reread(file);
+    AppVolumes next(streams, main, reread);
+    next.restorePending();  // the server is still away at launch
+    EXPECT_TRUE(streams.stored.empty());
+    streams.away = false;
+    next.streamsChanged();
+    EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
+    EXPECT_TRUE(reread.value(AppVolumes::keepsKey).is_null());
+}
+
 TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
     {
         AppVolumes volumes(streams, main, *settings);
@@ -129,11 +150,18 @@ TEST_F(AppVolumesTest, TheNextLaunchGivesBackWhatARunThatDiedLeftDown) {
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{0, 0}));
     streams.stored.clear();  // the server kept ours
     settings::Settings reread(file);
-    AppVolumes(streams, main, reread).restorePending();
+    AppVolumes next(streams, main, reread);
+    next.restorePending();
     EXPECT_EQ(streams.all[1].volume, (std::vector<RawVolume>{40000, 30000}));
     EXPECT_EQ(streams.stored["key1"], (std::vector<RawVolume>{40000, 30000}));
     EXPECT_EQ(streams.stored["key2"], (std::vector<RawVolume>{50000, 50000}));
     EXPECT_TRUE(reread.value(AppVolumes::settingsKey).is_null());
+    // The level is another now; a report from before the give-back, late,
+    // is not the server's kept volume.
+    next.apply({{"music", {{1}, 0.5}}});
+    streams.all[1].volume = {0, 0};
+    next.streamsChanged();
+    EXPECT_EQ(*next.originalOf(1), (std::vector<RawVolume>{40000, 30000}));
 }
 
 }  // namespace
