@@ -5,10 +5,11 @@
 # on the other, which finds it by discovery alone. A private sound server
 # (PulseAudio, or PipeWire with VELLATONE_TEST_SERVER=pipewire) has the
 # speaker "living" and the TV's sink "tv"; noise is played into the capture
-# sink, and once the TV's row is locked both monitors are recorded from one
+# sink, and once the TV's row is locked both monitors (and the capture sink's,
+# so a gap the noise itself had is not held against them) are recorded from one
 # process, each placed in time by the server's timing snapshots. On PipeWire,
-# whose snapshots scatter by a millisecond or more, one pw-record node records
-# both monitors in the same graph cycle instead, with a sink nobody plays to
+# whose snapshots scatter by a millisecond or more, the WAV path is measured
+# by one pw-record node recording both monitors in the same graph cycle, with a sink nobody plays to
 # driving the graph (as in scripts/measure-sync.sh: the driving sink's
 # monitor reaches a recorder a quantum, 5.3 ms, late).
 #
@@ -90,20 +91,24 @@ await_outputs "^cast:$tv_id\tcast\tLounge TV\tGoogle Cast\$"
 
 # PipeWire: the recorder and its links are made before any sound flows, so
 # that the graph has settled into its one driver by then.
-if [[ $server == pipewire ]]; then
+# (The sync path keeps the snapshots: one run of five saw no common sound in
+# the single-cycle recording, not yet explained.)
+single_cycle=
+[[ $server == pipewire && $mode == wav ]] && single_cycle=1
+if [[ -n $single_cycle ]]; then
     for cmd in pw-record pw-link; do
         command -v "$cmd" >/dev/null || fail "$cmd is not installed"
     done
     pactl load-module module-null-sink sink_name=vellatone_meter_clock rate=48000 channels=2 \
         sink_properties=priority.driver=30000 >/dev/null || fail "no clock sink for the recorder"
-    pw-record --target 0 --rate 48000 --channels 3 --channel-map AUX0,AUX1,AUX2 --format f32 \
+    pw-record --target 0 --rate 48000 --channels 4 --channel-map AUX0,AUX1,AUX2,AUX3 --format f32 \
         -P '{ node.name = "vellatone-cast-meter" }' - >"$work/monitors.raw" 2>"$work/record.err" &
     record_pid=$!
-    for _ in $(seq 100); do pw-link -i 2>/dev/null | grep -q '^vellatone-cast-meter:input_AUX2$' && break; sleep 0.05; done
-    k=0
-    for sink in living tv vellatone_meter_clock; do
-        pw-link "$sink:monitor_FL" "vellatone-cast-meter:input_AUX$k" || fail "cannot link $sink's monitor to the recorder"
-        k=$((k + 1))
+    for _ in $(seq 100); do pw-link -i 2>/dev/null | grep -q '^vellatone-cast-meter:input_AUX3$' && break; sleep 0.05; done
+    # AUX0 the speaker, AUX1 the TV, AUX2 the capture (once it exists), AUX3 the clock.
+    for link in living:0 tv:1 vellatone_meter_clock:3; do
+        pw-link "${link%:*}:monitor_FL" "vellatone-cast-meter:input_AUX${link#*:}" ||
+            fail "cannot link ${link%:*}'s monitor to the recorder"
     done
     recording_started=$(date +%s.%N)
 fi
@@ -112,6 +117,11 @@ step "a speaker and the TV, playing noise"
 ctl add uid:living >/dev/null || fail "add uid:living"
 ctl add "cast:$tv_id" >/dev/null || fail "add cast:$tv_id"
 ctl start >/dev/null || fail "start"
+if [[ -n $single_cycle ]]; then
+    # The capture sink is the app's, made by the start.
+    for _ in $(seq 100); do pw-link -o 2>/dev/null | grep -q '^vellatone:monitor_FL$' && break; sleep 0.05; done
+    pw-link vellatone:monitor_FL vellatone-cast-meter:input_AUX2 || fail "cannot link the capture's monitor to the recorder"
+fi
 sox -n -r 48000 -c 2 -b 32 -e floating-point -t raw "$work/noise.raw" \
     synth $((DURATION + 90)) whitenoise vol 0.5 sinc -12k 2>/dev/null
 pacat --playback -d vellatone --rate=48000 --channels=2 --format=float32le --latency-msec=100 \
@@ -146,18 +156,19 @@ esac
 limit=()
 [[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")
 status=0
-if [[ $server == pipewire ]]; then
+if [[ -n $single_cycle ]]; then
     skip=$(awk -v now="$(date +%s.%N)" -v then="$recording_started" 'BEGIN { print now - then }')
     sleep "$DURATION"
     kill "$record_pid"
     wait "$record_pid" 2>/dev/null || true
     record_pid=
-    "$BIN/vellatone-syncmeter" --raw "$work/monitors.raw" --rate 48000 --channels 3 --skip "$skip" \
-        --windows 12 "${limit[@]}" --expect cast-speaker=0 speaker=living:monitor_FL cast=tv:monitor_FL \
+    "$BIN/vellatone-syncmeter" --raw "$work/monitors.raw" --rate 48000 --channels 4 --skip "$skip" \
+        --windows 12 "${limit[@]}" --expect cast-speaker=0 --capture capture speaker=living:monitor_FL \
+        cast=tv:monitor_FL capture=vellatone:monitor_FL \
         2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
 else
     "$BIN/vellatone-syncmeter" --seconds "$DURATION" --windows 12 "${limit[@]}" --expect cast-speaker=0 \
-        speaker=living.monitor cast=tv.monitor 2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
+        --capture capture speaker=living.monitor cast=tv.monitor capture=vellatone.monitor 2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
 fi
 kill "$noise_pid" 2>/dev/null || true
 echo "cast lock: $lock s"
