@@ -22,7 +22,7 @@
 #           the row falls back with no failure shown; and the title a real
 #           player (mpv on a private session bus) plays reaches the TV
 #   DURATION=30                            seconds recorded after the lock
-#   LIMIT_MS=5                             exit 1 above this error
+#   LIMIT_MS=5                             exit 1 above this alignment error
 #   BIN=build/bin                          where the binaries are
 #
 # Prints "cast lock: N s" (wav: from the TV's first played sound to the
@@ -153,8 +153,9 @@ sync) [[ $words == *", clock-synced" ]] || fail "not clock-synced: $words" ;;
 wav) [[ $words == *", auto-synced" ]] || fail "not on the WAV stream: $words" ;;
 esac
 
-limit=()
-[[ -n $LIMIT_MS ]] && limit=(--limit-ms "$LIMIT_MS")
+# LIMIT_MS bounds the TV's alignment only: the speaker's gaps under load are
+# the engine's, which scripts/measure-sync.sh holds to account; they are
+# printed here, not judged.
 status=0
 if [[ -n $single_cycle ]]; then
     skip=$(awk -v now="$(date +%s.%N)" -v then="$recording_started" 'BEGIN { print now - then }')
@@ -163,18 +164,24 @@ if [[ -n $single_cycle ]]; then
     wait "$record_pid" 2>/dev/null || true
     record_pid=
     "$BIN/vellatone-syncmeter" --raw "$work/monitors.raw" --rate 48000 --channels 4 --skip "$skip" \
-        --windows 12 "${limit[@]}" --expect cast-speaker=0 --capture capture speaker=living:monitor_FL \
+        --windows 12 --expect cast-speaker=0 --capture capture speaker=living:monitor_FL \
         cast=tv:monitor_FL capture=vellatone:monitor_FL \
         2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
 else
-    "$BIN/vellatone-syncmeter" --seconds "$DURATION" --windows 12 "${limit[@]}" --expect cast-speaker=0 \
+    "$BIN/vellatone-syncmeter" --seconds "$DURATION" --windows 12 --expect cast-speaker=0 \
         --capture capture speaker=living.monitor cast=tv.monitor capture=vellatone.monitor 2>"$work/syncmeter.err" >"$work/syncmeter.out" || status=$?
 fi
 kill "$noise_pid" 2>/dev/null || true
 echo "cast lock: $lock s"
 grep -E '^(alignment|dropouts|silence)' "$work/syncmeter.out" || cat "$work/syncmeter.err"
 [[ -n ${VERBOSE:-} ]] && cat "$work/syncmeter.err"
-if [[ $status -ne 0 ]]; then fail "alignment outside ${LIMIT_MS:-?} ms"; fi
+[[ $status -eq 0 ]] || fail "no alignment measured"
+if [[ -n $LIMIT_MS ]]; then
+    worst=$(sed -n 's/^alignment cast-speaker: .*max error \(-\{0,1\}[0-9.]*\) ms$/\1/p' "$work/syncmeter.out")
+    [[ -n $worst ]] || fail "no alignment measured"
+    awk -v e="$worst" -v l="$LIMIT_MS" 'BEGIN { exit !(e <= l && -e <= l) }' ||
+        fail "alignment outside $LIMIT_MS ms"
+fi
 # After the measurement, so that it does not move the figures: a track
 # change reaches the TV as a QUEUE_UPDATE of the loaded stream.
 if [[ -n $media_player_bus_pid ]]; then
