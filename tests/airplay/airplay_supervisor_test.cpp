@@ -185,21 +185,34 @@ TEST_F(SupervisorTest, FailuresAreRetriedAtOneAndAHalfThreeSixAndEightSecondsThe
 }
 
 TEST_F(SupervisorTest, AReceiverWaitingForApprovalIsAskedThreeTimesThenLeftSayingWhy) {
-    rows_ = {{0, "Office"}};
-    sup_->setReceivers({receiver("Office", true, "Mac14,2")});
+    rows_ = {{0, "Office"}, {1, "Den"}};
+    sup_->setReceivers({receiver("Office", true, "Mac14,2"), receiver("Den", true)});
+    // On an Apple model a stalled clock is a stream nobody accepted: it
+    // counts among the approval tries.
+    ScriptedSender* office = made_[0];
     for (int i = 0; i < 3; ++i) {
-        last()->say(Kind::needsApproval);
-        queue_.advance(3.01);
+        const size_t before = count();
+        office->say(i == 0 ? Kind::clockStalled : Kind::needsApproval);
+        queue_.advance(2.99);
+        EXPECT_EQ(count(), before);
+        queue_.advance(0.02);
+        ASSERT_EQ(count(), before + 1);
+        office = last();
     }
-    EXPECT_EQ(count(), 4u);
-    last()->say(Kind::needsApproval);
+    EXPECT_EQ(count(), 5u);
+    office->say(Kind::needsApproval);
     queue_.advance(60);
-    EXPECT_EQ(count(), 4u);
+    EXPECT_EQ(count(), 5u);
     EXPECT_TRUE(sup_->isExhausted(0));
-    EXPECT_TRUE(stops_[3]);
+    EXPECT_TRUE(stops_[4]);
     EXPECT_FALSE(sup_->hasSender(0));
     EXPECT_EQ(airplaySubtitle(false, sup_->status(0), 0, false),
               "AirPlay · waiting for that Mac to allow it");
+    // Elsewhere a stalled clock is an ordinary failure, retried at 1.5 s.
+    made_[1]->say(Kind::clockStalled);
+    queue_.advance(1.51);
+    ASSERT_EQ(count(), 6u);
+    EXPECT_EQ(configs_.back().receiver.id, "Den");
     // With try again it keeps asking, every 6 s after the third.
     sup_->reconnect(0);
     for (int i = 0; i < 3; ++i) {
