@@ -1,17 +1,23 @@
 // A receiver's RTSP (or an accessory's HTTP) answers, cut into reads of varying size, and the
 // header values the tool reads out of them: the SETUP Transport ports, the Digest challenge, and
-// DMAP items.
+// DMAP items; and the same bytes as requests a receiver makes on the event connection, whose
+// answers are one per request.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "airplay_tool/digest_auth.h"
 #include "airplay_tool/dmap.h"
+#include "airplay_tool/event_requests.h"
 #include "airplay_tool/rtsp_message.h"
 #include "airplay_tool/transport_header.h"
 
 using namespace vt::airplay_tool;
+
+// "RTSP/1.0 200 OK", a CSeq of at most nine digits and a zero length.
+constexpr size_t kMaxEventAnswerBytes = 64;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
@@ -49,6 +55,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (total != r.body.size()) std::abort();
         }
     }
+    EventRequestReader events;
+    std::string answers;
+    for (size_t at = 0; at < input.size(); at += step)
+        if (!events.append(input.substr(at, step), answers)) break;
+    if (answers.size() > events.answered() * kMaxEventAnswerBytes) std::abort();
     (void)parseTransportHeader(input);
     (void)parseDigestChallenge(input);
     return 0;

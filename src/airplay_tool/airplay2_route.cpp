@@ -403,6 +403,7 @@ Outcome AirPlay2Route::flush(bool pause) {
 }
 
 Outcome AirPlay2Route::poll() {
+    if (events_ && !answerEvents()) events_.reset();
     if (!streamer_) return Outcome::running;
     if (std::chrono::steady_clock::now() - lastFeedback_ >= kFeedbackInterval) {
         lastFeedback_ = std::chrono::steady_clock::now();
@@ -418,8 +419,6 @@ Outcome AirPlay2Route::poll() {
         status_.error(error_code::disconnected, 0, "the receiver closed the connection");
         return Outcome::failed;
     }
-    // The receiver's events mean nothing to us yet; read so it never blocks.
-    if (events_ && !events_->drainUnsolicited()) events_.reset();
     if (auto failure = streamer_->failure()) {
         status_.error(error_code::disconnected, 0, *failure);
         return Outcome::failed;
@@ -429,6 +428,19 @@ Outcome AirPlay2Route::poll() {
 
 int AirPlay2Route::watchFd() const {
     return rtsp_ ? rtsp_->fd() : -1;
+}
+
+int AirPlay2Route::eventFd() const {
+    return events_ ? events_->fd() : -1;
+}
+
+bool AirPlay2Route::answerEvents() {
+    std::string plain;
+    if (!events_->drainUnsolicited(plain)) return false;
+    std::string answers;
+    // Bytes that are not requests are left unanswered; the session goes on.
+    if (plain.empty() || !eventRequests_.append(plain, answers) || answers.empty()) return true;
+    return events_->sendUnasked(answers);
 }
 
 void AirPlay2Route::close() {

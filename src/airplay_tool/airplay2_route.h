@@ -11,6 +11,7 @@
 #include <chrono>
 #include <memory>
 
+#include "airplay_tool/event_requests.h"
 #include "airplay_tool/pairing_exchange.h"
 #include "airplay_tool/ptp/session_clock.h"
 #include "airplay_tool/receiver_info.h"
@@ -32,6 +33,7 @@ class AirPlay2Route : public Route {
     Outcome handle(const Command& command) override;
     Outcome poll() override;
     int watchFd() const override;
+    int eventFd() const override;
     void close() override;
 
   private:
@@ -46,11 +48,15 @@ class AirPlay2Route : public Route {
     bool setVolume(int volume);
     void sendMetadata(const Command& command);
     Outcome flush(bool pause);
+    // Answers what the receiver asked on the event connection; false once
+    // that connection is closed.
+    bool answerEvents();
 
     ToolOptions options_;
     StatusWriter& status_;
     std::unique_ptr<RtspClient> rtsp_;
     std::unique_ptr<RtspClient> events_;
+    EventRequestReader eventRequests_;
     std::optional<ReceiverInfo> info_;
     hap::Bytes secret_;
     hap::Bytes audioKey_;

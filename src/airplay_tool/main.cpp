@@ -107,9 +107,11 @@ int main(int argc, char** argv) {
     CommandParser parser;
     std::vector<char> buffer(kCommandReadBytes);
     for (;;) {
-        pollfd fds[3] = {
-            {commands, POLLIN, 0}, {route->watchFd(), POLLIN, 0}, {signals, POLLIN, 0}};
-        if (::poll(fds, 3, kPollIntervalMs) < 0 && errno != EINTR) break;
+        pollfd fds[4] = {{commands, POLLIN, 0},
+                         {route->watchFd(), POLLIN, 0},
+                         {signals, POLLIN, 0},
+                         {route->eventFd(), POLLIN, 0}};
+        if (::poll(fds, 4, kPollIntervalMs) < 0 && errno != EINTR) break;
         if (fds[2].revents & POLLIN) {
             route->close();
             return kExitStopped;

@@ -26,6 +26,8 @@ class Route {
     virtual Outcome poll() = 0;
     // The connection to watch for the receiver going away, or -1.
     virtual int watchFd() const = 0;
+    // A second connection on which the receiver may speak first, or -1.
+    virtual int eventFd() const { return -1; }
     // Ends the session politely (on STOP or a signal); prints `stopped`.
     virtual void close() = 0;
 };

@@ -128,22 +128,10 @@ RtspResult RtspClient::exchange(const RtspRequest& base, int timeoutMs) {
               digestAuthorization(kDigestUser, password_, *challenge_, r.method, r.uri));
         result.triedPassword = true;
     }
-    std::string wire = r.serialize();
-    if (sealer_) {
-        std::string sealed;
-        sealer_->seal(wire, sealed);
-        wire.swap(sealed);
-    }
     lastRequest_ = std::chrono::steady_clock::now();
-    size_t sent = 0;
-    while (sent < wire.size()) {
-        ssize_t n = send(fd_, wire.data() + sent, wire.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            result.error = std::string("connection lost: ") + std::strerror(errno);
-            return result;
-        }
-        sent += static_cast<size_t>(n);
+    if (auto error = sendAll(r.serialize())) {
+        result.error = std::move(*error);
+        return result;
     }
     RtspResponseReader reader(version_);
     std::string carried;
@@ -196,15 +184,39 @@ bool RtspClient::received(std::string_view raw, std::string& plain) {
     return opener_->append(raw, plain) == hap::FrameOpener::State::ok;
 }
 
+std::optional<std::string> RtspClient::sendAll(std::string_view text) {
+    std::string wire(text);
+    if (sealer_) {
+        std::string sealed;
+        sealer_->seal(wire, sealed);
+        wire.swap(sealed);
+    }
+    size_t sent = 0;
+    while (sent < wire.size()) {
+        ssize_t n = send(fd_, wire.data() + sent, wire.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return std::string("connection lost: ") + std::strerror(errno);
+        sent += static_cast<size_t>(n);
+    }
+    return std::nullopt;
+}
+
 bool RtspClient::drainUnsolicited() {
+    // An encrypted channel must still count the frames of what it ignores.
+    std::string ignored;
+    return drainUnsolicited(ignored);
+}
+
+bool RtspClient::drainUnsolicited(std::string& plain) {
     char buf[kReadChunk];
     ssize_t n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
     if (n == 0) return false;
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-    // Nothing a receiver sends unasked means anything to a sender, but an
-    // encrypted channel must still count its frames.
-    std::string ignored;
-    return received(std::string_view(buf, static_cast<size_t>(n)), ignored);
+    return received(std::string_view(buf, static_cast<size_t>(n)), plain);
+}
+
+bool RtspClient::sendUnasked(std::string_view text) {
+    return !sendAll(text);
 }
 
 }  // namespace vt::airplay_tool

@@ -47,10 +47,17 @@ class RtspClient {
     const std::string& peerIP() const { return peerIP_; }
     // Reads what the receiver sent unasked; false when it closed the connection.
     bool drainUnsolicited();
+    // The same, keeping the plain bytes that arrived in `plain`.
+    bool drainUnsolicited(std::string& plain);
+    // Sends bytes that answer no request of ours (our answers to a receiver's
+    // requests), sealed when the channel is encrypted; false when it is lost.
+    bool sendUnasked(std::string_view text);
 
   private:
     explicit RtspClient(int fd);
     RtspResult exchange(const RtspRequest& request, int timeoutMs);
+    // Writes `text`, sealed when the channel is encrypted; the error when it cannot.
+    std::optional<std::string> sendAll(std::string_view text);
     // The plain bytes of what arrived; false when the channel is broken.
     bool received(std::string_view raw, std::string& plain);
 

@@ -164,6 +164,7 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     EXPECT_DOUBLE_EQ(receiver.volumeDb().value_or(0), -15.0);
     EXPECT_NE(receiver.trackText().find("Kitchen Song"), std::string::npos);
     EXPECT_TRUE(receiver.tornDown());
+    EXPECT_TRUE(receiver.eventAnswered());
     EXPECT_EQ(receiver.resentPackets(), 1);
     EXPECT_GE(receiver.syncPackets(), 2);
     EXPECT_LT(receiver.syncDeviationNs(), 1'000);

@@ -1,9 +1,10 @@
 // The RTSP side as a receiver answers it: responses read whole or in pieces,
 // bounded against broken or hostile peers; the SETUP Transport answer; the
-// Digest password.
+// Digest password; the receiver's own requests on the event connection.
 #include <gtest/gtest.h>
 
 #include "airplay_tool/digest_auth.h"
+#include "airplay_tool/event_requests.h"
 #include "airplay_tool/rtsp_message.h"
 #include "airplay_tool/transport_header.h"
 
@@ -105,6 +106,38 @@ TEST(RtspRequest, SerializesWithLengthOnlyWhenThereIsABody) {
               "volume: -10.0\r\n");
     RtspRequest empty{"TEARDOWN", "rtsp://10.0.0.2/77", {}, ""};
     EXPECT_EQ(empty.serialize(), "TEARDOWN rtsp://10.0.0.2/77 RTSP/1.0\r\n\r\n");
+}
+
+TEST(EventRequests, EachRequestInAnyPiecesIsAnsweredWithItsCSeq) {
+    const std::string body = "bplist00 of commands";
+    const std::string wire =
+        "POST /command RTSP/1.0\r\nCSeq: 7\r\nContent-Type: "
+        "application/x-apple-binary-plist\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n" + body +
+        "GET_PARAMETER * RTSP/1.0\r\ncseq:8\r\n\r\n";
+    for (size_t step : {size_t{1}, size_t{13}, wire.size()}) {
+        EventRequestReader reader;
+        std::string answers;
+        for (size_t at = 0; at < wire.size(); at += step)
+            ASSERT_TRUE(reader.append(std::string_view(wire).substr(at, step), answers));
+        EXPECT_EQ(answers,
+                  "RTSP/1.0 200 OK\r\nCSeq: 7\r\nContent-Length: 0\r\n\r\n"
+                  "RTSP/1.0 200 OK\r\nCSeq: 8\r\nContent-Length: 0\r\n\r\n")
+            << "step " << step;
+    }
+    // What is not a request, or would not fit, is never answered nor kept.
+    for (const std::string& bad :
+         {std::string("RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n"),
+          std::string("POST /command RTSP/1.0\r\nCSeq: 1x\r\n\r\n"),
+          "POST /command RTSP/1.0\r\nContent-Length: " + std::to_string(kMaxRtspBodyBytes + 1) +
+              "\r\n\r\n",
+          "POST /command RTSP/1.0\r\nX: " + std::string(kMaxRtspHeadBytes, 'a')}) {
+        EventRequestReader reader;
+        std::string answers;
+        EXPECT_FALSE(reader.append(bad, answers)) << bad.substr(0, 40);
+        EXPECT_FALSE(reader.append("GET_PARAMETER * RTSP/1.0\r\n\r\n", answers));
+        EXPECT_EQ(answers, "");
+    }
 }
 
 TEST(TransportHeader, FindsThePortsByKeyInAnyOrder) {

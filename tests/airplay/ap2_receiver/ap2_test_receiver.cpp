@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "event_channel.h"
 #include "media_packets.h"
 #include "receiver_state.h"
 #include "session_requests.h"
@@ -177,25 +178,36 @@ void Ap2TestReceiver::serveConnection(int fd) {
 
 void Ap2TestReceiver::serveMedia() {
     ReceiverState& s = *state_;
-    pollfd fds[4] = {{s.dataFd, POLLIN, 0},
+    pollfd fds[5] = {{s.dataFd, POLLIN, 0},
                      {s.controlFd, POLLIN, 0},
                      {s.eventFd, POLLIN, 0},
-                     {stopFd_, POLLIN, 0}};
+                     {stopFd_, POLLIN, 0},
+                     {-1, POLLIN, 0}};
     uint16_t ptpSequence = 0;
+    int eventDone = -1;  // the event connection that closed or broke
     uint8_t buf[2048];
     auto nextClockRequest = std::chrono::steady_clock::now();
     for (;;) {
-        const int ready = poll(fds, 4, kClockRequestIntervalMs);
+        const int ready = poll(fds, 5, kClockRequestIntervalMs);
         if (ready < 0 || fds[3].revents) return;
         std::lock_guard lock(mutex_);
         if (fds[2].revents & POLLIN) {
             const int fd = accept4(s.eventFd, nullptr, nullptr, SOCK_CLOEXEC);
             if (s.eventConnection >= 0) s.violations.push_back("a second event connection");
-            if (s.eventConnection < 0)
+            if (s.eventConnection < 0) {
                 s.eventConnection = fd;
-            else
+                openEventChannel(s, fd);
+            } else {
                 close(fd);
+            }
         }
+        // The connection this loop watches may have been closed by a new session.
+        if (fds[4].fd >= 0 && fds[4].fd == s.eventConnection && (fds[4].revents & POLLIN)) {
+            const ssize_t n = recv(s.eventConnection, buf, sizeof buf, 0);
+            if (n <= 0 || !eventChannelBytes(s, {buf, static_cast<size_t>(n)}))
+                eventDone = s.eventConnection;
+        }
+        fds[4].fd = s.eventConnection != eventDone ? s.eventConnection : -1;
         if (fds[0].revents & POLLIN) {
             const ssize_t n = recv(s.dataFd, buf, sizeof buf, 0);
             if (n > 0) audioPacket(s, {buf, static_cast<size_t>(n)}, false);
@@ -221,6 +233,11 @@ std::vector<std::string> Ap2TestReceiver::violations() const {
     if (state_->sessionSetUp && state_->eventConnection < 0)
         all.push_back("the sender never opened the event connection");
     return all;
+}
+
+bool Ap2TestReceiver::eventAnswered() const {
+    std::lock_guard lock(mutex_);
+    return airplay_test::eventAnswered(*state_);
 }
 
 std::vector<std::string> Ap2TestReceiver::requests() const {

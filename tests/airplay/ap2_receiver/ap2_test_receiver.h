@@ -5,7 +5,8 @@
 // their order, takes the ChaCha20-Poly1305 sealed RTP audio of a realtime
 // ALAC stream, decodes it, and places every frame in time by the sync
 // packets against the PTP clock. It asks for one packet again (it "loses"
-// the twentieth) so the sender's backlog is exercised.
+// the twentieth) so the sender's backlog is exercised, and it asks the
+// sender a question on the event connection, as receivers do.
 //
 // PTP: it speaks to the sender's clock (Delay_Req to port 319) so that the
 // sender sees a receiver on the clock, but it reads no PTP time itself: on
@@ -68,6 +69,8 @@ class Ap2TestReceiver {
     int resentPackets() const;
     int syncPackets() const;
     bool tornDown() const;
+    // The sender answered our request on the event connection.
+    bool eventAnswered() const;
     // The largest distance, in nanoseconds, of a sync packet's time from the
     // line the first one drew.
     int64_t syncDeviationNs() const;

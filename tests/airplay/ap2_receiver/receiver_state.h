@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "airplay_tool/hap/channel_cipher.h"
 #include "airplay_tool/hap/hap_crypto.h"
 #include "srp_server.h"
 
@@ -60,6 +61,9 @@ struct ReceiverState {
     // Media
     int dataFd = -1, controlFd = -1, eventFd = -1, eventConnection = -1, ptpFd = -1;
     int dataPort = 0, controlPort = 0, eventPort = 0;
+    std::optional<hap::FrameSealer> eventSealer;
+    std::optional<hap::FrameOpener> eventOpener;
+    std::string eventAnswers;  // what the sender said on the event connection, decrypted
     size_t audioPackets = 0;
     std::optional<uint16_t> lostSeq;
     std::optional<uint16_t> newestSeq;
