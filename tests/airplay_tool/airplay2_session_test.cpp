@@ -3,8 +3,9 @@
 // UDP 319 and 320): pairing, the session's requests in their order, a known
 // signal sealed, sent, asked for again once, decoded and placed in time by
 // the sync packets, a stall of the input that moves the time line forward,
-// the track, and the teardown; a session keyed by pair-verify with kept
-// credentials; and one that keeps time by NTP, as it does without PTP.
+// the track, the teardown, and the event connection's question answered; a
+// session keyed by pair-verify with kept credentials, paused and played on;
+// and one that keeps time by NTP, as it does without PTP.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -183,7 +184,7 @@ TEST(AirPlay2Session, PlaysAKnownSignalInTimeThroughAStall) {
     EXPECT_TRUE(std::equal(after.begin(), after.end(), at + before.size() + shifted * 2));
 }
 
-TEST(AirPlay2Session, AKeptPairingIsVerifiedAndKeysTheSession) {
+TEST(AirPlay2Session, AKeptPairingIsVerifiedAndKeysTheSessionThroughAPause) {
     Ap2TestReceiver receiver;
     const vt::hap::ControllerIdentity controller = vt::hap::newControllerIdentity(kDacpID);
     const vt::hap::PairingCredentials credentials{controller.seed, controller.publicKey,
@@ -195,18 +196,34 @@ TEST(AirPlay2Session, AKeptPairingIsVerifiedAndKeysTheSession) {
     run.command("START_UNIX_MS=" + std::to_string(unixMs() + kStartLeadMs) + "\nACTION=START\n");
     const auto sound = signal(0, kBeforeStallFrames);
     ASSERT_TRUE(tool.write(sound.data(), sound.size() * sizeof(int16_t)));
+    ASSERT_TRUE(waitForFrames(receiver, kBeforeStallFrames));
+    // A pause flushes the receiver from the next packet on; what comes after
+    // PLAY is new audio, timed from that point or later.
+    run.command("ACTION=PAUSE\n");
+    ASSERT_TRUE(tool.waitForLine("[STATUS] paused", 2s)) << tool.transcript();
+    run.command("ACTION=PLAY\n");
+    ASSERT_TRUE(tool.waitForLine("[STATUS] playing", 2s)) << tool.transcript();
+    const auto more = signal(kBeforeStallFrames, kBeforeStallFrames);
+    ASSERT_TRUE(tool.write(more.data(), more.size() * sizeof(int16_t)));
     tool.closeStdin();
     ASSERT_TRUE(tool.waitForLine("[STATUS] eof", 5s)) << tool.transcript();
     run.command("ACTION=STOP\n");
     EXPECT_EQ(tool.wait(5s), 0) << tool.transcript();
 
-    EXPECT_TRUE(waitForFrames(receiver, kBeforeStallFrames));
     EXPECT_EQ(receiver.violations(), std::vector<std::string>{});
     ASSERT_GE(receiver.requests().size(), 3u);
     EXPECT_EQ(receiver.requests()[1], "POST /pair-verify");
+    const auto flushedFrom = receiver.flushedFromRtp();
     const auto played = receiver.played();
-    ASSERT_TRUE(played);
-    EXPECT_EQ(played->samples, sound);
+    ASSERT_TRUE(played && flushedFrom);
+    ASSERT_GE(played->samples.size(), sound.size() + more.size());
+    const auto resumed = played->samples.end() - static_cast<std::ptrdiff_t>(more.size());
+    EXPECT_TRUE(std::equal(sound.begin(), sound.end(), played->samples.begin()));
+    EXPECT_TRUE(std::all_of(played->samples.begin() + static_cast<std::ptrdiff_t>(sound.size()),
+                            resumed, [](int16_t v) { return v == 0; }));
+    EXPECT_TRUE(std::equal(more.begin(), more.end(), resumed));
+    const auto resumedFrame = (resumed - played->samples.begin()) / 2;
+    EXPECT_GE(resumedFrame, static_cast<int32_t>(*flushedFrom - played->firstRtp));
 }
 
 TEST(AirPlay2Session, WithoutPtpTheSessionKeepsTimeByNtp) {

@@ -98,6 +98,7 @@ void Ap2TestReceiver::serveControl() {
             s.firstRtp.reset();
             s.packets.clear();
             s.anchor.reset();
+            s.flushFrom.reset();
             s.syncs = 0;
             if (s.eventConnection >= 0) close(s.eventConnection);
             s.eventConnection = -1;
@@ -233,6 +234,12 @@ std::vector<std::string> Ap2TestReceiver::violations() const {
     if (state_->sessionSetUp && state_->eventConnection < 0)
         all.push_back("the sender never opened the event connection");
     return all;
+}
+
+std::optional<uint32_t> Ap2TestReceiver::flushedFromRtp() const {
+    std::lock_guard lock(mutex_);
+    if (!state_->flushFrom) return std::nullopt;
+    return state_->flushFrom->second;
 }
 
 bool Ap2TestReceiver::eventAnswered() const {

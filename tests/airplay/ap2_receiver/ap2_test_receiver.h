@@ -69,6 +69,8 @@ class Ap2TestReceiver {
     int resentPackets() const;
     int syncPackets() const;
     bool tornDown() const;
+    // The last FLUSH's RTP time, from which audio is new.
+    std::optional<uint32_t> flushedFromRtp() const;
     // The sender answered our request on the event connection.
     bool eventAnswered() const;
     // The largest distance, in nanoseconds, of a sync packet's time from the

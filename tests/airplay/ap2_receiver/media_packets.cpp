@@ -74,6 +74,12 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
                           static_cast<uint16_t>(std::min<int>(ahead - 1, kMaxResendCount)));
         if (ahead > 0) s.newestSeq = seq;
     }
+    if (s.flushFrom && !resent) {
+        // Sent before the FLUSH and come after it: dropped, as receivers do.
+        if (static_cast<int16_t>(seq - s.flushFrom->first) < 0) return;
+        if (static_cast<int32_t>(rtp - s.flushFrom->second) < 0)
+            s.violations.push_back("audio after a FLUSH timed before its point");
+    }
     if (!resent && ++s.audioPackets == kLostPacketIndex) {
         // Lost on the way: asked for again at once, before the next shows the gap.
         s.lostSeq = seq;

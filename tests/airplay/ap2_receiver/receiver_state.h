@@ -72,6 +72,9 @@ struct ReceiverState {
     std::optional<uint32_t> firstRtp;
     std::map<uint32_t, std::vector<int16_t>> packets;  // by offset from firstRtp
     std::optional<std::pair<uint32_t, int64_t>> anchor;
+    // The last FLUSH's RTP-Info: the sequence number and RTP time from which
+    // audio is new; what was sent before it is not played.
+    std::optional<std::pair<uint16_t, uint32_t>> flushFrom;
     int syncs = 0;
     int64_t syncDeviationNs = 0;
 };

@@ -3,6 +3,7 @@
 #include <plist/plist.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <set>
 
@@ -66,6 +67,22 @@ Reply info() {
     plist_dict_set_item(dict, "model", plist_new_string("VellatoneTestReceiver1,1"));
     plist_dict_set_item(dict, "name", plist_new_string("Test receiver"));
     return plistReply(dict);
+}
+
+// As receivers do: nothing held from the point the RTP-Info names is played.
+Reply flush(ReceiverState& s, const Request& r) {
+    unsigned seq = 0, rtptime = 0;
+    if (std::sscanf(r.header("rtp-info").c_str(), "seq=%u;rtptime=%u", &seq, &rtptime) != 2 ||
+        seq > 0xffff) {
+        s.violations.push_back("a FLUSH without seq and rtptime in its RTP-Info");
+        return {400};
+    }
+    s.flushFrom = {static_cast<uint16_t>(seq), static_cast<uint32_t>(rtptime)};
+    if (s.firstRtp)
+        std::erase_if(s.packets, [&](const auto& packet) {
+            return static_cast<int32_t>(*s.firstRtp + packet.first - rtptime) >= 0;
+        });
+    return {};
 }
 
 Reply pairSetup(ReceiverState& s, const Request& r, std::optional<hap::ChannelKeys>& keys) {
@@ -309,7 +326,7 @@ Reply handleRequest(ReceiverState& s, const Request& r, bool encrypted,
         return setPeers(s, r);
     }
     if (r.method == "SET_PARAMETER") return setParameter(s, r);
-    if (r.method == "FLUSH") return {};
+    if (r.method == "FLUSH") return flush(s, r);
     if (r.method == "TEARDOWN") {
         s.tornDown = true;
         return {};
