@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "devices/sound_server.h"
+
 namespace vt::devices {
 
 ServerConnection::ServerConnection(platform::AudioBackend& backend, dispatch::MainQueue& main)
@@ -21,19 +23,27 @@ void ServerConnection::start() {
 void ServerConnection::stop() {
     hop_.reset();
     retryTimer_.reset();
+    defaultHop_.reset();
+    sessionManagerTimer_.reset();
 }
 
 void ServerConnection::check() {
     if (!hop_) return;
+    const bool waiting = defaultHop_ != nullptr;
     if (backend_.connected()) {
-        if (!lostAt_) return;
         // Back by way of someone else's reconnect (or the event raced ours).
-        lostAt_.reset();
-        retryTimer_.reset();
-        if (onBack) onBack();
+        if (lostAt_ && !waiting) answered();
         return;
     }
-    if (!lostAt_) lose();
+    if (!lostAt_) {
+        lose();
+    } else if (waiting) {
+        // Gone again before its session manager was ready: try afresh.
+        defaultHop_.reset();
+        sessionManagerTimer_.reset();
+        retry_ = firstRetrySeconds;
+        scheduleAttempt();
+    }
 }
 
 void ServerConnection::lose() {
@@ -52,13 +62,44 @@ void ServerConnection::attempt() {
     if (!hop_ || !lostAt_) return;
     ++attempts_;
     if (backend_.reconnect()) {
-        lostAt_.reset();
-        retryTimer_.reset();
-        if (onBack) onBack();
+        answered();
         return;
     }
     retry_ = std::min(retry_ * 2, longestRetrySeconds);
     scheduleAttempt();
+}
+
+void ServerConnection::answered() {
+    retryTimer_.reset();
+    if (sessionManagerPending()) {
+        awaitSessionManager();
+    } else {
+        announceBack();
+    }
+}
+
+void ServerConnection::awaitSessionManager() {
+    defaultHop_ = std::make_unique<ChangeHop>(
+        backend_, main_,
+        [this] {
+            if (defaultHop_ && backend_.connected() && !sessionManagerPending()) announceBack();
+        },
+        platform::ChangeKind::server);
+    sessionManagerTimer_ = main_.postAfter(sessionManagerWaitSeconds, [this] {
+        if (defaultHop_ && backend_.connected()) announceBack();
+    });
+}
+
+bool ServerConnection::sessionManagerPending() const {
+    return soundServerKind(backend_.serverName(), false) == SoundServerKind::pipeWire &&
+           !backend_.defaultSinkName();
+}
+
+void ServerConnection::announceBack() {
+    defaultHop_.reset();
+    sessionManagerTimer_.reset();
+    lostAt_.reset();
+    if (onBack) onBack();
 }
 
 }  // namespace vt::devices

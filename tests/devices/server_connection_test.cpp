@@ -66,6 +66,40 @@ TEST_F(ServerConnectionTest, AServerBackIsFoundWithinHalfASecondAndToldOnce) {
     EXPECT_EQ(lost, 2);
 }
 
+// pipewire-pulse answers before WirePlumber has chosen a default sink; what
+// the owner makes then may never be linked.
+TEST_F(ServerConnectionTest, OnPipeWireTheReturnWaitsForADefaultSinkButNotForever) {
+    fake.setServerName("PulseAudio (on PipeWire 0.3.65)");
+    fake.addSink("living", "Living");
+    fake.serverDies();
+    main.drain();
+    fake.serverReturns();
+    ASSERT_TRUE(main.advanceUntil([&] { return fake.reconnectAttempts() > 0; }, 1.0));
+    main.advance(1.0);
+    EXPECT_EQ(back, 0) << "back before the session manager chose a default";
+    EXPECT_FALSE(connection.connected());
+    fake.setDefaultSinkByUser("living");
+    main.drain();
+    EXPECT_EQ(back, 1);
+    EXPECT_TRUE(connection.connected());
+
+    // Lost again while waiting: the tries start over, and a server that never
+    // announces a default (no sinks at all) is back after the bounded wait.
+    fake.serverDies();
+    fake.serverReturns();
+    ASSERT_TRUE(main.advanceUntil([&] { return fake.reconnectAttempts() > 1; }, 1.0));
+    fake.serverDies();
+    main.drain();
+    EXPECT_EQ(lost, 2) << "still the same loss";
+    fake.serverReturns();
+    ASSERT_TRUE(main.advanceUntil([&] { return fake.reconnectAttempts() > 2; }, 1.0));
+    const double answered = main.now();
+    ASSERT_TRUE(main.advanceUntil([&] { return back == 2; }, 5.0));
+    EXPECT_NEAR(main.now() - answered, ServerConnection::sessionManagerWaitSeconds, 1e-6);
+    main.advance(5.0);
+    EXPECT_EQ(back, 2);
+}
+
 TEST_F(ServerConnectionTest, NoServerAtTheStartIsALossToo) {
     platform::FakeAudioBackend none;
     none.setConnected(false);

@@ -21,6 +21,8 @@ namespace {
 // grants up to 20).
 constexpr int kStreamThreadPriority = 5;
 
+constexpr const char* kNoDefaultSinkYet = "@DEFAULT_SINK@";
+
 }  // namespace
 
 // The libpulse callbacks, with access to the mirror. All run on the control
@@ -93,8 +95,11 @@ struct PulseBackend::Callbacks {
         auto* me = static_cast<PulseBackend*>(self);
         {
             std::lock_guard lock(me->mirrorMutex_);
-            if (info->default_sink_name && *info->default_sink_name)
-                me->defaultSink_ = info->default_sink_name;
+            // pipewire-pulse names the placeholder until WirePlumber has
+            // chosen a default.
+            const std::string name = info->default_sink_name ? info->default_sink_name : "";
+            if (!name.empty() && name != kNoDefaultSinkYet)
+                me->defaultSink_ = name;
             else
                 me->defaultSink_.reset();
             if (info->server_name && *info->server_name) me->serverName_ = info->server_name;
