@@ -1,7 +1,6 @@
 #include "guard/output_restorer.h"
 
 #include <chrono>
-#include <cmath>
 #include <thread>
 
 #include "engine/engine_error.h"
@@ -14,8 +13,6 @@ using platform::SinkInfo;
 using Engine = engine::MultiOutputEngine;
 
 namespace {
-
-constexpr double kVolumeSameWithin = 0.01;
 
 std::optional<SinkInfo> byName(const std::vector<SinkInfo>& sinks,
                                const std::optional<std::string>& name) {
@@ -67,7 +64,6 @@ void OutputRestorer::switchToCaptureSink() {
 void OutputRestorer::prepareCaptureSink() {
     const bool made = !findCaptureSink(backend_.sinks());
     const SinkInfo capture = ensureCaptureSink();
-    heldCaptureVolume_.reset();
     const std::vector<SinkInfo> sinks = backend_.sinks();
 
     // Taken again after the server came back: what is owed is still the sink
@@ -92,13 +88,10 @@ void OutputRestorer::prepareCaptureSink() {
         settings_.setPendingRestoreUID(saved->name);
         settings_.setLastOutputUID(saved->name);
         copyVolume(backend_, *saved, capture);
-        if (made && saved->hasVolume && capture.hasVolume) {
-            heldCaptureVolume_ = HeldVolume{saved->volumeScalar, std::nullopt};
-            // Ticks note the system volume only once the hold is over; a
-            // server that dies before then must still find it. (After a
-            // restart it is the one noted before, below.)
-            if (!owedName) systemVolume_ = saved->volumeScalar;
-        }
+        // A server that dies before the first tick must still find it.
+        // (After a restart it is the one noted before, below.)
+        if (made && saved->hasVolume && capture.hasVolume && !owedName)
+            systemVolume_ = saved->volumeScalar;
     }
 
     // The owed sink may not be back yet (a restarted server makes its sinks
@@ -108,10 +101,8 @@ void OutputRestorer::prepareCaptureSink() {
         settings_.setPendingRestoreUID(owedName);
     }
     // Taken again after a restart: the system volume carries on as it was.
-    if (made && owedName && systemVolume_ && capture.hasVolume) {
+    if (made && owedName && systemVolume_ && capture.hasVolume)
         backend_.setSinkVolume(capture.id, *systemVolume_);
-        heldCaptureVolume_ = HeldVolume{*systemVolume_, std::nullopt, true};
-    }
 }
 
 void OutputRestorer::takeOutput() {
@@ -142,7 +133,6 @@ void OutputRestorer::restore() {
 
     savedDefaultUID_.reset();
     moved_.clear();
-    heldCaptureVolume_.reset();
     systemVolume_.reset();
     if (givenBack) {
         settings_.setPendingRestoreUID(std::nullopt);
@@ -156,22 +146,9 @@ void OutputRestorer::restore() {
     }
 }
 
-void OutputRestorer::holdCaptureVolume(double now) {
-    const std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks());
-    if (capture && !heldCaptureVolume_) systemVolume_ = capture->volumeScalar;
-    if (!heldCaptureVolume_) return;
-    HeldVolume& held = *heldCaptureVolume_;
-    if (!held.since) held.since = now;
-    const double window = held.afterRestart ? kRestartHoldSeconds : kCaptureVolumeHoldSeconds;
-    if (now - *held.since > window) {
-        heldCaptureVolume_.reset();
-        return;
-    }
-    if (!capture) return;
-    // Within a hundredth: the server rounds a volume to its own steps.
-    if (std::fabs(capture->volumeScalar - held.scalar) <= kVolumeSameWithin) return;
-    backend_.setSinkVolume(capture->id, held.scalar);
-    if (!held.afterRestart) heldCaptureVolume_.reset();
+void OutputRestorer::noteSystemVolume() {
+    if (const std::optional<SinkInfo> capture = findCaptureSink(backend_.sinks()))
+        systemVolume_ = capture->volumeScalar;
 }
 
 void OutputRestorer::serverLost() {
@@ -179,7 +156,6 @@ void OutputRestorer::serverLost() {
     // give back is still owed.
     moved_.clear();
     madeModule_.reset();
-    heldCaptureVolume_.reset();
 }
 
 std::optional<std::string> OutputRestorer::handBackIfStranded() {

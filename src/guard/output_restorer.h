@@ -54,24 +54,11 @@ class OutputRestorer {
     // it, keeps what is owed. switchToCaptureSink takes it again when it is back.
     void serverLost();
 
-    // A capture sink just made may have a volume put on it by the server a
-    // moment later: WirePlumber keeps every sink's last volume by name (it
-    // does not honour the opt-out property here) and gives it back when a
-    // sink of that name appears, after the copy switchToCaptureSink made.
-    // Called on every telemetry tick while running: the first change within
-    // `kCaptureVolumeHoldSeconds` of making the sink is put back to the copy,
-    // once; anything after that is the user's. After a restart WirePlumber
-    // starts beside the sound server and may apply its kept volume later and
-    // more than once, so a sink made again then is held longer, against
-    // every change (`kRestartHoldSeconds`). A tick that does not see the sink
-    // yet (the mirror follows the server a moment late) keeps the hold. It
-    // also notes the capture
+    // Called on every telemetry tick while running: notes the capture
     // sink's volume, the system volume, so that a capture sink made again
     // after the server restarted starts at it: the speaker it was copied
-    // from may not be back yet, and the server's kept volume is stale.
-    void holdCaptureVolume(double now);
-    static constexpr double kCaptureVolumeHoldSeconds = 3.0;
-    static constexpr double kRestartHoldSeconds = 10.0;
+    // from may not be back yet.
+    void noteSystemVolume();
 
     // The default sink is the capture sink.
     bool defaultIsCapture();
@@ -93,14 +80,6 @@ class OutputRestorer {
     // The module of a capture sink this object loaded, unloaded once the
     // default sink is safely elsewhere.
     std::optional<uint32_t> madeModule_;
-    // The volume copied onto a capture sink made by switchToCaptureSink, held
-    // until the first tick after kCaptureVolumeHoldSeconds.
-    struct HeldVolume {
-        double scalar = 1;
-        std::optional<double> since;  // the first tick that saw it
-        bool afterRestart = false;    // held for kRestartHoldSeconds, every change
-    };
-    std::optional<HeldVolume> heldCaptureVolume_;
     std::optional<double> systemVolume_;  // the capture sink's, at the last tick
 };
 

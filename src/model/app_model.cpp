@@ -337,7 +337,7 @@ void AppModel::stopTelemetry() {
 void AppModel::tick() {
     if (!isRunning_) return;
     const double now = main_.now();
-    restorer_.holdCaptureVolume(now);
+    restorer_.noteSystemVolume();
     bool lateMoved = false;
     std::vector<settings::DriftSample> drift;
     for (int slot = 0; slot < int(rows_.size()); ++slot) {

@@ -19,7 +19,8 @@
 #   50 % again, and no capture sink is left after the next quit;
 # - a player started after a stop, a quit and a crash-and-relaunch plays on
 #   the user's speaker, and neither server keeps a target for it (or any
-#   other program's stream) on the capture sink.
+#   other program's stream) on the capture sink; WirePlumber keeps nothing of
+#   the capture sink itself.
 set -euo pipefail
 
 BIN=$(realpath "$1")
@@ -288,4 +289,12 @@ else
         grep vellatone | grep -v 'vellatone-stream:' || true)
 fi
 [[ -z $stored ]] || fail "the server keeps a target on the capture sink: $stored"
+# Nor anything of the capture sink itself: WirePlumber would put a volume kept
+# for it back on the next one, over the copy of the speaker's. (It writes its
+# state a second after a change; the sink lived far longer than that.)
+if [[ $server == pipewire ]]; then
+    kept=$(grep 'node.name:vellatone:' "$work/pulse/home/.local/state/wireplumber/restore-stream" \
+        2>/dev/null || true)
+    [[ -z $kept ]] || fail "WirePlumber keeps the capture sink's volume: $kept"
+fi
 echo "PASS"

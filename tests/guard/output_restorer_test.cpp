@@ -27,73 +27,23 @@ TEST_F(OutputRestorerTest, TakingTheOutputMovesOtherProgramsButNeverOurs) {
     EXPECT_NEAR(capture->volumeScalar, 0.6, 1e-9) << "the level carries over";
 }
 
-// WirePlumber puts back the last volume a sink of that name had, a moment
-// after the sink appears and after our copy.
-TEST_F(OutputRestorerTest, AStaleVolumeTheServerPutsOnANewCaptureSinkIsUndoneOnce) {
-    restorer.switchToCaptureSink();
-    restorer.holdCaptureVolume(10.0);
-    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's stored value arrives
-    restorer.holdCaptureVolume(10.1);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.6, 1e-9);
-    backend.setSinkVolumeByUser("vellatone", 0.4);  // the user's volume keys
-    restorer.holdCaptureVolume(10.2);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.4, 1e-9) << "only once";
-
-    // Past the hold, a change is the user's even when it is the first.
-    restorer.restore();
-    restorer.switchToCaptureSink();
-    restorer.holdCaptureVolume(20.0);
-    backend.setSinkVolumeByUser("vellatone", 0.2);
-    restorer.holdCaptureVolume(20.0 + OutputRestorer::kCaptureVolumeHoldSeconds + 0.1);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.2, 1e-9);
-
-    // A capture sink that was there already is the user's as it is.
-    restorer.switchToCaptureSink();
-    backend.setSinkVolumeByUser("vellatone", 0.3);
-    restorer.holdCaptureVolume(30.0);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
-}
-
 // After a restart the capture sink may be made again before the speaker
-// it copied is back, and the server's kept volume for it is stale.
+// it copied is back: it starts at the system volume it had.
 TEST_F(OutputRestorerTest, ACaptureSinkMadeAgainAfterARestartKeepsTheSystemVolume) {
-    restorer.switchToCaptureSink();
-    restorer.holdCaptureVolume(1.0);
-    restorer.holdCaptureVolume(1.0 + OutputRestorer::kCaptureVolumeHoldSeconds + 0.1);
-    backend.setSinkVolumeByUser("vellatone", 0.3);  // the volume keys while playing
-    restorer.holdCaptureVolume(5.0);
-
-    backend.removeSink("vellatone");  // the server died and came back without
-    backend.removeSink("speakers");   // our sink, and the speaker not yet
+    restorer.switchToCaptureSink();   // the speakers' 0.6
+    backend.removeSink("vellatone");  // the server died before the first tick
+    backend.removeSink("speakers");   // and came back without our sink or the speaker
     restorer.serverLost();
     restorer.switchToCaptureSink();
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
-    restorer.holdCaptureVolume(10.0);
-    backend.removeSink("vellatone");  // a tick before the mirror shows it again
-    restorer.holdCaptureVolume(10.1);
-    backend.loadNullSink("vellatone", "Vellatone", 48000, 2, true);
-    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume, late
-    restorer.holdCaptureVolume(14.0);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
-    backend.setSinkVolumeByUser("vellatone", 0.2);  // and once more
-    restorer.holdCaptureVolume(15.0);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
-    backend.setSinkVolumeByUser("vellatone", 0.5);
-    restorer.holdCaptureVolume(10.0 + OutputRestorer::kRestartHoldSeconds + 0.1);
-    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.5, 1e-9) << "the user's, later";
-    EXPECT_EQ(settings->pendingRestoreUID(), "speakers") << "still owed";
-}
-
-TEST_F(OutputRestorerTest, AServerLostWhileTheNewSinkIsStillHeldKeepsTheSystemVolume) {
-    restorer.switchToCaptureSink();  // the speakers' 0.6, held
-    restorer.holdCaptureVolume(1.0);
-    backend.removeSink("vellatone");
-    backend.removeSink("speakers");
-    restorer.serverLost();
-    restorer.switchToCaptureSink();
-    backend.setSinkVolumeByUser("vellatone", 0.2);  // the server's kept volume
-    restorer.holdCaptureVolume(2.0);
     EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.6, 1e-9);
+
+    backend.setSinkVolumeByUser("vellatone", 0.3);  // the volume keys while playing
+    restorer.noteSystemVolume();
+    backend.removeSink("vellatone");
+    restorer.serverLost();
+    restorer.switchToCaptureSink();
+    EXPECT_NEAR(backend.sinkByName("vellatone")->volumeScalar, 0.3, 1e-9);
+    EXPECT_EQ(settings->pendingRestoreUID(), "speakers") << "still owed";
 }
 
 TEST_F(OutputRestorerTest, GivingItBackReturnsEveryStreamWhereItCameFrom) {

@@ -9,11 +9,11 @@ TEST(NullSinkArguments, CarryTheFormatAndAQuotedDescription) {
     EXPECT_EQ(nullSinkArguments("vellatone", "Vellatone", 48000, 2, true),
               "sink_name=vellatone rate=48000 channels=2 format=float32le "
               "sink_properties=\"device.description='Vellatone' vellatone.sink=1 "
-              "state.restore-props=false state.restore-target=false\"");
+              "device.routes=1 state.restore-props=false state.restore-target=false\"");
     EXPECT_EQ(nullSinkArguments("den", "Den Speaker", 44100, 2, false),
               "sink_name=den rate=44100 channels=2 "
               "sink_properties=\"device.description='Den Speaker' vellatone.sink=1 "
-              "state.restore-props=false state.restore-target=false\"");
+              "device.routes=1 state.restore-props=false state.restore-target=false\"");
 }
 
 TEST(NullSinkArguments, NothingCanBreakOutOfTheQuoting) {
@@ -21,7 +21,7 @@ TEST(NullSinkArguments, NothingCanBreakOutOfTheQuoting) {
     EXPECT_EQ(args,
               "sink_name=abcd rate=48000 channels=2 format=float32le "
               "sink_properties=\"device.description='Its x  y' vellatone.sink=1 "
-              "state.restore-props=false state.restore-target=false\"");
+              "device.routes=1 state.restore-props=false state.restore-target=false\"");
 }
 
 TEST(SinkInfoOf, TakesLatencyVolumeAndProperties) {

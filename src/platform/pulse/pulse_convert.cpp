@@ -76,11 +76,14 @@ std::string nullSinkArguments(const std::string& name, const std::string& descri
     args += " channels=" + std::to_string(channels);
     if (float32) args += " format=float32le";
     // Opted out of WirePlumber's restore. WirePlumber 0.4.13 (Debian 12)
-    // compares the property with a boolean and so never sees it: it still
-    // puts back the volume a sink of this name had last, after ours, which
-    // OutputRestorer::holdCaptureVolume undoes.
+    // compares the state.* properties with a boolean and so never sees them,
+    // and would put back the volume a sink of this name had last, a moment
+    // after the copy of the speaker's. Its restore leaves alone every sink
+    // whose volume the device's routes keep (device.routes present, not 0);
+    // ours has none to keep, so nothing is restored or kept for it.
     args += " sink_properties=\"device.description='" + keep(description, descriptionChar) + "' " +
-            kOwnSinkProperty + "=1 state.restore-props=false state.restore-target=false\"";
+            kOwnSinkProperty +
+            "=1 device.routes=1 state.restore-props=false state.restore-target=false\"";
     return args;
 }
 
