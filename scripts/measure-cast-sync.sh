@@ -19,8 +19,9 @@
 #     wav:  the WAV stream with lag control, reached the way a TV without
 #           that receiver makes the app reach it: the app asks for another
 #           application id (VELLATONE_CAST_SYNC_APP), the TV refuses it, and
-#           the row falls back with no failure shown; and the title a real
-#           player (mpv on a private session bus) plays reaches the TV
+#           the row falls back with no failure shown; and the title and
+#           cover a real player (mpv on a private session bus) plays reach
+#           the TV, the cover fetched from our "/art"
 #   DURATION=30                            seconds recorded after the lock
 #   LIMIT_MS=5                             exit 1 above this alignment error
 #   BIN=build/bin                          where the binaries are
@@ -193,6 +194,15 @@ if [[ -n $media_player_bus_pid ]]; then
     grep -q '"event":"metadata","title":"Lounge Song"' "$work/tv.log" ||
         fail "the TV never had the player's title: $(ctl track); $(grep -E '"(loaded|metadata)"' "$work/tv.log")"
     echo "cast title: Lounge Song"
+    # The TV fetches the cover the QUEUE_UPDATE names: the player's own bytes.
+    cover=$(sha256sum "$work/album/cover.png" | cut -d' ' -f1)
+    for _ in $(seq 50); do
+        grep -q "\"event\":\"artwork\".*\"status\":200,.*\"sha256\":\"$cover\"" "$work/tv.log" && break
+        sleep 0.1
+    done
+    grep -q "\"event\":\"artwork\".*\"status\":200,.*\"sha256\":\"$cover\"" "$work/tv.log" ||
+        fail "the TV never fetched the player's cover: $(grep -E '"artwork' "$work/tv.log")"
+    echo "cast artwork: $(grep -o '"url":"[^"]*/art[^"]*"' "$work/tv.log" | tail -1), the cover's bytes"
     media_player_stop
 fi
 

@@ -25,7 +25,7 @@
 // It reports events as JSON lines on standard output; the first is
 // {"event":"listening","port":N}.
 import { spawn, execFileSync } from 'node:child_process';
-import { randomUUID } from 'node:crypto';
+import { createHash, randomUUID } from 'node:crypto';
 import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import http from 'node:http';
 import { createRequire } from 'node:module';
@@ -88,6 +88,22 @@ function parseArgs(argv) {
 
 const opts = parseArgs(process.argv);
 const report = (event, fields = {}) => process.stdout.write(JSON.stringify({ event, ...fields }) + '\n');
+
+// A TV shows the cover the sender names: fetched as a receiver would, and
+// told by its size and hash.
+function fetchArtwork(metadata) {
+    const url = metadata && Array.isArray(metadata.images) && metadata.images[0] && metadata.images[0].url;
+    if (typeof url !== 'string') return;
+    http.get(url, (res) => {
+        const parts = [];
+        res.on('data', (d) => parts.push(d));
+        res.on('end', () => {
+            const body = Buffer.concat(parts);
+            report('artwork', { url, status: res.statusCode, bytes: body.length,
+                sha256: createHash('sha256').update(body).digest('hex') });
+        });
+    }).on('error', (e) => report('artwork-failed', { url, error: e.message }));
+}
 
 // --- the player -------------------------------------------------------------
 
@@ -581,6 +597,7 @@ function onMedia(clientId, source, message) {
         player.load(url, ++mediaSessionCount);
         player.metadata = message.media.metadata;
         report('loaded', { url, title: message.media.metadata && message.media.metadata.title });
+        fetchArtwork(player.metadata);
         reply(mediaStatus(requestId));
         if (opts.mode === 'close') setTimeout(() => everyClient((c) => server.clients[c].socket.destroy()), 3000);
         if (opts.mode === 'silent') setTimeout(() => { answering = false; report('silent'); }, 3000);
@@ -603,6 +620,7 @@ function onMedia(clientId, source, message) {
         if (item && item.media && item.media.metadata) {
             player.metadata = item.media.metadata;
             report('metadata', { title: player.metadata.title });
+            fetchArtwork(player.metadata);
         }
         reply(mediaStatus(requestId));
         break;
