@@ -135,23 +135,8 @@ void AppStripListModel::clear() {
 }
 
 void AppStripListModel::setEntries(std::vector<Entry> next) {
-    const bool sameEntries =
-        next.size() == entries_.size() &&
-        std::equal(next.begin(), next.end(), entries_.begin(),
+    replaceEntries(entries_, std::move(next),
                    [](const Entry& a, const Entry& b) { return a.key == b.key; });
-    if (!sameEntries) {
-        const bool countMoved = next.size() != entries_.size();
-        beginResetModel();
-        entries_ = std::move(next);
-        endResetModel();
-        if (countMoved) emit countChanged();
-        return;
-    }
-    for (size_t i = 0; i < next.size(); ++i) {
-        if (next[i] == entries_[i]) continue;
-        entries_[i] = std::move(next[i]);
-        emit dataChanged(index(int(i)), index(int(i)));
-    }
 }
 
 }  // namespace vt::ui

@@ -7,7 +7,6 @@
 // its strip.
 #pragma once
 
-#include <QAbstractListModel>
 #include <QString>
 #include <functional>
 #include <set>
@@ -15,12 +14,12 @@
 #include <vector>
 
 #include "mixer/app_mixer.h"
+#include "ui/bridge/entry_list_model.h"
 
 namespace vt::ui {
 
-class AppStripListModel : public QAbstractListModel {
+class AppStripListModel : public EntryListModel {
     Q_OBJECT
-    Q_PROPERTY(int count READ count NOTIFY countChanged)
 
   public:
     enum Role {
@@ -55,19 +54,15 @@ class AppStripListModel : public QAbstractListModel {
     // The icon of an app as a file URL, or empty; asked once per app.
     using IconLookup = std::function<QString(const std::string& id)>;
 
-    explicit AppStripListModel(QObject* parent = nullptr) : QAbstractListModel(parent) {}
+    explicit AppStripListModel(QObject* parent = nullptr) : EntryListModel(parent) {}
 
     int rowCount(const QModelIndex& parent = QModelIndex()) const override;
     QVariant data(const QModelIndex& index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;
 
-    int count() const { return int(entries_.size()); }
     const std::vector<Entry>& entries() const { return entries_; }
     void sync(mixer::AppMixer& mixer, const std::set<std::string>& folded, const IconLookup& icon);
     void clear();
-
-  signals:
-    void countChanged();
 
   private:
     void setEntries(std::vector<Entry> next);

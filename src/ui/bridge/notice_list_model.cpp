@@ -59,23 +59,8 @@ QHash<int, QByteArray> NoticeListModel::roleNames() const {
 }
 
 void NoticeListModel::sync(std::vector<model::Notice> next) {
-    const bool sameIds =
-        next.size() == notices_.size() &&
-        std::equal(next.begin(), next.end(), notices_.begin(),
+    replaceEntries(notices_, std::move(next),
                    [](const model::Notice& a, const model::Notice& b) { return a.id == b.id; });
-    if (!sameIds) {
-        const bool countMoved = next.size() != notices_.size();
-        beginResetModel();
-        notices_ = std::move(next);
-        endResetModel();
-        if (countMoved) emit countChanged();
-        return;
-    }
-    for (size_t i = 0; i < next.size(); ++i) {
-        if (next[i] == notices_[i]) continue;
-        notices_[i] = std::move(next[i]);
-        emit dataChanged(index(int(i)), index(int(i)));
-    }
 }
 
 }  // namespace vt::ui

@@ -3,16 +3,15 @@
 // while its words are refreshed.
 #pragma once
 
-#include <QAbstractListModel>
 #include <vector>
 
 #include "model/notice.h"
+#include "ui/bridge/entry_list_model.h"
 
 namespace vt::ui {
 
-class NoticeListModel : public QAbstractListModel {
+class NoticeListModel : public EntryListModel {
     Q_OBJECT
-    Q_PROPERTY(int count READ count NOTIFY countChanged)
 
   public:
     enum Role {
@@ -25,18 +24,14 @@ class NoticeListModel : public QAbstractListModel {
         ToneRole,
     };
 
-    explicit NoticeListModel(QObject* parent = nullptr) : QAbstractListModel(parent) {}
+    explicit NoticeListModel(QObject* parent = nullptr) : EntryListModel(parent) {}
 
     int rowCount(const QModelIndex& parent = QModelIndex()) const override;
     QVariant data(const QModelIndex& index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;
 
-    int count() const { return int(notices_.size()); }
     const std::vector<model::Notice>& notices() const { return notices_; }
     void sync(std::vector<model::Notice> notices);
-
-  signals:
-    void countChanged();
 
   private:
     std::vector<model::Notice> notices_;

@@ -104,22 +104,8 @@ void RowListModel::sync(model::AppModel& model, const std::map<int, double>& lev
 }
 
 void RowListModel::setEntries(std::vector<Entry> next) {
-    const bool sameRows = next.size() == entries_.size() &&
-                          std::equal(next.begin(), next.end(), entries_.begin(),
-                                     [](const Entry& a, const Entry& b) { return a.id == b.id; });
-    if (!sameRows) {
-        const bool countMoved = next.size() != entries_.size();
-        beginResetModel();
-        entries_ = std::move(next);
-        endResetModel();
-        if (countMoved) emit countChanged();
-        return;
-    }
-    for (size_t i = 0; i < next.size(); ++i) {
-        if (next[i] == entries_[i]) continue;
-        entries_[i] = std::move(next[i]);
-        emit dataChanged(index(int(i)), index(int(i)));
-    }
+    replaceEntries(entries_, std::move(next),
+                   [](const Entry& a, const Entry& b) { return a.id == b.id; });
 }
 
 }  // namespace vt::ui

@@ -5,18 +5,17 @@
 // place and focus while the levels move.
 #pragma once
 
-#include <QAbstractListModel>
 #include <QString>
 #include <map>
 #include <vector>
 
 #include "model/app_model.h"
+#include "ui/bridge/entry_list_model.h"
 
 namespace vt::ui {
 
-class RowListModel : public QAbstractListModel {
+class RowListModel : public EntryListModel {
     Q_OBJECT
-    Q_PROPERTY(int count READ count NOTIFY countChanged)
 
   public:
     enum Role {
@@ -53,20 +52,16 @@ class RowListModel : public QAbstractListModel {
         bool operator==(const Entry&) const = default;
     };
 
-    explicit RowListModel(QObject* parent = nullptr) : QAbstractListModel(parent) {}
+    explicit RowListModel(QObject* parent = nullptr) : EntryListModel(parent) {}
 
     int rowCount(const QModelIndex& parent = QModelIndex()) const override;
     QVariant data(const QModelIndex& index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;
 
-    int count() const { return int(entries_.size()); }
     const std::vector<Entry>& entries() const { return entries_; }
     // `levels` maps slots to a meter reading from 0 to 1.
     void sync(model::AppModel& model, const std::map<int, double>& levels);
     void setEntries(std::vector<Entry> entries);
-
-  signals:
-    void countChanged();
 
   private:
     std::vector<Entry> entries_;
