@@ -20,31 +20,12 @@ QString qs(std::string_view text) {
 
 }  // namespace
 
-CalibrationSheetController::CalibrationSheetController(QObject* parent) : QObject(parent) {}
+CalibrationSheetController::CalibrationSheetController(QObject* parent)
+    : AppSheetController(parent) {}
 
 CalibrationSheetController::~CalibrationSheetController() {
     // A sheet closed any other way than by its buttons leaves nothing held.
     if (Calibrator* c = calibrator()) c->cancel();
-}
-
-QObject* CalibrationSheetController::app() const {
-    return app_.data();
-}
-
-void CalibrationSheetController::setApp(QObject* app) {
-    auto* controller = qobject_cast<AppController*>(app);
-    if (controller == app_) return;
-    disconnect(changedConnection_);
-    app_ = controller;
-    if (app_)
-        changedConnection_ =
-            connect(app_, &AppController::changed, this, &CalibrationSheetController::stateChanged);
-    emit appChanged();
-    emit stateChanged();
-}
-
-model::AppModel* CalibrationSheetController::model() const {
-    return app_ ? &app_->model() : nullptr;
 }
 
 Calibrator* CalibrationSheetController::calibrator() const {

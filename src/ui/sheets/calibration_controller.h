@@ -5,26 +5,20 @@
 #pragma once
 
 #include <QtQml/qqmlregistration.h>
-#include <QObject>
-#include <QPointer>
 #include <QString>
 #include <QVariantList>
 
-namespace vt::model {
-class AppModel;
-}
+#include "ui/sheets/app_sheet_controller.h"
+
 namespace vt::calibration {
 class Calibrator;
 }
 
 namespace vt::ui {
 
-class AppController;
-
-class CalibrationSheetController : public QObject {
+class CalibrationSheetController : public AppSheetController {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(QObject* app READ app WRITE setApp NOTIFY appChanged)
     Q_PROPERTY(int slot READ slot NOTIFY stateChanged)
     Q_PROPERTY(QString rowName READ rowName NOTIFY stateChanged)
     Q_PROPERTY(int referenceSlot READ referenceSlot NOTIFY stateChanged)
@@ -51,9 +45,6 @@ class CalibrationSheetController : public QObject {
   public:
     explicit CalibrationSheetController(QObject* parent = nullptr);
     ~CalibrationSheetController() override;
-
-    QObject* app() const;
-    void setApp(QObject* app);
 
     int slot() const { return slot_; }
     QString rowName() const;
@@ -89,17 +80,14 @@ class CalibrationSheetController : public QObject {
     Q_INVOKABLE void cancel();
 
   signals:
-    void appChanged();
     void stateChanged();
 
   private:
-    model::AppModel* model() const;
+    void appUpdated() override { emit stateChanged(); }
     // The model's calibration while it is this sheet's.
     calibration::Calibrator* calibrator() const;
     QString nameOf(int slot) const;
 
-    QPointer<AppController> app_;
-    QMetaObject::Connection changedConnection_;
     int slot_ = -1;
     int referenceSlot_ = -1;
     const calibration::Calibrator* opened_ = nullptr;

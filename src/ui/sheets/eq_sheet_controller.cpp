@@ -38,7 +38,7 @@ bool same(double a, double b) {
 
 }  // namespace
 
-EqualiserSheetController::EqualiserSheetController(QObject* parent) : QObject(parent) {
+EqualiserSheetController::EqualiserSheetController(QObject* parent) : AppSheetController(parent) {
     flush_.setSingleShot(true);
     flush_.setInterval(flushMs);
     connect(&flush_, &QTimer::timeout, this, &EqualiserSheetController::commit);
@@ -47,25 +47,8 @@ EqualiserSheetController::EqualiserSheetController(QObject* parent) : QObject(pa
 EqualiserSheetController::~EqualiserSheetController() {
     // Edits made just before the sheet went away are still the user's; the
     // news of them must not come back to this half-gone object.
-    disconnect(changedConnection_);
+    stopFollowingApp();
     commit();
-}
-
-QObject* EqualiserSheetController::app() const {
-    return app_.data();
-}
-
-void EqualiserSheetController::setApp(QObject* app) {
-    auto* controller = qobject_cast<AppController*>(app);
-    if (controller == app_) return;
-    commit();
-    disconnect(changedConnection_);
-    app_ = controller;
-    if (app_)
-        changedConnection_ =
-            connect(app_, &AppController::changed, this, &EqualiserSheetController::refresh);
-    emit appChanged();
-    refresh();
 }
 
 void EqualiserSheetController::setSlot(int slot) {
@@ -97,10 +80,6 @@ void EqualiserSheetController::followRow() {
     }
     rowGone_ = true;
     emit slotChanged();
-}
-
-model::AppModel* EqualiserSheetController::model() const {
-    return app_ ? &app_->model() : nullptr;
 }
 
 EQTarget EqualiserSheetController::target() const {
@@ -285,8 +264,8 @@ void EqualiserSheetController::pushToModel() {
 void EqualiserSheetController::announce() {
     // The rest of the window (the row's equaliser button, the remote) hears
     // of it as of any other action; that also brings this sheet up to date.
-    if (app_)
-        emit app_->changed();
+    if (AppController* app = appController())
+        emit app->changed();
     else
         refresh();
 }

@@ -6,8 +6,6 @@
 #pragma once
 
 #include <QtQml/qqmlregistration.h>
-#include <QObject>
-#include <QPointer>
 #include <QStringList>
 #include <QTimer>
 #include <QVariantList>
@@ -17,22 +15,17 @@
 #include "equaliser/eq_settings.h"
 #include "equaliser/eq_target.h"
 #include "model/row_state.h"
+#include "ui/sheets/app_sheet_controller.h"
 
-namespace vt::model {
-class AppModel;
-}
 namespace vt::spectrum {
 class EQAnalyser;
 }
 
 namespace vt::ui {
 
-class AppController;
-
-class EqualiserSheetController : public QObject {
+class EqualiserSheetController : public AppSheetController {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(QObject* app READ app WRITE setApp NOTIFY appChanged)
     Q_PROPERTY(int slot READ slot WRITE setSlot NOTIFY slotChanged)
     Q_PROPERTY(bool isMaster READ isMaster NOTIFY slotChanged)
     Q_PROPERTY(bool valid READ valid NOTIFY settingsChanged)
@@ -57,8 +50,6 @@ class EqualiserSheetController : public QObject {
     explicit EqualiserSheetController(QObject* parent = nullptr);
     ~EqualiserSheetController() override;
 
-    QObject* app() const;
-    void setApp(QObject* app);
     int slot() const { return slot_; }
     void setSlot(int slot);
     bool isMaster() const { return slot_ < 0; }
@@ -104,21 +95,20 @@ class EqualiserSheetController : public QObject {
     bool spectrumLive() const;
 
   signals:
-    void appChanged();
     void slotChanged();
     void settingsChanged();
     void clippingChanged();
     void spectrumChanged();
 
   private:
-    model::AppModel* model() const;
+    void leavingApp() override { commit(); }
+    void appUpdated() override { refresh(); }
     equaliser::EQTarget target() const;
     void edited();
     void pushToModel();
     void announce();
     void followRow();
 
-    QPointer<AppController> app_;
     int slot_ = -1;
     // The row the sheet was opened for: slots renumber when a row above goes
     // or rows are moved, and the sheet stays with its row. 0 until known.
@@ -132,7 +122,6 @@ class EqualiserSheetController : public QObject {
     bool shownCanCopy_ = false;
     bool shownValid_ = false;
     QTimer flush_;
-    QMetaObject::Connection changedConnection_;
     std::unique_ptr<spectrum::EQAnalyser> analyser_;
     bool spectrumLive_ = false;
 };

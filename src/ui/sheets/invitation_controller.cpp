@@ -11,29 +11,9 @@
 namespace vt::ui {
 
 InvitationSheetController::InvitationSheetController(QObject* parent)
-    : QObject(parent), clock_(&dispatch::monotonicSeconds) {
+    : AppSheetController(parent), clock_(&dispatch::monotonicSeconds) {
     hintTimer_.setSingleShot(true);
     connect(&hintTimer_, &QTimer::timeout, this, &InvitationSheetController::refresh);
-}
-
-QObject* InvitationSheetController::app() const {
-    return app_.data();
-}
-
-void InvitationSheetController::setApp(QObject* app) {
-    auto* controller = qobject_cast<AppController*>(app);
-    if (controller == app_) return;
-    disconnect(changedConnection_);
-    app_ = controller;
-    if (app_)
-        changedConnection_ =
-            connect(app_, &AppController::changed, this, &InvitationSheetController::refresh);
-    emit appChanged();
-    refresh();
-}
-
-model::AppModel* InvitationSheetController::model() const {
-    return app_ ? &app_->model() : nullptr;
 }
 
 QString InvitationSheetController::countText() const {
@@ -56,7 +36,7 @@ void InvitationSheetController::open() {
     if (model::AppModel* m = model()) {
         m->openInvitation();
         // The window and the remote show the link too.
-        emit app_->changed();
+        emit appController()->changed();
     }
     refresh();
     // The hint's moment comes whether or not anything else happens by then;

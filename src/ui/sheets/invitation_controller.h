@@ -5,25 +5,18 @@
 #pragma once
 
 #include <QtQml/qqmlregistration.h>
-#include <QObject>
-#include <QPointer>
 #include <QString>
 #include <QTimer>
 #include <functional>
 #include <optional>
 
-namespace vt::model {
-class AppModel;
-}
+#include "ui/sheets/app_sheet_controller.h"
 
 namespace vt::ui {
 
-class AppController;
-
-class InvitationSheetController : public QObject {
+class InvitationSheetController : public AppSheetController {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(QObject* app READ app WRITE setApp NOTIFY appChanged)
     Q_PROPERTY(bool hasLink READ hasLink NOTIFY stateChanged)
     Q_PROPERTY(QString joinURL READ joinURL NOTIFY stateChanged)
     Q_PROPERTY(QString message READ message NOTIFY stateChanged)
@@ -40,9 +33,6 @@ class InvitationSheetController : public QObject {
     using Clock = std::function<double()>;
 
     explicit InvitationSheetController(QObject* parent = nullptr);
-
-    QObject* app() const;
-    void setApp(QObject* app);
 
     bool hasLink() const { return !joinURL_.isEmpty(); }
     QString joinURL() const { return joinURL_; }
@@ -64,14 +54,11 @@ class InvitationSheetController : public QObject {
     Q_INVOKABLE void refresh();
 
   signals:
-    void appChanged();
     void stateChanged();
 
   private:
-    model::AppModel* model() const;
+    void appUpdated() override { refresh(); }
 
-    QPointer<AppController> app_;
-    QMetaObject::Connection changedConnection_;
     Clock clock_;
     std::optional<double> openedAt_;
     QTimer hintTimer_;
