@@ -163,8 +163,12 @@ std::optional<Measurement> relativeLatency(std::span<const float> sound,
     const auto output = locate(outputRecording);
     if (!reference || !output) return std::nullopt;
     const double spread = std::max(reference->spreadMs, output->spreadMs);
-    return Measurement{(output->seconds - reference->seconds) * 1000.0, spread,
-                       spread <= trustedSpreadMs, std::min(reference->strength, output->strength)};
+    return Measurement{(output->seconds - reference->seconds) * 1000.0,
+                       spread,
+                       spread <= trustedSpreadMs,
+                       std::min(reference->strength, output->strength),
+                       reference->seconds,
+                       output->seconds};
 }
 
 }  // namespace vt::calibration::AcousticEstimator

@@ -49,6 +49,8 @@ struct Measurement {
     double reflectionSpreadMs = 0;  // the larger of the two spreads
     bool trusted = false;           // both arrivals look like a speaker, not a room
     float strength = 0;             // the weaker of the two peaks over its median
+    double referenceSec = 0;        // each arrival, from the start of its recording
+    double outputSec = 0;
 };
 
 // The generalised cross-correlation with phase transform, one value per lag

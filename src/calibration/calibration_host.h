@@ -22,6 +22,11 @@ struct CalibrationRow {
     // timing already tells the engine.
     double reportedLatencyMs = 0;
     RowTiming timing;
+    // How far the engine's output stands, now, from where its delays put
+    // it: when a stream's clock finds it was off, the output glides back
+    // over a second or more, and a sweep played meanwhile is heard that
+    // much early or late.
+    double engineOffMs = 0;
 };
 
 class CalibrationHost {

@@ -1,7 +1,9 @@
 #include "calibration/calibrator.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include "calibration/acoustic_estimator.h"
 #include "calibration/chirp.h"
@@ -265,22 +267,68 @@ void Calibrator::record(int slot, std::function<void(Recording)> then) {
     std::weak_ptr<bool> alive = alive_;
     // What is already on its way to the speakers dies away first.
     waitTimer_ = main_.postAfter(drainSec(), [this, alive, key, then = std::move(then)]() mutable {
-        if (alive.expired() || !mic_ || !player_) return;
+        if (!alive.expired()) take(key, 1, std::move(then));
+    });
+}
+
+double Calibrator::engineOffMs(RowKey key) const {
+    const auto slot = host_.slotOf(key);
+    return slot ? std::fabs(host_.row(*slot).engineOffMs) : 0.0;
+}
+
+void Calibrator::whenSteady(RowKey key, double since, std::function<void()> then) {
+    if (engineOffMs(key) <= steadyMs || main_.now() - since >= steadyWaitSec) {
+        then();
+        return;
+    }
+    std::weak_ptr<bool> alive = alive_;
+    waitTimer_ = main_.postAfter(steadyPollSec, [this, alive, key, since, then = std::move(then)] {
+        if (!alive.expired()) whenSteady(key, since, then);
+    });
+}
+
+// One sweep through one row, heard from just before it goes in until the
+// row's lateness and the room's echoes have passed.
+void Calibrator::take(RowKey key, int number, std::function<void(Recording)> then) {
+    std::weak_ptr<bool> alive = alive_;
+    whenSteady(key, main_.now(), [this, alive, key, number, then = std::move(then)] {
         const auto slot = host_.slotOf(key);
-        if (!slot) return;
+        if (alive.expired() || !mic_ || !player_ || !slot) return;
         const double windowSec = latenessSec(*slot) + recordingMarginSec;
         mic_->beginWindow();
         (key == reference_ ? referenceTiming_ : outputTiming_) = noteTiming(*slot);
+        worstOffMs_ = engineOffMs(key);
+        steadyTimer_ = main_.repeat(steadyPollSec, [this, alive, key] {
+            if (!alive.expired()) worstOffMs_ = std::max(worstOffMs_, engineOffMs(key));
+        });
         Chirp sound = Chirp::measurementSound(player_->sampleRate());
-        player_->play(std::move(sound.samples), sweepGain,
-                      [this, alive, windowSec, then = std::move(then)](PlayedSound played) mutable {
-                          if (alive.expired()) return;
-                          waitTimer_ = main_.postAfter(
-                              windowSec, [this, alive, played, then = std::move(then)] {
-                                  if (alive.expired() || !mic_) return;
-                                  then(Recording{mic_->endWindow(), played});
-                              });
-                      });
+        player_->play(
+            std::move(sound.samples), sweepGain,
+            [this, alive, key, number, windowSec, then](PlayedSound played) {
+                if (alive.expired()) return;
+                waitTimer_ = main_.postAfter(windowSec, [this, alive, key, number, played, then] {
+                    if (alive.expired() || !mic_) return;
+                    steadyTimer_.reset();
+                    RowTiming& noted = key == reference_ ? referenceTiming_ : outputTiming_;
+                    Take heard{{mic_->endWindow(), played}, noted, worstOffMs_};
+                    if (std::getenv("VELLATONE_CALIBRATION_DEBUG"))
+                        std::fprintf(stderr,
+                                     "[calibration] take %d of %s: the engine stood up to %.3f "
+                                     "ms off\n",
+                                     number, key == reference_ ? "the reference" : "the row",
+                                     heard.worstOffMs);
+                    if (!steadiest_ || heard.worstOffMs < steadiest_->worstOffMs)
+                        steadiest_ = std::move(heard);
+                    if (steadiest_->worstOffMs > steadyMs && number < maximumTakes) {
+                        take(key, number + 1, then);
+                        return;
+                    }
+                    Recording best = std::move(steadiest_->recording);
+                    noted = steadiest_->timing;
+                    steadiest_.reset();
+                    then(std::move(best));
+                });
+            });
     });
 }
 
@@ -308,6 +356,18 @@ void Calibrator::settle(const Recording& reference, const Recording& output) {
         return r.window.firstFrameHostSec - r.played.startHostSec;
     };
     const double heardMs = heard->latencyMs + (lead(output) - lead(reference)) * 1000.0;
+    if (std::getenv("VELLATONE_CALIBRATION_DEBUG")) {
+        auto line = [](const char* name, const Recording& r, double arrivalSec) {
+            std::fprintf(stderr,
+                         "[calibration] %s: heard %.6f s into a window from %.6f, sweep in at "
+                         "%.6f\n",
+                         name, arrivalSec, r.window.firstFrameHostSec, r.played.startHostSec);
+        };
+        line("reference", reference, heard->referenceSec);
+        line("output", output, heard->outputSec);
+        std::fprintf(stderr, "[calibration] heard %.3f ms, spread %.2f ms, strength %.0f\n",
+                     heardMs, heard->reflectionSpreadMs, double(heard->strength));
+    }
     const double v = toStore(heardMs, referenceTiming_, outputTiming_);
     if (!insideRange(v, rangeOf(*slot))) {
         fail(formatMs("Heard something ", v,
@@ -449,6 +509,8 @@ void Calibrator::stopRunning() {
     clickTimer_.reset();
     waitTimer_.reset();
     openTimer_.reset();
+    steadyTimer_.reset();
+    steadiest_.reset();
     if (player_) player_->stop();
     player_.reset();
     mic_.reset();

@@ -46,6 +46,15 @@ class Calibrator {
     // A sound server that has not opened the microphone or the test sound
     // by then is not going to: the measurement says so rather than wait.
     static constexpr double openLimitSec = 5.0;
+    // A sweep is played only once the engine's output stands this close to
+    // where its delays put it, and taken again when the output moved further
+    // while it was heard.
+    static constexpr double steadyMs = 0.2;
+    static constexpr double steadyPollSec = 0.05;
+    // Longer than this unsteady, the sweep is played all the same; after the
+    // last take, the steadiest is used.
+    static constexpr double steadyWaitSec = 3.0;
+    static constexpr int maximumTakes = 3;
 
     Calibrator(CalibrationHost& host, dispatch::MainQueue& main, Microphone& microphone,
                ToneOutput& tones, RowKey row, RowKey reference);
@@ -110,6 +119,9 @@ class Calibrator {
     void beginReported();
     void beginAcoustic();
     void record(int slot, std::function<void(Recording)> then);
+    void take(RowKey key, int number, std::function<void(Recording)> then);
+    void whenSteady(RowKey key, double since, std::function<void()> then);
+    double engineOffMs(RowKey key) const;
     void settle(const Recording& reference, const Recording& output);
     void beginTapping();
     void startClicks();
@@ -132,7 +144,14 @@ class Calibrator {
 
     std::unique_ptr<TonePlayer> player_;
     std::unique_ptr<MicCapture> mic_;
-    std::unique_ptr<dispatch::TimerHandle> clickTimer_, waitTimer_, openTimer_;
+    std::unique_ptr<dispatch::TimerHandle> clickTimer_, waitTimer_, openTimer_, steadyTimer_;
+    double worstOffMs_ = 0;  // while the current sweep is heard
+    struct Take {
+        Recording recording;
+        RowTiming timing;
+        double worstOffMs = 0;
+    };
+    std::optional<Take> steadiest_;  // of the current sweep's takes
     // Counts what was started and later stopped: an opening that answers
     // after its measurement stopped is dropped.
     uint64_t attempt_ = 0;

@@ -28,7 +28,8 @@ class AppModel::CalibrationRows final : public calibration::CalibrationHost {
                 r.latencySource,
                 r.delayMs,
                 model_.reportedLatency(slot),
-                {model_.engineDelayMs(slot), believed, believed - r.measuredLatencyMs}};
+                {model_.engineDelayMs(slot), believed, believed - r.measuredLatencyMs},
+                model_.engine_->telemetry(slot).fillErrMs};
     }
     void setMeasuredLatency(int slot, double ms, LatencySource source) override {
         model_.setMeasuredLatency(slot, ms, source);

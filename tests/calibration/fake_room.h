@@ -28,6 +28,7 @@ struct FakeRow {
     double engineDelayMs = 0;
     double trueLatencyMs = 0;  // from the engine's output to the air
     bool muted = false;        // in the engine
+    double engineOffMs = 0;    // how far the engine stands from its own plan
 };
 
 class FakeHost : public CalibrationHost {
@@ -44,10 +45,10 @@ class FakeHost : public CalibrationHost {
     }
     CalibrationRow row(int slot) const override {
         const FakeRow& r = rows[size_t(slot)];
-        return {
-            r.network,    r.measuredMs,
-            r.source,     r.delayMs,
-            r.reportedMs, RowTiming{r.engineDelayMs, r.reportedMs + r.measuredMs, r.reportedMs}};
+        return {r.network,    r.measuredMs,
+                r.source,     r.delayMs,
+                r.reportedMs, RowTiming{r.engineDelayMs, r.reportedMs + r.measuredMs, r.reportedMs},
+                r.engineOffMs};
     }
     void setMeasuredLatency(int slot, double ms, settings::LatencySource source) override {
         rows[size_t(slot)].measuredMs = ms;
