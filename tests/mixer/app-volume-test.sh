@@ -127,7 +127,13 @@ done
 launch 1
 ctl add uid:living >/dev/null || fail "add living"
 ctl start >/dev/null || fail "start"
-ctl apps >"$work/apps"
+# The catalog learns the streams from the server's answers after Start:
+# wait for them, at most 5 s.
+for _ in $(seq 50); do
+    ctl apps >"$work/apps"
+    grep -qP "^test\.music\tTest Music\t1\t-\tplaying$" "$work/apps" && break
+    sleep 0.1
+done
 grep -qP "^test\.music\tTest Music\t1\t-\tplaying$" "$work/apps" || fail "apps: $(cat "$work/apps")"
 grep -qP "^alerts\tAlert sounds\t" "$work/apps" || fail "no alert sounds: $(cat "$work/apps")"
 
