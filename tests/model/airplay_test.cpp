@@ -137,9 +137,12 @@ TEST_F(AirPlayModelTest, ATvThatWantsPairingOpensThePinSheetAndTheCredentialIsUs
     ASSERT_TRUE(m.addAirPlayOutput("TV"));
     settle();
     m.startStop();
-    ASSERT_TRUE(waitFor([&] { return m.pairingAwaitingPIN(); }));
+    // The sheet and the row's words come from separate lines of the tools,
+    // each handled as its own task: wait for both.
+    ASSERT_TRUE(waitFor([&] {
+        return m.pairingAwaitingPIN() && m.meta(m.rows()[1]) == "AirPlay · needs pairing";
+    })) << m.meta(m.rows()[1]);
     EXPECT_EQ(m.pairingReceiverName(), "TV");
-    EXPECT_EQ(m.meta(m.rows()[1]), "AirPlay · needs pairing");
 
     m.submitPIN("3 9 3 9");
     ASSERT_TRUE(waitFor([&] { return !m.pairingReceiverID().has_value(); }));
