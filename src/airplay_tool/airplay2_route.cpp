@@ -1,5 +1,7 @@
 #include "airplay_tool/airplay2_route.h"
 
+#include "airplay_tool/stream_flush.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -165,8 +167,8 @@ RtpStreamer::Framing AirPlay2Route::framing() const {
     RtpStreamer::Framing f;
     // One counter per audio key: a nonce never comes twice, resends being
     // the very bytes sent before.
-    f.seal = [key = audioKey_, counter = uint64_t{0}](std::span<uint8_t> packet,
-                                                      size_t payloadBytes) mutable {
+    f.seal = [key = streamKey_, counter = uint64_t{0}](std::span<uint8_t> packet,
+                                                       size_t payloadBytes) mutable {
         return sealAudioPacket(key, packet, payloadBytes, counter++);
     };
     f.reportsReanchor = true;
@@ -200,7 +202,7 @@ bool AirPlay2Route::setUpSession() {
         options_.timing != "ntp" && clock_->attach() != ptp::SessionClock::Source::none;
     status_.route(protocolName(options_.protocol), "realtime", ptpTiming ? "ptp" : "ntp", false);
 
-    audioKey_ = hap::randomBytes(kAudioKeyBytes);
+    streamKey_ = hap::randomBytes(kStreamKeyBytes);
     streamer_ = std::make_unique<RtpStreamer>(status_, rtsp_->localIP(), framing());
     std::string error;
     if (!streamer_->open(error)) {
@@ -242,7 +244,7 @@ bool AirPlay2Route::setUpSession() {
         return false;
 
     StreamSetup stream;
-    stream.audioKey = audioKey_;
+    stream.streamKey = streamKey_;
     stream.controlPort = streamer_->controlPort();
     stream.connectionID = (uint64_t{std::random_device{}()} << 32) | std::random_device{}();
     stream.latencyMinFrames = kOfferedLatencyMinFrames;
@@ -384,22 +386,10 @@ Outcome AirPlay2Route::handle(const Command& command) {
 
 Outcome AirPlay2Route::flush(bool pause) {
     if (!started_ || (pause && paused_)) return Outcome::running;
-    const RtpStreamer::FlushPoint point = streamer_->flush(pause);
-    RtspRequest r = makeRequest("FLUSH");
-    r.add("RTP-Info",
-          "seq=" + std::to_string(point.seq) + ";rtptime=" + std::to_string(point.rtptime));
-    RtspResult result = rtsp_->request(r, setupTimeoutMs());
-    if (!result.response) {
-        status_.error(error_code::disconnected, 0, "FLUSH: " + result.error);
-        return Outcome::failed;
-    }
-    if (pause) {
-        paused_ = true;
-        status_.playing(false, streamer_->elapsedMs());
-    } else {
-        status_.flushed();
-    }
-    return Outcome::running;
+    const Outcome outcome =
+        sendFlush(*streamer_, *rtsp_, makeRequest("FLUSH"), setupTimeoutMs(), status_, pause);
+    if (outcome == Outcome::running && pause) paused_ = true;
+    return outcome;
 }
 
 Outcome AirPlay2Route::poll() {

@@ -59,7 +59,7 @@ class AirPlay2Route : public Route {
     EventRequestReader eventRequests_;
     std::optional<ReceiverInfo> info_;
     hap::Bytes secret_;
-    hap::Bytes audioKey_;
+    hap::Bytes streamKey_;
     std::unique_ptr<ptp::SessionClock> clock_;
     std::unique_ptr<RtpStreamer> streamer_;
     std::string url_;

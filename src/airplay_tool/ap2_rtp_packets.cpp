@@ -19,7 +19,7 @@ constexpr size_t kNonceZeroBytes = 4;
 size_t sealAudioPacket(const hap::Bytes& key, std::span<uint8_t> packet, size_t payloadBytes,
                        uint64_t counter) {
     hap::Bytes nonce(hap::kChachaNonceBytes, 0);
-    for (size_t i = 0; i < kAudioNonceTailBytes; ++i)
+    for (size_t i = 0; i < kPacketNonceTailBytes; ++i)
         nonce[kNonceZeroBytes + i] = static_cast<uint8_t>(counter >> (8 * i));
     const hap::Bytes aad(packet.begin() + kAadBegin, packet.begin() + kRtpHeaderBytes);
     const hap::Bytes plain(packet.begin() + kRtpHeaderBytes,
@@ -28,7 +28,7 @@ size_t sealAudioPacket(const hap::Bytes& key, std::span<uint8_t> packet, size_t 
     uint8_t* out = packet.data() + kRtpHeaderBytes;
     std::copy(sealed.begin(), sealed.end(), out);
     std::copy(nonce.begin() + kNonceZeroBytes, nonce.end(), out + sealed.size());
-    return kRtpHeaderBytes + sealed.size() + kAudioNonceTailBytes;
+    return kRtpHeaderBytes + sealed.size() + kPacketNonceTailBytes;
 }
 
 std::array<uint8_t, kPtpSyncPacketBytes> makePtpSyncPacket(bool first, uint32_t heardRtp,

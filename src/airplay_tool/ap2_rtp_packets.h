@@ -13,10 +13,10 @@
 
 namespace vt::airplay_tool {
 
-inline constexpr size_t kAudioTagBytes = 16;
+inline constexpr size_t kPacketTagBytes = 16;
 // The last 8 bytes of the nonce travel at the end of each packet.
-inline constexpr size_t kAudioNonceTailBytes = 8;
-inline constexpr size_t kSealedAudioExtraBytes = kAudioTagBytes + kAudioNonceTailBytes;
+inline constexpr size_t kPacketNonceTailBytes = 8;
+inline constexpr size_t kSealedPacketExtraBytes = kPacketTagBytes + kPacketNonceTailBytes;
 inline constexpr size_t kPtpSyncPacketBytes = 28;
 inline constexpr uint8_t kPayloadPtpSync = 0x57;
 // A receiver places the frame its sync packet names in bytes 4-7 this many
@@ -28,7 +28,7 @@ inline constexpr uint32_t kSyncAnchorFrames = 11035;
 // and appends the tag and the nonce's tail; the header (bytes 4-11: time
 // stamp and SSRC) is the associated data. The nonce is four zero bytes and
 // `counter`, little-endian, which must never repeat under one key. Returns
-// the packet's length; `packet` has room for kSealedAudioExtraBytes more.
+// the packet's length; `packet` has room for kSealedPacketExtraBytes more.
 size_t sealAudioPacket(const hap::Bytes& key, std::span<uint8_t> packet, size_t payloadBytes,
                        uint64_t counter);
 

@@ -1,5 +1,7 @@
 #include "airplay_tool/raop_route.h"
 
+#include "airplay_tool/stream_flush.h"
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -308,22 +310,10 @@ Outcome RaopRoute::handle(const Command& command) {
 
 Outcome RaopRoute::flush(bool pause) {
     if (!started_ || (pause && paused_)) return Outcome::running;
-    const RtpStreamer::FlushPoint point = streamer_->flush(pause);
-    RtspRequest r = makeRequest("FLUSH");
-    r.add("RTP-Info",
-          "seq=" + std::to_string(point.seq) + ";rtptime=" + std::to_string(point.rtptime));
-    RtspResult result = rtsp_->request(r, kAnswerTimeoutMs);
-    if (!result.response) {
-        status_.error(error_code::disconnected, 0, "FLUSH: " + result.error);
-        return Outcome::failed;
-    }
-    if (pause) {
-        paused_ = true;
-        status_.playing(false, streamer_->elapsedMs());
-    } else {
-        status_.flushed();
-    }
-    return Outcome::running;
+    const Outcome outcome =
+        sendFlush(*streamer_, *rtsp_, makeRequest("FLUSH"), kAnswerTimeoutMs, status_, pause);
+    if (outcome == Outcome::running && pause) paused_ = true;
+    return outcome;
 }
 
 Outcome RaopRoute::play() {

@@ -119,12 +119,12 @@ std::string buildStreamSetup(const StreamSetup& setup) {
     plist_t stream = plist_new_dict();
     set(stream, "type", plist_new_uint(kStreamTypeRealtime));
     set(stream, "ct", plist_new_uint(kCompressionAlac));
-    set(stream, "audioFormat", plist_new_uint(kAudioFormatAlac44100x16x2));
+    set(stream, "audioFormat", plist_new_uint(kAlacFormat44100x16x2));
     set(stream, "spf", plist_new_uint(kFramesPerPacket));
     set(stream, "sr", plist_new_uint(kSampleRate));
     set(stream, "shk",
-        plist_new_data(reinterpret_cast<const char*>(setup.audioKey.data()),
-                       setup.audioKey.size()));
+        plist_new_data(reinterpret_cast<const char*>(setup.streamKey.data()),
+                       setup.streamKey.size()));
     set(stream, "controlPort", plist_new_uint(static_cast<uint64_t>(setup.controlPort)));
     set(stream, "audioMode", plist_new_string("default"));
     set(stream, "isMedia", plist_new_bool(1));

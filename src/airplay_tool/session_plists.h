@@ -23,8 +23,8 @@ inline constexpr const char* kBinaryPlistType = "application/x-apple-binary-plis
 inline constexpr int kStreamTypeRealtime = 96;
 inline constexpr int kCompressionAlac = 2;
 // The `audioFormat` bit of ALAC at 44.1 kHz, 16 bits, stereo.
-inline constexpr uint64_t kAudioFormatAlac44100x16x2 = 0x40000;
-inline constexpr size_t kAudioKeyBytes = 32;
+inline constexpr uint64_t kAlacFormat44100x16x2 = 0x40000;
+inline constexpr size_t kStreamKeyBytes = 32;
 
 struct SessionSetup {
     std::string deviceID;  // ours, as "AA:BB:CC:DD:EE:FF"
@@ -46,8 +46,8 @@ std::optional<SessionSetupReply> parseSessionSetupReply(std::string_view body);
 std::string buildSetPeers(const std::vector<std::string>& addresses);
 
 struct StreamSetup {
-    hap::Bytes audioKey;  // `shk`, kAudioKeyBytes
-    int controlPort = 0;  // ours: resend requests come here
+    hap::Bytes streamKey;  // `shk`, kStreamKeyBytes
+    int controlPort = 0;   // ours: resend requests come here
     uint64_t connectionID = 0;
     uint32_t latencyMinFrames = 0;
     uint32_t latencyMaxFrames = 0;

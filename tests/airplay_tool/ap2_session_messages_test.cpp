@@ -95,7 +95,7 @@ TEST(SessionPlists, SetupsCarryWhatTheReceiverReads) {
     EXPECT_FALSE(at(ntpSetup, "timingPeerInfo"));
 
     StreamSetup stream;
-    stream.audioKey = vt::hap::Bytes(kAudioKeyBytes, 0xAB);
+    stream.streamKey = vt::hap::Bytes(kStreamKeyBytes, 0xAB);
     stream.controlPort = 6001;
     Plist streamSetup = read(buildStreamSetup(stream));
     plist_t entry = plist_array_get_item(at(streamSetup, "streams"), 0);
@@ -104,7 +104,7 @@ TEST(SessionPlists, SetupsCarryWhatTheReceiverReads) {
     EXPECT_EQ(number(plist_dict_get_item(entry, "controlPort")), 6001u);
     uint64_t keyLength = 0;
     const char* key = plist_get_data_ptr(plist_dict_get_item(entry, "shk"), &keyLength);
-    EXPECT_EQ(std::string(key, keyLength), std::string(kAudioKeyBytes, '\xAB'));
+    EXPECT_EQ(std::string(key, keyLength), std::string(kStreamKeyBytes, '\xAB'));
 
     Plist peers = read(buildSetPeers({"192.168.1.30", "192.168.1.20"}));
     ASSERT_EQ(plist_array_get_size(static_cast<plist_t>(peers.get())), 2u);
@@ -156,7 +156,7 @@ TEST(SessionPlists, AnswersAreReadByKeyAndUnusableOnesRefused) {
 TEST(Ap2RtpPackets, AudioIsSealedUnderTheHeaderWithTheNonceTailAfterTheTag) {
     // Worked out with Python's `cryptography` (ChaCha20Poly1305, key 00..1f,
     // nonce 00000000 0201000000000000, associated data bytes 4-11).
-    std::array<uint8_t, 12 + 8 + kSealedAudioExtraBytes> packet = {
+    std::array<uint8_t, 12 + 8 + kSealedPacketExtraBytes> packet = {
         0x80, 0xe0, 0x12, 0x34, 0x00, 0x01, 0x02, 0x03, 0,   0,
         0,    0,    'v',  'e',  'r',  'b',  'a',  't',  'i', 'm'};
     vt::hap::Bytes key(32);

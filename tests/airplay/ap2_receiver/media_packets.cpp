@@ -22,7 +22,7 @@ constexpr size_t kTagBytes = 16;
 constexpr size_t kNonceTailBytes = 8;
 constexpr size_t kSyncBytes = 28;
 constexpr uint32_t kAnchorFrames = 11035;
-constexpr uint8_t kAudioType = 0x60;
+constexpr uint8_t kRealtimePayloadType = 0x60;
 constexpr uint8_t kSyncType = 0x57;
 constexpr uint8_t kNtpSyncType = 0x54;
 constexpr uint8_t kTimingReplyType = 0x53;
@@ -58,7 +58,7 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
         return;
     }
     if (p.size() < kHeaderBytes + kTagBytes + kNonceTailBytes + 1 || p[0] != 0x80 ||
-        (p[1] & 0x7f) != kAudioType) {
+        (p[1] & 0x7f) != kRealtimePayloadType) {
         s.violations.push_back("a datagram on the data port that is no audio packet");
         return;
     }
@@ -96,7 +96,7 @@ void audioPacket(ReceiverState& s, std::span<const uint8_t> p, bool resent) {
     for (size_t i = 0; i < kNonceTailBytes; ++i) nonce[4 + i] = p[p.size() - kNonceTailBytes + i];
     const hap::Bytes aad(p.begin() + 4, p.begin() + kHeaderBytes);
     const hap::Bytes sealed(p.begin() + kHeaderBytes, p.end() - kNonceTailBytes);
-    const auto frame = hap::chachaOpen(s.audioKey, nonce, aad, sealed);
+    const auto frame = hap::chachaOpen(s.streamKey, nonce, aad, sealed);
     if (!frame) {
         s.violations.push_back("an audio packet that does not open with the stream's key");
         return;

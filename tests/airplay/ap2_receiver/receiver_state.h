@@ -55,7 +55,7 @@ struct ReceiverState {
     std::string senderAddress;
     int senderControlPort = 0;
     int senderTimingPort = 0;  // NTP: where to ask the sender's time
-    hap::Bytes audioKey;
+    hap::Bytes streamKey;
     std::optional<double> volumeDb;
     std::string trackText;
     // Media

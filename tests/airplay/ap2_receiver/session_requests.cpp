@@ -235,7 +235,7 @@ Reply streamSetup(ReceiverState& s, plist_t dict) {
         s.violations.push_back("stream SETUP: shk is not 32 bytes");
         return {400};
     }
-    s.audioKey.assign(key, key + keyLength);
+    s.streamKey.assign(key, key + keyLength);
     const auto control = uintItem(stream, "controlPort");
     if (!control || *control == 0 || *control > 65535)
         s.violations.push_back("stream SETUP: no control port");
