@@ -2,21 +2,17 @@
 // own streams, and settings in a fresh folder.
 #pragma once
 
-#include <stdlib.h>
-
-#include <filesystem>
 #include <memory>
 
 #include "platform/fake/fake_audio_backend.h"
 #include "settings/settings.h"
+#include "support/test_env.h"
 
 namespace vt::guard::testing {
 
 class GuardFixture {
   public:
     GuardFixture() {
-        char tmpl[] = "/tmp/vt-guard-XXXXXX";
-        dir_ = ::mkdtemp(tmpl);
         settings = std::make_unique<settings::Settings>(dir_ / "settings.json");
         speakers = backend.addSink("speakers", "Speakers");
         hdmi = backend.addSink("hdmi", "HDMI Screen");
@@ -28,11 +24,6 @@ class GuardFixture {
         mine.sink = speakers;
         mine.ours = true;
         ours = backend.addSinkInput(mine);
-    }
-    ~GuardFixture() {
-        settings.reset();
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
     }
 
     uint32_t addStream(platform::DeviceId sink) {
@@ -59,13 +50,11 @@ class GuardFixture {
         settings->setPendingRestoreUID(pending);
     }
 
+    vt::test::TempDir dir_;
     platform::FakeAudioBackend backend;
     std::unique_ptr<settings::Settings> settings;
     platform::DeviceId speakers = 0, hdmi = 0;
     uint32_t player = 0, video = 0, ours = 0;
-
-  private:
-    std::filesystem::path dir_;
 };
 
 }  // namespace vt::guard::testing

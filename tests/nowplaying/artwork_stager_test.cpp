@@ -1,10 +1,11 @@
 #include "nowplaying/artwork_stager.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+
+#include "support/test_env.h"
 
 namespace vt::nowplaying {
 namespace {
@@ -16,8 +17,6 @@ const std::string kJpeg = "\xFF\xD8\xFF\xE0two";
 
 class ArtworkStagerTest : public ::testing::Test {
   protected:
-    ArtworkStagerTest() { fs::remove_all(root); }
-    ~ArtworkStagerTest() override { fs::remove_all(root); }
     size_t filesStaged() const {
         size_t n = 0;
         if (fs::exists(root / "staged"))
@@ -25,7 +24,8 @@ class ArtworkStagerTest : public ::testing::Test {
         return n;
     }
 
-    fs::path root = fs::temp_directory_path() / ("vt-stager-" + std::to_string(::getpid()));
+    vt::test::TempDir tmp;  // ours alone, as staging beneath it wants
+    const fs::path root = tmp.path();
     std::vector<std::string> fetched;
     ArtworkStager stager{root / "staged", [this](const std::string& url, size_t) {
                              fetched.push_back(url);
@@ -64,7 +64,6 @@ TEST_F(ArtworkStagerTest, OneFileAtATimeNamedByItsBytes) {
 
 TEST_F(ArtworkStagerTest, ThePlayersIconIsCopiedBesideTheImagesAndOnlyAPng) {
     fs::create_directories(root / "icons");
-    fs::permissions(root, fs::perms::owner_all);  // a folder in /tmp must be ours alone
     std::ofstream(root / "icons/player.png", std::ios::binary) << kPng;
     std::ofstream(root / "icons/player.jpg", std::ios::binary) << kJpeg;
     const auto copy = stager.stageFallback((root / "icons/player.png").string());
@@ -84,8 +83,6 @@ TEST_F(ArtworkStagerTest, FileURLsAreDecodedAndReadBounded) {
     EXPECT_FALSE(fileURLPath("file:///x%00.png"));
     EXPECT_FALSE(fileURLPath("file:///x%2"));
     EXPECT_FALSE(fileURLPath("/plain/path.png"));
-    fs::create_directories(root);
-    fs::permissions(root, fs::perms::owner_all);  // staging beneath it wants it private
     std::ofstream(root / "big.png") << kPng << std::string(100, 'x');
     EXPECT_FALSE(readSmallFile((root / "big.png").string(), 50));
     EXPECT_TRUE(readSmallFile((root / "big.png").string(), 200));

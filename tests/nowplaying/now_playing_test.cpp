@@ -8,6 +8,7 @@
 #include "dispatch/test_queues.h"
 #include "dispatch/virtual_main_queue.h"
 #include "nowplaying/fake_media_player_bus.h"
+#include "support/test_env.h"
 
 namespace vt::nowplaying {
 namespace {
@@ -144,11 +145,8 @@ TEST_F(NowPlayingTest, CommandsGoToTheActivePlayerOnlyWhereItCan) {
 }
 
 TEST(NowPlayingArtwork, TheActiveTracksImageIsStagedAndGoesWithIt) {
-    const auto dir =
-        std::filesystem::temp_directory_path() / ("vt-np-art-" + std::to_string(::getpid()));
-    std::filesystem::remove_all(dir);
+    vt::test::TempDir dir;  // ours alone, as staging beneath it wants
     std::filesystem::create_directories(dir / "src");
-    std::filesystem::permissions(dir, std::filesystem::perms::owner_all);
     const std::string image = std::string("\x89PNG\r\n\x1A\n", 8) + "pixels";
     std::ofstream(dir / "src" / "cover 1.png") << image;
 
@@ -158,7 +156,7 @@ TEST(NowPlayingArtwork, TheActiveTracksImageIsStagedAndGoesWithIt) {
     NowPlaying np(bus, main, work, std::make_shared<ArtworkStager>(dir / "staged", nullptr));
     np.start();
     PlayerReport r = track(kMpv, "One", PlaybackStatus::playing);
-    r.metadata->artURL = "file://" + (dir / "src" / "cover%201.png").string();
+    r.metadata->artURL = "file://" + (dir.path() / "src" / "cover%201.png").string();
     bus.report(r);
     main.drain();
     ASSERT_TRUE(np.current() && np.current()->artworkFile);
@@ -168,7 +166,6 @@ TEST(NowPlayingArtwork, TheActiveTracksImageIsStagedAndGoesWithIt) {
     main.drain();
     EXPECT_FALSE(np.current());
     EXPECT_FALSE(std::filesystem::exists(staged));
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

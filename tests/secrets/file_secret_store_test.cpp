@@ -2,30 +2,26 @@
 // and read as empty rather than trusted when it is not ours alone or broken.
 #include "secrets/file_secret_store.h"
 
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 #include <fstream>
 
 #include "secrets/airplay_password_store.h"
+#include "support/test_env.h"
 
 namespace vt::secrets {
 namespace {
 
 class FileSecretStoreTest : public ::testing::Test {
   protected:
-    FileSecretStoreTest() {
-        char tmpl[] = "/tmp/vt-secrets-XXXXXX";
-        root_ = mkdtemp(tmpl);
-    }
-    ~FileSecretStoreTest() override { std::filesystem::remove_all(root_); }
     static mode_t modeOf(const std::filesystem::path& p) {
         struct stat st {};
         ::stat(p.c_str(), &st);
         return st.st_mode & 0777;
     }
-    std::filesystem::path root_;
+    vt::test::TempDir tmp_;
+    const std::filesystem::path root_ = tmp_.path();
 };
 
 TEST_F(FileSecretStoreTest, KeepsPerServiceAndAccountOnlyForThisUserAndEmptyRemoves) {

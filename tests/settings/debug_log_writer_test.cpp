@@ -4,14 +4,14 @@
 
 #include <thread>
 
-#include "temp_dir.h"
+#include "support/test_env.h"
 
 namespace vt::settings {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::readFile;
-using testing::TempDir;
+using vt::test::readFile;
+using vt::test::TempDir;
 
 TEST(DebugLogWriter, AppendsLinesFromAnyThreadAndMakesItsFolder) {
     TempDir dir;
@@ -41,7 +41,7 @@ TEST(DebugLogWriter, ADeletedFileIsWrittenUntilClosedThenMadeAgain) {
 
 TEST(DebugLogWriter, GivesUpForGoodWhenTheFileCannotBeOpened) {
     TempDir dir;
-    testing::writeFile(dir / "blocker", "");
+    vt::test::writeFile(dir / "blocker", "");
     DebugLogWriter log(dir / "blocker" / "drift.csv");
     log.append("x");
     log.flush();

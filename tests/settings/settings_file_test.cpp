@@ -9,16 +9,17 @@
 #include "settings/atomic_file.h"
 #include "settings/config_paths.h"
 #include "settings/settings.h"
-#include "temp_dir.h"
+#include "support/test_env.h"
 
 namespace vt::settings {
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
+using vt::test::readFile;
+using vt::test::ScopedEnv;
+using vt::test::TempDir;
+using vt::test::writeFile;
 
 std::vector<fs::path> entries(const fs::path& dir) {
     std::vector<fs::path> out;
@@ -131,27 +132,6 @@ TEST(SettingsFile, WritesMakeTheFolderPrivate) {
     EXPECT_EQ(fs::status(dir / "a" / "b" / "f.json").permissions() & fs::perms::all,
               fs::perms::owner_read | fs::perms::owner_write);
 }
-
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* v = std::getenv(name)) old_ = v;
-        if (value)
-            setenv(name, value->c_str(), 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            setenv(name_, old_->c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-  private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
 
 TEST(ConfigPaths, FollowTheOverridesAndTheXdgRules) {
     TempDir dir;

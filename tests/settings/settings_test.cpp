@@ -3,14 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "settings/bounded_text.h"
-#include "temp_dir.h"
+#include "support/test_env.h"
 
 namespace vt::settings {
 namespace {
 
 using nlohmann::json;
-using testing::TempDir;
-using testing::writeFile;
+using vt::test::TempDir;
+using vt::test::writeFile;
 
 TEST(Settings, FreshInstallGivesEveryDefaultAndWritesNothing) {
     TempDir dir;
@@ -109,7 +109,7 @@ TEST(Settings, EveryValueSurvivesARestart) {
     EXPECT_EQ(s.value("airplayDeviceID"), "AA:BB");
 
     // The records are nested JSON, not strings of JSON.
-    json onDisk = json::parse(testing::readFile(s.file()));
+    json onDisk = json::parse(vt::test::readFile(s.file()));
     EXPECT_TRUE(onDisk["output1"].is_object());
     EXPECT_TRUE(onDisk["outputMemory"]["uid:x"].is_object());
     EXPECT_EQ(onDisk["playbackMode"], "Instant");
@@ -125,7 +125,7 @@ TEST(Settings, ClearingOptionalKeysRemovesThem) {
     s.setMainWindowTab(std::nullopt);
     s.setValue("airplayNTP", true);
     s.setValue("airplayNTP", json());
-    json onDisk = json::parse(testing::readFile(s.file()));
+    json onDisk = json::parse(vt::test::readFile(s.file()));
     EXPECT_FALSE(onDisk.contains("pendingRestoreUID"));
     EXPECT_FALSE(onDisk.contains("mainWindowTab"));
     EXPECT_FALSE(onDisk.contains("airplayNTP"));
@@ -158,7 +158,7 @@ TEST(Settings, StoredValuesAreReadTolerantly) {
     EXPECT_EQ(t.driverName(), "Vellatone");
     EXPECT_EQ(t.masterVolume(), 0.0);
     t.setDriverName("");
-    EXPECT_EQ(json::parse(testing::readFile(t.file()))["driverName"], "Vellatone");
+    EXPECT_EQ(json::parse(vt::test::readFile(t.file()))["driverName"], "Vellatone");
 }
 
 TEST(Settings, OutputMemoryKeepsGoodEntriesAndRecoversFromDamage) {
@@ -197,7 +197,7 @@ TEST(Settings, CustomNamesAndMeasureHints) {
 
     s.dismissMeasureHint("uid:a");
     s.dismissMeasureHint("uid:a");
-    EXPECT_EQ(json::parse(testing::readFile(s.file()))["measureHintDismissed"],
+    EXPECT_EQ(json::parse(vt::test::readFile(s.file()))["measureHintDismissed"],
               json::array({"uid:a"}));
 }
 
@@ -220,9 +220,9 @@ TEST(Settings, NamesAreKeptToALengthAStripCanShow) {
     OutputSettings described;
     described.deviceName = endless;  // as a sound server may describe a sink
     s.saveOutput(1, described);
-    EXPECT_EQ(json::parse(testing::readFile(s.file()))["output1"]["deviceName"],
+    EXPECT_EQ(json::parse(vt::test::readFile(s.file()))["output1"]["deviceName"],
               std::string(kMaxNameCharacters, 'n'));
-    EXPECT_EQ(json::parse(testing::readFile(s.file()))["outputNames"]["uid:b"],
+    EXPECT_EQ(json::parse(vt::test::readFile(s.file()))["outputNames"]["uid:b"],
               *s.customName("uid:b"));
 }
 
