@@ -21,11 +21,13 @@
 #include "remote/line_codec.h"
 #include "remote/message_codec.h"
 #include "settings/bounded_text.h"
+#include "support/test_env.h"
 
 namespace vt::app {
 namespace {
 
 using remote::PhoneMessage;
+using vt::test::ScopedEnv;
 
 class Bridge : public model::test::ModelTest {
   protected:
@@ -86,18 +88,11 @@ TEST_F(Bridge, MessagesDriveTheModelAndBadSlotsAreIgnored) {
 
 TEST_F(Bridge, GuestRowsSayGuestOnceAndGoByTheirSlot) {
     model::AppModel& m = withRows({"living"});
-    model::GuestSetup setup;
-    setup.root = dir;
-    setup.port = 0;
-    setup.options.bindAddress = "127.0.0.1";
-    setup.options.allowsLoopbackHost = true;
-    m.enableGuests(setup);
+    enableGuests();
     bridge().handle(PhoneMessage::SetRunning{true});
-    using Event = guests::GuestServer::Event;
     ASSERT_NE(m.guestParty(), nullptr);
-    m.guestParty()->handle({Event::Kind::joined, "ann-phone", "Ann", 1, {}});
-    m.guestParty()->handle({Event::Kind::joined, "bob-phone", "Bob", 2, {}});
-    settle();
+    join("ann-phone", "Ann", 1);
+    join("bob-phone", "Bob", 2);
 
     remote::MacState s = bridge().snapshot();
     ASSERT_EQ(s.rows.size(), 3u);
@@ -286,28 +281,6 @@ TEST_F(Bridge, AnEndlessRenameIsCutToANameAStripCanShow) {
               std::string(vt::settings::kMaxNameCharacters, 'r'));
 }
 
-// Sets an environment variable for one test, or clears it.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* v = std::getenv(name)) old_ = v;
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            setenv(name_, old_->c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-  private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
-
 // With no XDG_RUNTIME_DIR the socket's folder sits in the shared temporary
 // folder, where another user could make it first and take the socket's place.
 TEST_F(Bridge, TheFallbackFolderIsUsedOnlyWhenItIsPlainlyOurs) {
@@ -316,8 +289,8 @@ TEST_F(Bridge, TheFallbackFolderIsUsedOnlyWhenItIsPlainlyOurs) {
     fs::create_directories(shared);
     ::chmod(shared.c_str(), 01777);  // as /tmp is
     ScopedEnv tmp("TMPDIR", shared.c_str());
-    ScopedEnv runtime("XDG_RUNTIME_DIR", nullptr);
-    ScopedEnv socket("VELLATONE_CONTROL_SOCKET", nullptr);
+    ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
+    ScopedEnv socket("VELLATONE_CONTROL_SOCKET", std::nullopt);
     const fs::path path = controlSocketPath();
     const fs::path folder = shared / ("vellatone-" + std::to_string(::getuid()));
     ASSERT_EQ(path, folder / "control.sock");

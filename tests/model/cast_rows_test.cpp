@@ -18,7 +18,8 @@ struct ScriptedSender final : cast::CastOutputSender {
 class CastRowsTest : public ModelTest {
   protected:
     ~CastRowsTest() override { model.reset(); }
-    AppModel& launchWithTV() {
+    // A model whose Cast rows get scripted senders.
+    AppModel& launchWithCast() {
         AppModel& m = launch();
         m.enableDiscovery(network);
         m.enableCast([this](const cast::CastTarget& target, int, bool) {
@@ -27,10 +28,18 @@ class CastRowsTest : public ModelTest {
             senders.push_back(sender);
             return sender;
         });
+        settle();
+        return m;
+    }
+    void tvOnline() {
         network.announce("_googlecast._tcp", {{"Chromecast-1",
                                                {{"id", "c1"}, {"fn", "Lounge TV"}},
                                                discovery::ServiceAddress{"10.0.0.9", 8009}}});
         settle();
+    }
+    AppModel& launchWithTV() {
+        AppModel& m = launchWithCast();
+        tvOnline();
         return m;
     }
     void say(cast::CastStatus status) {
@@ -156,15 +165,7 @@ TEST_F(CastRowsTest, ACastRowIsKeptBetweenRunsAndPlaysWhenItsTVIsBack) {
     m.rename(1, std::string("Big screen"));
     settle();
 
-    AppModel& again = launch();
-    again.enableDiscovery(network);
-    again.enableCast([this](const cast::CastTarget& target, int, bool) {
-        auto sender = std::make_shared<ScriptedSender>();
-        sender->target = target;
-        senders.push_back(sender);
-        return sender;
-    });
-    settle();
+    AppModel& again = launchWithCast();
     ASSERT_EQ(again.rows().size(), 2u);
     EXPECT_EQ(again.rows()[1].castID, "c1");
     EXPECT_EQ(again.rows()[1].shownName(), "Big screen");
@@ -172,10 +173,7 @@ TEST_F(CastRowsTest, ACastRowIsKeptBetweenRunsAndPlaysWhenItsTVIsBack) {
     settle();
     EXPECT_TRUE(senders.empty()) << "its TV has not been seen yet";
     EXPECT_EQ(again.meta(again.rows()[1]), "Cast · not on network");
-    network.announce("_googlecast._tcp", {{"Chromecast-1",
-                                           {{"id", "c1"}, {"fn", "Lounge TV"}},
-                                           discovery::ServiceAddress{"10.0.0.9", 8009}}});
-    settle();
+    tvOnline();
     ASSERT_EQ(senders.size(), 1u);
     EXPECT_TRUE(senders[0]->started);
     again.startStop();

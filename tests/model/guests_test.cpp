@@ -13,22 +13,11 @@ class GuestRowsTest : public ModelTest {
   protected:
     AppModel& playingWithGuests() {
         AppModel& m = withRows({"speakers", "living"});
-        GuestSetup setup;
-        setup.root = dir;
-        setup.port = 0;
-        setup.options.bindAddress = "127.0.0.1";
-        setup.options.allowsLoopbackHost = true;
-        setup.options.computerName = "Studio";
-        m.enableGuests(setup);
+        enableGuests();
         m.onStateChanged = [this] { ++changes; };
         m.startStop();
         settle();
         return m;
-    }
-
-    void join(const std::string& id, const std::string& name, int64_t connection) {
-        model->guestParty()->handle({Event::Kind::joined, id, name, connection, {}});
-        settle();
     }
 
     int slotOfGuest(const std::string& id) {
@@ -40,13 +29,35 @@ class GuestRowsTest : public ModelTest {
     int changes = 0;
 };
 
-TEST_F(GuestRowsTest, NoServerUntilEnabled) {
-    AppModel& m = withRows({"speakers"});
+TEST_F(GuestRowsTest, NoServerUntilEnabledAndTheInvitationStartsItOnceWithoutPlaying) {
+    AppModel& m = withRows({"speakers", "living"});
+    m.openInvitation();
     m.startStop();
     settle();
-    EXPECT_TRUE(m.isRunning());
     EXPECT_EQ(m.guestServer(), nullptr);
     EXPECT_EQ(m.guestParty(), nullptr);
+    m.startStop();
+    settle();
+
+    m.onStateChanged = [this] { ++changes; };
+    enableGuests();
+    m.openInvitation();
+    ASSERT_NE(m.guestServer(), nullptr) << m.guestServerError().value_or("no error");
+    EXPECT_FALSE(m.isRunning());
+    EXPECT_FALSE(m.guestServerError());
+    EXPECT_GT(changes, 0);
+    const guests::GuestServer* server = m.guestServer();
+    m.openInvitation();
+    EXPECT_EQ(m.guestServer(), server);
+
+    // The count is of phones, whatever happens to the regular rows.
+    join("ann-phone", "Ann", 1);
+    join("bob-phone", "Bob", 2);
+    EXPECT_EQ(m.guestCount(), 2);
+    m.removeOutput(0);
+    settle();
+    EXPECT_EQ(m.guestCount(), 2);
+    m.onStateChanged = nullptr;
 }
 
 TEST_F(GuestRowsTest, JoiningGuestBecomesARowAfterTheRegularOnes) {

@@ -3,8 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -15,14 +13,13 @@
 #include "model/app_model.h"
 #include "platform/fake/fake_audio_backend.h"
 #include "settings/settings.h"
+#include "support/test_env.h"
 
 namespace vt::model::test {
 
 class ModelTest : public ::testing::Test {
   protected:
     ModelTest() {
-        char tmpl[] = "/tmp/vt-model-XXXXXX";
-        dir = mkdtemp(tmpl);
         fake.addSink("speakers", "Speakers");
         fake.addSink("living", "Living", 48000);
         fake.addSink("kitchen", "Kitchen", 44100);
@@ -32,8 +29,6 @@ class ModelTest : public ::testing::Test {
     ~ModelTest() override {
         model.reset();
         settings.reset();
-        std::error_code ec;
-        std::filesystem::remove_all(dir, ec);
     }
 
     // A model on the settings file as it stands; the old one goes first.
@@ -59,6 +54,23 @@ class ModelTest : public ::testing::Test {
         return m;
     }
 
+    // Guests on a loopback server, as "Studio"; `port` 0 takes any free one.
+    void enableGuests(uint16_t port = 0) {
+        GuestSetup setup;
+        setup.root = dir;
+        setup.port = port;
+        setup.options.bindAddress = "127.0.0.1";
+        setup.options.allowsLoopbackHost = true;
+        setup.options.computerName = "Studio";
+        model->enableGuests(setup);
+    }
+    // A phone's hello as the guest server reports it.
+    void join(const std::string& id, const std::string& name, int64_t connection) {
+        model->guestParty()->handle(
+            {guests::GuestServer::Event::Kind::joined, id, name, connection, {}});
+        settle();
+    }
+
     double engineDelay(int slot) { return re_engine_delay_ms(model->engine().ringEngine(), slot); }
     std::string defaultSink() { return fake.defaultSinkName().value_or(""); }
     bool hasNotice(const std::string& id) {
@@ -67,7 +79,8 @@ class ModelTest : public ::testing::Test {
         return false;
     }
 
-    std::filesystem::path dir;
+    vt::test::TempDir tmp;
+    std::filesystem::path dir = tmp.path();
     platform::FakeAudioBackend fake;
     dispatch::VirtualMainQueue main;
     dispatch::ImmediateWorkQueue work;

@@ -3,53 +3,47 @@
 // written, removed, and reported when it cannot be.
 #include <sys/stat.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "model/autostart.h"
 #include "model_fixture.h"
+#include "support/test_env.h"
 
 namespace vt::model::test {
 namespace {
-
-std::string readAll(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 class PreferencesTest : public ModelTest {
   protected:
     std::filesystem::path autostart() const { return dir / "autostart"; }
 };
 
-TEST_F(PreferencesTest, AFreshInstallShowsTheTrayFollowsTheDesktopAndDoesNotOpenAtLogin) {
+TEST_F(PreferencesTest, ChoicesStartAtTheirDefaultsAndAreKeptForTheNextLaunch) {
     AppModel& m = launch();
     EXPECT_EQ(m.appearance(), settings::Appearance::automatic);
     EXPECT_TRUE(m.showInMenuBar());
     EXPECT_FALSE(m.openAtLogin());
     EXPECT_FALSE(m.loginItemError());
-}
+    EXPECT_EQ(m.visualiserStyle(), settings::VisualiserStyle::sheets);
+    EXPECT_FALSE(m.visualiserHidden());
 
-TEST_F(PreferencesTest, ChoicesAreKeptForTheNextLaunch) {
-    AppModel& m = launch();
     m.setAutostartPlace(autostart(), "/usr/bin/vellatone");
     m.setAppearance(settings::Appearance::dark);
     m.setShowInMenuBar(false);
     m.setOpenAtLogin(true);
+    m.setVisualiserStyle(settings::VisualiserStyle::scope);
+    m.setVisualiserHidden(true);
 
     AppModel& again = launch();
     EXPECT_EQ(again.appearance(), settings::Appearance::dark);
     EXPECT_FALSE(again.showInMenuBar());
     EXPECT_TRUE(again.openAtLogin());
+    EXPECT_EQ(again.visualiserStyle(), settings::VisualiserStyle::scope);
+    EXPECT_TRUE(again.visualiserHidden());
 }
 
 TEST_F(PreferencesTest, OpeningAtLoginWritesAnEntryThatMarksTheLaunchAndRemovesItAgain) {
     AppModel& m = launch();
     m.setAutostartPlace(autostart(), "/opt/vellatone/bin/vellatone");
     m.setOpenAtLogin(true);
-    const std::string entry = readAll(autostartFile(autostart()));
+    const std::string entry = vt::test::readFile(autostartFile(autostart()));
     EXPECT_NE(entry.find("[Desktop Entry]\n"), std::string::npos);
     EXPECT_NE(entry.find("\nType=Application\n"), std::string::npos);
     EXPECT_NE(entry.find("\nExec=/opt/vellatone/bin/vellatone --login\n"), std::string::npos);
@@ -95,17 +89,11 @@ TEST(AutostartEntry, QuotesAPathThatTheDesktopWouldOtherwiseSplitOrExpand) {
 }
 
 TEST(AutostartEntry, FollowsXdgConfigHome) {
-    const char* old = std::getenv("XDG_CONFIG_HOME");
-    const std::string saved = old ? old : "";
-    setenv("XDG_CONFIG_HOME", "/somewhere/config", 1);
+    vt::test::ScopedEnv config("XDG_CONFIG_HOME", "/somewhere/config");
     EXPECT_EQ(autostartDir(), std::filesystem::path("/somewhere/config/autostart"));
     // Relative values are to be ignored.
-    setenv("XDG_CONFIG_HOME", "relative", 1);
+    vt::test::ScopedEnv relative("XDG_CONFIG_HOME", "relative");
     EXPECT_NE(autostartDir(), std::filesystem::path("relative/autostart"));
-    if (old)
-        setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
-    else
-        unsetenv("XDG_CONFIG_HOME");
 }
 
 }  // namespace

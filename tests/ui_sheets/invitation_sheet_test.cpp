@@ -29,15 +29,6 @@ class InvitationTest : public SheetTest {
         SheetTest::TearDown();
     }
 
-    void enableGuests(uint16_t port = 0) {
-        model::GuestSetup setup;
-        setup.root = dir;
-        setup.port = port;
-        setup.options.bindAddress = "127.0.0.1";
-        setup.options.allowsLoopbackHost = true;
-        model->enableGuests(setup);
-    }
-
     // A loopback port someone else already listens on.
     uint16_t takenPort() {
         blocker = socket(AF_INET, SOCK_STREAM, 0);
@@ -49,11 +40,6 @@ class InvitationTest : public SheetTest {
         socklen_t length = sizeof a;
         getsockname(blocker, reinterpret_cast<sockaddr*>(&a), &length);
         return ntohs(a.sin_port);
-    }
-
-    void join(const std::string& id, const std::string& name, int64_t connection) {
-        model->guestParty()->handle({Event::Kind::joined, id, name, connection, {}});
-        settle();
     }
 
     double now = 100.0;

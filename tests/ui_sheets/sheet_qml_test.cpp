@@ -97,11 +97,7 @@ TEST_F(SheetQmlTest, TheMasterSheetHasNoCopy) {
 }
 
 TEST_F(SheetQmlTest, InvitationWordsAndCopy) {
-    model::GuestSetup setup;
-    setup.root = dir;
-    setup.port = 0;
-    setup.options.bindAddress = "127.0.0.1";
-    model->enableGuests(setup);
+    enableGuests();
     ASSERT_TRUE(show("InvitationSheet { id: s; app: testApp }"));
     if (!model->guestLink()) {
         EXPECT_EQ(named("invite.message")->property("text").toString(),
