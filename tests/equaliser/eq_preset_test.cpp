@@ -24,9 +24,6 @@ TEST(EQPresetTest, SevenEnabledPresetsInOrder) {
     EXPECT_EQ(all[2].detail, "Cuts what a little speaker cannot play anyway");
     EXPECT_EQ(all[6].detail, "Both ends lifted, so quiet still sounds full");
     EXPECT_EQ(all[0].settings.bands, EQSettings::flatBands());
-    EXPECT_EQ(all[3].settings.bands[1], (EQBand{EQKind::peak, 300, -3, 1.2}));
-    EXPECT_EQ(all[2].settings.bands[0], (EQBand{EQKind::highPass, 90, 0, 0.707}));
-    EXPECT_EQ(all[5].settings.bands[5], (EQBand{EQKind::highShelf, 8000, -4, 0.707}));
     EXPECT_EQ(EQPreset::find("loud"), nullptr);
 }
 
