@@ -189,6 +189,7 @@ void RtpStreamer::readInput(StreamStart start) {
         const size_t wholeFrames = have / start.format.bytesPerFrame();
         if (wholeFrames == 0 || stopping_.load()) continue;
         Packet packet;
+        uint64_t placedInEpoch = 0;
         {
             std::lock_guard lock(mutex_);
             if (paused_ && !plan_) continue;
@@ -203,12 +204,15 @@ void RtpStreamer::readInput(StreamStart start) {
             }
             if (!frame || paused_) continue;  // its slot is gone, or no one listens
             packet.frame = *frame;
+            placedInEpoch = epoch_;
         }
         samples.fill(0);
         toStereo16(start.format, {input.data(), have}, samples);
         packAlacStereo16(samples, packet.payload);
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return queue_.size() < kMaxQueuedPackets || stopping_.load(); });
+        // A flush since it was placed dropped it with the rest.
+        if (epoch_ != placedInEpoch) continue;
         queue_.push_back(packet);
         changed_.notify_all();
     }
@@ -255,7 +259,7 @@ void RtpStreamer::sendPackets() {
     std::array<uint8_t, kMaxAudioPacketBytes> wire{};
     std::unique_lock lock(mutex_);
     while (!stopping_.load()) {
-        if (!plan_ || paused_) {
+        if (!plan_) {
             if (readerDone_ && queue_.empty()) break;
             changed_.wait_for(lock, std::chrono::milliseconds(kPollSliceMs));
             continue;
@@ -278,7 +282,10 @@ void RtpStreamer::sendPackets() {
         if (readerDone_ && queue_.empty()) break;
         const std::optional<int64_t> queued =
             queue_.empty() ? std::nullopt : std::optional<int64_t>(queue_.front().frame);
-        const SendPlan::Step step = plan_->next(now, queued);
+        // Paused, the slots still go out, silent: the receiver starts afresh
+        // after the flush at once, not when the sound comes back, and a long
+        // pause does not look to it like a sender that has gone.
+        const SendPlan::Step step = plan_->next(now, queued, paused_);
         using Kind = SendPlan::Step::Kind;
         if (step.kind == Kind::drop) {
             queue_.pop_front();
@@ -345,11 +352,11 @@ void RtpStreamer::resume() {
     if (!paused_) return;
     paused_ = false;
     if (plan_) {
-        // Straight to the audio that comes next; what passed meanwhile is gone.
-        plan_->skipTo(plan_->inputFrame());
-        skippedFrames_ += plan_->slotFrame() - pausedAtFrame_;
+        // What the app writes from now on is heard its lead later; the slots
+        // between went out silent.
+        plan_->restartInput();
+        skippedFrames_ += plan_->freshFrame(unixNowNs()) - pausedAtFrame_;
     }
-    ++epoch_;
     changed_.notify_all();
 }
 

@@ -86,7 +86,8 @@ class RtpStreamer {
     // Drops what is queued and not yet sent, and gives the RTP time and
     // sequence number the receiver is to drop everything before. The time line
     // runs on: audio that comes later is heard as it would have been. With
-    // `pause`, input is read and dropped until `resume`.
+    // `pause`, input is read and dropped until `resume`, and the slots go out
+    // as silence meanwhile; after it, input is heard its lead after it came.
     struct FlushPoint {
         uint16_t seq = 0;
         uint32_t rtptime = 0;

@@ -8,16 +8,25 @@ namespace {
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 }  // namespace
 
+int64_t SendPlan::freshFrame(int64_t arrivalNs) const {
+    const int64_t dueNs = arrivalNs + leadNs_ - timeline_.startUnixNs();
+    const int64_t frames = (dueNs * kRaopSampleRate + kNsPerSecond - 1) / kNsPerSecond;
+    const int64_t slots = (frames + kFramesPerSlot - 1) / kFramesPerSlot;
+    return std::max(slot_, slots * kFramesPerSlot);
+}
+
 std::optional<int64_t> SendPlan::place(int64_t arrivalNs) {
-    const int64_t expected = timeline_.playUnixNs(input_) - leadNs_;
-    if (arrivalNs - expected > kLateInputNs) {
+    if (arrivalNs - (timeline_.playUnixNs(input_) - leadNs_) > kLateInputNs) {
         // Heard its lead after it came, on a slot boundary at or after that.
-        const int64_t dueNs = arrivalNs + leadNs_ - timeline_.startUnixNs();
-        const int64_t frames = (dueNs * kRaopSampleRate + kNsPerSecond - 1) / kNsPerSecond;
-        const int64_t slots = (frames + kFramesPerSlot - 1) / kFramesPerSlot;
-        const int64_t moved = std::max(input_, slots * kFramesPerSlot);
+        const int64_t moved = std::max(input_, freshFrame(arrivalNs));
         shifted_ += moved - input_;
         input_ = moved;
+    }
+    if (restart_) {
+        // An app that wrote on through the pause keeps its place; one that
+        // stopped for a while is heard its lead after it starts again.
+        restart_ = false;
+        if (input_ < slot_) input_ = freshFrame(arrivalNs);
     }
     const int64_t frame = input_;
     input_ += kFramesPerSlot;
@@ -25,7 +34,7 @@ std::optional<int64_t> SendPlan::place(int64_t arrivalNs) {
     return frame;
 }
 
-SendPlan::Step SendPlan::next(int64_t nowNs, std::optional<int64_t> queued) const {
+SendPlan::Step SendPlan::next(int64_t nowNs, std::optional<int64_t> queued, bool paused) const {
     using Kind = Step::Kind;
     if (queued && *queued < slot_) return {Kind::drop};
     const int64_t sendAt = timeline_.sendNotBeforeUnixNs(slot_);
@@ -33,6 +42,12 @@ SendPlan::Step SendPlan::next(int64_t nowNs, std::optional<int64_t> queued) cons
     if (queued && *queued == slot_) return {Kind::send};
     // Later audio waiting means this slot was skipped over: nothing comes for it.
     if (queued) return {Kind::pad};
+    // Held back a little, so that the audio of an app that writes on through
+    // the pause still finds its slot when it is played again.
+    if (paused) {
+        if (nowNs >= sendAt + kPausedPadDelayNs) return {Kind::pad};
+        return {Kind::wait, sendAt + kPausedPadDelayNs};
+    }
     const int64_t padAt = timeline_.playUnixNs(slot_) - kPadMarginNs;
     if (nowNs >= padAt) return {Kind::pad};
     return {Kind::wait, padAt};

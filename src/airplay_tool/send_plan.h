@@ -21,6 +21,8 @@ class SendPlan {
     static constexpr int64_t kLateInputNs = 500'000'000;
     // A slot with no audio this close to being heard goes out as silence.
     static constexpr int64_t kPadMarginNs = 100'000'000;
+    // Paused, a slot goes out as silence this long after it may go.
+    static constexpr int64_t kPausedPadDelayNs = 100'000'000;
 
     // Frame 0 of `timeline` is the audio that arrived `leadNs` before it is heard.
     SendPlan(StreamTimeline timeline, int64_t leadNs) : timeline_(timeline), leadNs_(leadNs) {}
@@ -35,11 +37,15 @@ class SendPlan {
     };
     // What the sender does now, `queued` being the frame of the oldest packet
     // waiting. send: that packet; pad: silence; drop: the packet's slot is gone.
-    Step next(int64_t nowNs, std::optional<int64_t> queued) const;
+    // Paused, no audio is coming: each slot goes out as silence soon after it may.
+    Step next(int64_t nowNs, std::optional<int64_t> queued, bool paused = false) const;
     // The slot went out, with audio or silence.
     void sent() { slot_ += kFramesPerSlot; }
-    // Slots before `frame` never go out (a pause passed over them).
-    void skipTo(int64_t frame) { slot_ = std::max(slot_, frame); }
+    // After a pause: the next input keeps its place on the time line if its
+    // slot has not gone out, else it is heard its lead after it comes.
+    void restartInput() { restart_ = true; }
+    // The first slot at or after `arrivalNs` + the lead that has not gone out.
+    int64_t freshFrame(int64_t arrivalNs) const;
 
     int64_t slotFrame() const { return slot_; }
     // How far late audio has moved the time line forward, in frames.
@@ -55,6 +61,7 @@ class SendPlan {
     int64_t input_ = 0;  // the frame the next packet of input is
     int64_t slot_ = 0;   // the frame of the next slot to go out
     int64_t shifted_ = 0;
+    bool restart_ = false;
 };
 
 }  // namespace vt::airplay_tool

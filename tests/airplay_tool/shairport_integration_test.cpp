@@ -380,6 +380,10 @@ TEST_F(ShairportTest, StartAtZeroPlaysAfterTheReportedLeadAndKeepsItThroughStall
     if (pulse.pipewire()) {
         EXPECT_GE(onTimeAfterStall, 8);
     }
+    if (HasFailure())
+        std::printf("paused at %lld, played at %lld\n--- the tool\n%s\n--- the receiver\n%s\n",
+                    static_cast<long long>(pausedMs), static_cast<long long>(playedMs),
+                    tool.process->transcript().c_str(), receiver->log().c_str());
 }
 
 }  // namespace

@@ -64,18 +64,25 @@ struct Sent {
     int input;  // -1: silence
     int64_t atNs;
 };
-std::vector<Sent> runPlan(SendPlan& plan, const std::vector<int64_t>& arrivals, int64_t until) {
+// Paused from `pause.first` to `pause.second`, input is placed and dropped, as
+// the streamer does.
+std::vector<Sent> runPlan(SendPlan& plan, const std::vector<int64_t>& arrivals, int64_t until,
+                          std::pair<int64_t, int64_t> pause = {0, 0}) {
     std::vector<Sent> out;
     std::vector<std::pair<int64_t, int>> queue;  // frame, input index
     size_t next = 0;
+    bool wasPaused = false;
     for (int64_t now = arrivals.front(); now < until; now += kNs / 1000) {
+        const bool paused = now >= pause.first && now < pause.second;
+        if (wasPaused && !paused) plan.restartInput();
+        wasPaused = paused;
         while (next < arrivals.size() && arrivals[next] <= now) {
-            if (auto f = plan.place(arrivals[next])) queue.push_back({*f, int(next)});
+            if (auto f = plan.place(arrivals[next]); f && !paused) queue.push_back({*f, int(next)});
             ++next;
         }
         for (;;) {
             auto queued = queue.empty() ? std::nullopt : std::optional<int64_t>(queue[0].first);
-            const SendPlan::Step step = plan.next(now, queued);
+            const SendPlan::Step step = plan.next(now, queued, paused);
             using Kind = SendPlan::Step::Kind;
             if (step.kind == Kind::wait) break;
             if (step.kind == Kind::drop) {
@@ -151,6 +158,35 @@ TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
     }
     EXPECT_TRUE(after);
     for (size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(sent[i].frame, sent[i - 1].frame + 352);
+
+    // A pause: every slot still goes out, silent, and after it the audio of an
+    // app that wrote on keeps its place, while one that stopped writing for
+    // less than a stall is heard its lead after it starts again, none dropped.
+    const std::pair<int64_t, int64_t> pause = {steady[30], steady[30] + kNs};
+    for (const int64_t gap : {int64_t{0}, 300 * kNs / 1000}) {
+        SCOPED_TRACE(gap);
+        std::vector<int64_t> arrivals;
+        for (int i = 0; i < 400; ++i) {
+            const int64_t at = t0 + i * packetNs;
+            if (at < pause.second - gap || at >= pause.second) arrivals.push_back(at);
+        }
+        SendPlan d = plan();
+        sent = runPlan(d, arrivals, arrivals.back() + 2 * lead, pause);
+        int resumedFrom = -1;
+        for (size_t i = 0; i < sent.size(); ++i) {
+            EXPECT_EQ(sent[i].frame, int64_t(i) * 352);
+            if (sent[i].atNs >= pause.first && sent[i].atNs < pause.second) {
+                EXPECT_EQ(sent[i].input, -1);
+            }
+            if (sent[i].input < 0 || arrivals[sent[i].input] < pause.second) continue;
+            if (resumedFrom < 0) resumedFrom = sent[i].input;
+            EXPECT_NEAR(double(heardLead(d, sent[i], arrivals)), double(lead),
+                        gap == 0 ? 1e6 : double(packetNs));
+        }
+        ASSERT_GE(resumedFrom, 0);
+        EXPECT_EQ(arrivals[resumedFrom],
+                  *std::lower_bound(arrivals.begin(), arrivals.end(), pause.second));
+    }
 }
 
 }  // namespace
