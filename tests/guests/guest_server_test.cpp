@@ -188,7 +188,6 @@ TEST_F(GuestServerTest, ServesThePageAndRefusesForeignHostsAndOrigins) {
     EXPECT_NE(js.find("Content-Type: text/javascript; charset=utf-8"), std::string::npos);
     EXPECT_EQ(get("/nothere.css").substr(0, 12), "HTTP/1.1 404");
     EXPECT_EQ(get("/a..html").substr(0, 12), "HTTP/1.1 404");
-    EXPECT_EQ(get("/guest/short/status").substr(0, 12), "HTTP/1.1 404");
 
     const std::string port = std::to_string(server_->port());
     EXPECT_EQ(
