@@ -27,7 +27,16 @@ namespace {
 constexpr size_t kBytesPerFrame = 4;  // s16le stereo
 constexpr size_t kReadChunkBytes = 16384;
 constexpr size_t kMaxHeldBytes = 8u << 20;  // a writer far ahead of real time is broken
-constexpr pa_usec_t kTimingEveryUsec = 20000;
+// pipewire-pulse answers a timing query with the position its last graph
+// cycle left and the clock at the moment it answers: asked at a random
+// moment, a snapshot is late by up to a whole quantum (5.3 ms at 256
+// frames) and every frame seems heard that much later than it is. Asked
+// right after the server's request for data, which ends a cycle, it is
+// fresh. PulseAudio reads both when it answers and does not care.
+constexpr double kTimingEverySec = 0.020;
+// A stream the server asks nothing of still gets a snapshot this often.
+constexpr double kQuietTimingEverySec = 0.100;
+constexpr pa_usec_t kTimerEveryUsec = 20000;
 
 double clockSec(clockid_t id) {
     timespec ts{};
@@ -43,6 +52,9 @@ struct Sink {
     std::string device = "tv";
     uint32_t rate = 44100;
     uint32_t latencyMs = 60;
+    pa_defer_event* freshTiming = nullptr;
+    pa_operation* pendingTiming = nullptr;
+    double lastTimingRequest = 0;  // monotonic seconds
     std::deque<uint8_t> held;
     bool inputEnded = false;
     bool draining = false;
@@ -101,6 +113,10 @@ void onInput(pa_mainloop_api*, pa_io_event* event, int fd, pa_io_event_flags_t, 
 
 void onTiming(pa_stream* st, int success, void* user) {
     auto& s = *static_cast<Sink*>(user);
+    if (s.pendingTiming) {
+        pa_operation_unref(s.pendingTiming);
+        s.pendingTiming = nullptr;
+    }
     const pa_timing_info* ti = success ? pa_stream_get_timing_info(st) : nullptr;
     if (!ti || ti->read_index_corrupt || ti->read_index <= 0) return;
     // The sink has taken read_index bytes of ours and will play the last of
@@ -114,14 +130,22 @@ void onTiming(pa_stream* st, int success, void* user) {
     std::fflush(stdout);
 }
 
+void requestTiming(Sink& s) {
+    if (s.pendingTiming || !s.stream || pa_stream_get_state(s.stream) != PA_STREAM_READY) return;
+    s.pendingTiming = pa_stream_update_timing_info(s.stream, onTiming, &s);
+    if (s.pendingTiming) s.lastTimingRequest = clockSec(CLOCK_MONOTONIC);
+}
+
+void onFreshTiming(pa_mainloop_api* api, pa_defer_event* event, void* user) {
+    api->defer_enable(event, 0);
+    requestTiming(*static_cast<Sink*>(user));
+}
+
 void onTimer(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* user) {
     auto& s = *static_cast<Sink*>(user);
-    if (s.stream && pa_stream_get_state(s.stream) == PA_STREAM_READY) {
-        pa_operation* op = pa_stream_update_timing_info(s.stream, onTiming, &s);
-        if (op) pa_operation_unref(op);
-    }
+    if (clockSec(CLOCK_MONOTONIC) - s.lastTimingRequest >= kQuietTimingEverySec) requestTiming(s);
     timeval next{};
-    pa_timeval_add(pa_gettimeofday(&next), kTimingEveryUsec);
+    pa_timeval_add(pa_gettimeofday(&next), kTimerEveryUsec);
     api->time_restart(event, &next);
 }
 
@@ -142,7 +166,14 @@ void openStream(Sink& s) {
         },
         &s);
     pa_stream_set_write_callback(
-        s.stream, [](pa_stream*, size_t, void* user) { feed(*static_cast<Sink*>(user)); }, &s);
+        s.stream,
+        [](pa_stream*, size_t, void* user) {
+            auto& sink = *static_cast<Sink*>(user);
+            if (clockSec(CLOCK_MONOTONIC) - sink.lastTimingRequest >= kTimingEverySec)
+                sink.api->defer_enable(sink.freshTiming, 1);
+            feed(sink);
+        },
+        &s);
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.tlength = static_cast<uint32_t>(pa_usec_to_bytes(s.latencyMs * 1000ull, &spec));
@@ -195,8 +226,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     s.api->io_new(s.api, 0, PA_IO_EVENT_INPUT, onInput, &s);
+    s.freshTiming = s.api->defer_new(s.api, onFreshTiming, &s);
+    s.api->defer_enable(s.freshTiming, 0);
     timeval first{};
-    pa_timeval_add(pa_gettimeofday(&first), kTimingEveryUsec);
+    pa_timeval_add(pa_gettimeofday(&first), kTimerEveryUsec);
     s.api->time_new(s.api, &first, onTimer, &s);
 
     int code = 0;
