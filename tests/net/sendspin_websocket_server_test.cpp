@@ -51,14 +51,19 @@ class ServerTest : public ::testing::Test {
         return events_;
     }
 
-    // Sends raw bytes and returns all the server said before closing.
-    std::string exchange(const std::string& request) {
+    // A plain TCP connection to the server, for writing bytes by hand.
+    int connectToServer() {
         const int fd = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(server_->port());
         inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
         EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    }
+    // Sends raw bytes and returns all the server said before closing.
+    std::string exchange(const std::string& request) {
+        const int fd = connectToServer();
         HTTPResponse::writeAll(fd, request);
         std::string reply;
         char chunk[4096];
@@ -121,12 +126,7 @@ TEST_F(ServerTest, ANewClientReplacesTheOldOneAndConnectsBeforeTheOldDisconnects
 }
 
 TEST_F(ServerTest, TakesAFrameSentInTheSameSegmentAsTheHead) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(server_->port());
-    inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int fd = connectToServer();
     HTTPResponse::writeAll(fd,
                            "GET /sendspin HTTP/1.1\r\nUpgrade: websocket\r\nSec-WebSocket-Key: "
                            "x\r\nSec-WebSocket-Version: 13\r\n\r\n" +

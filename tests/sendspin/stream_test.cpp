@@ -118,14 +118,20 @@ TEST(SendspinStream, StampsStayExactOverTenVirtualMinutes) {
     EXPECT_EQ(texts[0].text, P::streamStart(48000, 2, 16, startUs));
 }
 
-TEST(SendspinStream, RestartsItsTimelineAfterALongStallWithoutABurst) {
+// `frames` frames from a pump whose 50th sleep overruns by `stall` seconds.
+std::vector<Sent> framesAroundAStall(double stall, size_t frames) {
     auto clock = std::make_shared<VirtualClock>();
-    clock->stallOnce(50, 0.6);
+    clock->stallOnce(50, stall);
     RecordingTransport transport(*clock);
     SendspinStream stream(transport, 500.0, "TestPump", silence, clock);
     stream.begin(1);
-    const auto audio = transport.waitForAudio(100);
+    auto audio = transport.waitForAudio(frames);
     stream.stopPump();
+    return audio;
+}
+
+TEST(SendspinStream, RestartsItsTimelineAfterALongStallWithoutABurst) {
+    const auto audio = framesAroundAStall(0.6, 100);
     // The stall is seen at the end of the round that woke late (frame 50); the
     // frame after it is stamped from its own time, not from the old line.
     for (size_t i = 1; i <= 50; ++i) ASSERT_EQ(audio[i].playAtUs - audio[i - 1].playAtUs, 10'000);
@@ -138,13 +144,7 @@ TEST(SendspinStream, RestartsItsTimelineAfterALongStallWithoutABurst) {
 }
 
 TEST(SendspinStream, CatchesUpAfterAShortStallWithStampsContinuing) {
-    auto clock = std::make_shared<VirtualClock>();
-    clock->stallOnce(50, 0.4);
-    RecordingTransport transport(*clock);
-    SendspinStream stream(transport, 500.0, "TestPump", silence, clock);
-    stream.begin(1);
-    const auto audio = transport.waitForAudio(150);
-    stream.stopPump();
+    const auto audio = framesAroundAStall(0.4, 150);
     size_t backToBack = 0;
     for (size_t i = 1; i < 150; ++i) {
         ASSERT_EQ(audio[i].playAtUs - audio[i - 1].playAtUs, 10'000) << i;
