@@ -12,6 +12,10 @@ namespace {
 constexpr double kGlideFrames = 480.0;
 constexpr double kCoastFrames = 48000.0;
 constexpr double kSlewWindowFrames = 4096.0;
+// A slot that waited for its audio and is then asked for a time this far from
+// where it stood was not asked again for the same block: what was heard
+// between was silence, so it starts afresh instead of gliding over the gap.
+constexpr double kResumeSeamFrames = 8.0;
 constexpr int kNoisePeriod = 24000;
 constexpr int kNoiseBurst = 14400;
 constexpr int kNoiseEdge = 480;
@@ -381,12 +385,31 @@ void re_engine_render_at_host(re_engine* e, int32_t slot, float* out, uint32_t f
     }
 
     double err = want - s->read_pos;
+    if (s->waiting && want_ok) {
+        s->waiting = 0;
+        if (std::fabs(err) > kResumeSeamFrames) {
+            s->read_pos = want;
+            s->gain_now = 0.0f;
+            s->fade_left = 0;
+            s->slewing = 0;
+            err = 0.0;
+        }
+    }
     if (s->slewing && std::fabs(err) > kSlewWindowFrames) s->slewing = 0;
     const bool small = std::fabs(err) <= kGlideFrames || s->slewing;
     auto in_range = [&](double p) { return p >= oldest && p + need <= written; };
     const bool pos_ok = in_range(s->read_pos);
 
     if (!want_ok && !(pos_ok && small)) {
+        if (want >= oldest) {
+            // Not captured yet (a capture that comes late): silence, with
+            // the slot left as it stands. A stream that does not play this
+            // silence asks for the same time again once the audio is here,
+            // and it continues without a seam.
+            s->waiting = 1;
+            silence(s, out, frames);
+            return;
+        }
         s->locked = 0;
         s->gain_now = 0.0f;
         s->fade_left = 0;

@@ -82,6 +82,7 @@ void re_take_reset(re_slot* s) {
     s->late_votes = 0;
     s->coast_budget = 0.0;
     s->slewing = 0;
+    s->waiting = 0;
     // A slot starting afresh is silent until it locks on; that is no starving.
     s->primed.store(0, std::memory_order_relaxed);
     s->starving = 0;
@@ -209,6 +210,10 @@ double re_engine_ppm(const re_engine* e, int32_t slot) {
 
 uint64_t re_engine_starved_frames(const re_engine* e, int32_t slot) {
     return e->slots[slot].starved_frames.load(std::memory_order_relaxed);
+}
+
+uint8_t re_engine_starving(const re_engine* e, int32_t slot) {
+    return e->slots[slot].starving;
 }
 
 void re_engine_take_peak(re_engine* e, int32_t slot, float* left, float* right) {

@@ -58,6 +58,8 @@ double re_engine_ppm(const re_engine* e, int32_t slot);
 // Frames of silence the slot played, after it had sounded, because the audio
 // it needed was not (or no longer) in the ring.
 uint64_t re_engine_starved_frames(const re_engine* e, int32_t slot);
+// Whether the slot's last block was such silence. The slot's own thread only.
+uint8_t re_engine_starving(const re_engine* e, int32_t slot);
 void re_engine_take_peak(re_engine* e, int32_t slot, float* left, float* right);
 
 // Host clock (CLOCK_MONOTONIC; ticks are nanoseconds).

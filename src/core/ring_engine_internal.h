@@ -69,6 +69,7 @@ struct re_slot {
     double coast_budget = 0.0;
     uint8_t slewing = 0;
     uint8_t starving = 0;  // silent since it last sounded
+    uint8_t waiting = 0;   // locked, silent until the audio for its time is captured
     std::atomic<uint32_t> generation_seen{0};
     std::atomic<uint32_t> snap_generation{0};
     std::atomic<uint8_t> snap_valid{0};

@@ -12,9 +12,10 @@ void re_capture_block(void* ctx, const float* frames, uint32_t count, double hos
     if (frames != nullptr) re_engine_write(e, frames, count);
 }
 
-void re_playback_block(void* ctx, float* frames, uint32_t count, double present_sec, double) {
+bool re_playback_block(void* ctx, float* frames, uint32_t count, double present_sec, double) {
     auto* out = static_cast<re_output_ctx*>(ctx);
-    if (out == nullptr || frames == nullptr || count == 0) return;
-    re_engine_render_at(out->engine, static_cast<int32_t>(out->slot), frames, count,
-                        present_sec > 0.0 ? present_sec : 0.0);
+    if (out == nullptr || frames == nullptr || count == 0) return true;
+    const auto slot = static_cast<int32_t>(out->slot);
+    re_engine_render_at(out->engine, slot, frames, count, present_sec > 0.0 ? present_sec : 0.0);
+    return re_engine_starving(out->engine, slot) == 0;
 }

@@ -33,6 +33,7 @@ void re_capture_block(void* ctx, const float* frames, uint32_t count, double hos
 // `ctx` is a re_output_ctx; `frames` receives `count` rendered frames.
 // `present_sec` at or below 0: the time is unknown, and the slot keeps its
 // place by the ring's fill (or coasts on its last time). The slot keeps its
-// own position, so the stream's is not needed.
-void re_playback_block(void* ctx, float* frames, uint32_t count, double present_sec,
+// own position, so the stream's is not needed. False when the slot, having
+// sounded, is silent because the audio it needs has not been captured yet.
+bool re_playback_block(void* ctx, float* frames, uint32_t count, double present_sec,
                        double stream_frame);

@@ -68,8 +68,11 @@ using CaptureCallback = void (*)(void* clientData, const float* frames, uint32_t
 // What a playback stream asks for on its real-time thread: fill `count` frames
 // of interleaved float32 stereo, whose first frame is heard at host time
 // `presentSec` in seconds (0 when unknown) and sits at `streamFrame` in the
-// stream (which jumps forward when the stream had to skip).
-using PlaybackCallback = void (*)(void* clientData, float* frames, uint32_t count,
+// stream (which jumps forward when the stream had to skip). Returns false
+// when it has nothing to play there yet, only silence for want of audio: the
+// stream then writes nothing until the next request and lets the server play
+// its own silence, rather than queue a buffer of ours ahead of the audio.
+using PlaybackCallback = bool (*)(void* clientData, float* frames, uint32_t count,
                                   double presentSec, double streamFrame);
 
 // A running stream. Destroying it stops it; after the destructor returns the

@@ -69,4 +69,20 @@ TEST_F(StreamCallbacks, PlaybackRendersInPlaceUntimedOrTimed) {
     EXPECT_EQ(re_engine_timed(e.get(), 3), 1);
 }
 
+TEST_F(StreamCallbacks, PlaybackSaysWhenTheSlotFallsSilentForWantOfAudio) {
+    re_engine_set_gain(e.get(), 3, 1.0f);
+    re_engine_reset_reader(e.get(), 3);
+    std::vector<float> block(2 * 512);
+    EXPECT_TRUE(re_playback_block(&out, block.data(), 512, 0.0, 0.0))
+        << "a slot that never sounded keeps its stream going with silence";
+    write_const(e.get(), 16384, 0.25f, 0.5f);
+    EXPECT_TRUE(re_playback_block(&out, block.data(), 512, 0.0, 0.0));
+    bool starving = false;
+    for (int i = 0; i < 64 && !starving; ++i)
+        starving = !re_playback_block(&out, block.data(), 512, 0.0, 0.0);
+    EXPECT_TRUE(starving) << "the capture stopped and the slot read all it had";
+    write_const(e.get(), 16384, 0.25f, 0.5f);
+    EXPECT_TRUE(re_playback_block(&out, block.data(), 512, 0.0, 0.0)) << "the capture is back";
+}
+
 }  // namespace

@@ -49,11 +49,42 @@ TEST_F(TimedRender, PlaysEachFrameAtItsCaptureTimePlusTheBaseLag) {
     }
     EXPECT_TRUE(timed());
     EXPECT_NEAR(re_engine_ppm(e.get(), 0), 0.0, 1e-3);
-    // 200 ms ahead of anything captured: not there yet.
-    latency = 0.200;
-    cycle();
-    EXPECT_EQ(re_engine_primed(e.get(), 0), 0);
-    EXPECT_EQ(s->resume_at, re_engine_frames_written(e.get()) + 1);
+}
+
+// The capture stalls while the device asks on: once the ring runs out the
+// slot is silent, and says so. A stream that did not play that silence asks
+// for the same time again when the audio has come, and the slot plays on at
+// full gain as if nothing had happened; one that had to move on (its sink ran
+// dry) gets the audio due at its new time, faded in.
+TEST_F(TimedRender, ALateCaptureIsWaitedForInPlace) {
+    const double period = kBlock / RE_RATE;
+    double present = kT0 + written(e.get()) / RE_RATE + latency;
+    int sounding = 0;
+    for (; sounding < 20; ++sounding) {
+        present += period;
+        render(e.get(), 0, kBlock, present, present - 0.005);
+        if (re_engine_starving(e.get(), 0)) break;
+    }
+    ASSERT_LT(sounding, 20);
+    EXPECT_EQ(sounding, 6) << "75 ms of captured audio ahead: six whole blocks";
+
+    for (int i = 0; i < 10; ++i) capture();
+    const double due = (present - kT0) * RE_RATE - 4096;
+    auto out = render(e.get(), 0, kBlock, present, present - 0.005);
+    EXPECT_EQ(re_engine_starving(e.get(), 0), 0);
+    EXPECT_NEAR(frame_of(out, 0), due, 1e-3);
+    EXPECT_FLOAT_EQ(out[1], 1.0f) << "no fade: nothing was heard missing";
+
+    for (int i = 0; i < 20; ++i) {
+        present += period;
+        render(e.get(), 0, kBlock, present, present - 0.005);
+    }
+    ASSERT_EQ(re_engine_starving(e.get(), 0), 1);
+    for (int i = 0; i < 30; ++i) capture();
+    present += 3 * period;
+    out = render(e.get(), 0, kBlock, present, present - 0.005);
+    EXPECT_NEAR(frame_of(out, 0), (present - kT0) * RE_RATE - 4096, 0.01);
+    EXPECT_FLOAT_EQ(out[1], RE_RAMP_STEP);
 }
 
 TEST_F(TimedRender, CoastsForOneSecondThenTheFillLoopTakesOverInPlace) {

@@ -45,8 +45,9 @@ struct Player {
     }
 };
 
-void silence(void*, float* frames, uint32_t count, double, double) {
+bool silence(void*, float* frames, uint32_t count, double, double) {
     std::fill_n(frames, 2 * static_cast<size_t>(count), 0.0f);
+    return true;
 }
 
 class GuardIntegration : public ::testing::Test {

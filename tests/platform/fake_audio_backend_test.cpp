@@ -25,7 +25,7 @@ void captureProc(void* client, const float* frames, uint32_t count, double hostS
     s->sampleTime = streamFrame;
 }
 
-void playbackProc(void* client, float* frames, uint32_t count, double presentSec,
+bool playbackProc(void* client, float* frames, uint32_t count, double presentSec,
                   double streamFrame) {
     auto* s = static_cast<Seen*>(client);
     ++s->calls;
@@ -33,6 +33,7 @@ void playbackProc(void* client, float* frames, uint32_t count, double presentSec
     s->hostSec = presentSec;
     s->sampleTime = streamFrame;
     for (uint32_t i = 0; i < count * 2; ++i) frames[i] = 0.25f;
+    return true;
 }
 
 TEST(FakeAudioBackend, CaptureBlocksCarryTheTestsHostTimeAndSamples) {

@@ -165,8 +165,9 @@ struct Player {
     }
 };
 
-void silentOutput(void*, float* frames, uint32_t count, double, double) {
+bool silentOutput(void*, float* frames, uint32_t count, double, double) {
     std::fill_n(frames, 2 * static_cast<size_t>(count), 0.0f);
+    return true;
 }
 
 TEST_F(PulseBackendTest, MovesOtherProgramsStreamsButNeverOurs) {
@@ -228,7 +229,7 @@ struct Probe {
     std::atomic<int> untimedCaptures{0};
 };
 
-void probeOutput(void* client, float* data, uint32_t frames, double start, double streamFrame) {
+bool probeOutput(void* client, float* data, uint32_t frames, double start, double streamFrame) {
     auto* p = static_cast<Probe*>(client);
     // Frames are counted by the stream's own position, which jumps forward
     // if the stream had to skip.
@@ -251,6 +252,7 @@ void probeOutput(void* client, float* data, uint32_t frames, double start, doubl
             }
         }
     }
+    return true;
 }
 
 void probeInput(void* client, const float* data, uint32_t frames, double start,

@@ -77,7 +77,7 @@ struct Keeper {
 };
 constexpr float kKeeperNoise = 0.3f;
 
-void keep(void* keeper, float* frames, uint32_t count, double, double) {
+bool keep(void* keeper, float* frames, uint32_t count, double, double) {
     auto* k = static_cast<Keeper*>(keeper);
     const bool noisy = k->noisy->load(std::memory_order_relaxed);
     for (uint32_t i = 0; i < count; ++i) {
@@ -91,10 +91,12 @@ void keep(void* keeper, float* frames, uint32_t count, double, double) {
         frames[2 * i] = v;
         frames[2 * i + 1] = v;
     }
+    return true;
 }
 
-void play(void* mixer, float* frames, uint32_t count, double presentSec, double) {
+bool play(void* mixer, float* frames, uint32_t count, double presentSec, double) {
     static_cast<vt::room::RoomMixer*>(mixer)->render(frames, count, presentSec);
+    return true;
 }
 
 }  // namespace

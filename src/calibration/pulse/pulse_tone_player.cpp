@@ -79,9 +79,10 @@ void PulseTonePlayer::poll() {
     }
 }
 
-void PulseTonePlayer::onBlock(void* self, float* frames, uint32_t count, double presentSec,
+bool PulseTonePlayer::onBlock(void* self, float* frames, uint32_t count, double presentSec,
                               double streamFrame) {
     static_cast<PulseTonePlayer*>(self)->fill(frames, count, presentSec, streamFrame);
+    return true;
 }
 
 // The stream's thread: no allocation, no locks, no logging.

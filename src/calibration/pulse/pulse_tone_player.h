@@ -48,7 +48,7 @@ class PulseTonePlayer final : public TonePlayer {
     // How often the main queue looks for sounds that have been played.
     static constexpr double kPollSec = 0.01;
 
-    static void onBlock(void* self, float* frames, uint32_t count, double presentSec,
+    static bool onBlock(void* self, float* frames, uint32_t count, double presentSec,
                         double streamFrame);
     void fill(float* frames, uint32_t count, double presentSec, double streamFrame);
     void poll();

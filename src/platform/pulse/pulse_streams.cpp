@@ -35,6 +35,10 @@ constexpr double kDeliveryGuardSec = 0.001;
 // Written after a skip even when the skip alone answers the server's request,
 // since a seek travels only with data: 1 ms of 48 kHz float stereo.
 constexpr size_t kMinWriteAfterSkipBytes = 48 * kBytesPerFrame;
+// The engine renders a request in blocks of at most this much, so that when
+// the newest audio has not been captured yet all but the last few
+// milliseconds are still written.
+constexpr double kRenderBlockMs = 5.0;
 
 size_t bytesOfMs(double ms, uint32_t rate) {
     return static_cast<size_t>(std::lround(ms * rate / 1000.0)) * kBytesPerFrame;
@@ -370,7 +374,7 @@ class PlaybackStream final : public PulseStream {
         }
         while (remaining > 0) {
             void* data = nullptr;
-            size_t n = std::min<size_t>(remaining, RE_IO_MAX_FRAMES * kBytesPerFrame);
+            size_t n = std::min(remaining, blockBytes_);
             if (pa_stream_begin_write(stream_, &data, &n) < 0 || !data) return;
             n = std::min(n - n % kBytesPerFrame, remaining);
             if (n == 0) {
@@ -378,9 +382,18 @@ class PlaybackStream final : public PulseStream {
                 return;
             }
             const int64_t at = written_ + skip;
-            callback_(clientData_, static_cast<float*>(data),
-                      static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(at),
-                      static_cast<double>(at / kBytesPerFrame));
+            if (!callback_(clientData_, static_cast<float*>(data),
+                           static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(at),
+                           static_cast<double>(at / kBytesPerFrame))) {
+                // Silence for want of captured audio. Queued, it would hold
+                // the audio back by as much when it comes. Left unwritten,
+                // the next request takes it up from here, or, should the
+                // sink run dry first (prebuf 0: the server plays silence of
+                // its own and keeps time), from where the sink reads then:
+                // either way the audio plays as soon as it is here.
+                pa_stream_cancel_write(stream_);
+                return;
+            }
             if (pa_stream_write(stream_, data, n, nullptr, skip, PA_SEEK_RELATIVE) < 0) return;
             written_ = at + static_cast<int64_t>(n);
             skip = 0;
@@ -389,6 +402,8 @@ class PlaybackStream final : public PulseStream {
     }
 
     const PlaybackCallback callback_;
+    const size_t blockBytes_ = std::min(bytesOfMs(kRenderBlockMs, static_cast<uint32_t>(rate_)),
+                                        size_t{RE_IO_MAX_FRAMES} * kBytesPerFrame);
     int64_t written_ = 0;
     int64_t lastReadIndex_ = 0;
     double lastReadHost_ = 0;

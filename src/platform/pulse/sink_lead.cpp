@@ -9,8 +9,9 @@ namespace vt::platform::pulse {
 namespace {
 
 // The stream loop's thread: no allocation, no locks, no logging.
-void writeSilence(void*, float* frames, uint32_t count, double, double) {
+bool writeSilence(void*, float* frames, uint32_t count, double, double) {
     std::fill(frames, frames + 2 * static_cast<size_t>(count), 0.0f);
+    return true;
 }
 
 class Companioned final : public Stream {
