@@ -37,7 +37,7 @@ constexpr double kDeliveryGuardSec = 0.001;
 constexpr size_t kMinWriteAfterSkipBytes = 48 * kBytesPerFrame;
 // The engine renders a request in blocks of at most this much, so that when
 // the newest audio has not been captured yet all but the last few
-// milliseconds are still written.
+// milliseconds of it are still written.
 constexpr double kRenderBlockMs = 5.0;
 
 size_t bytesOfMs(double ms, uint32_t rate) {
@@ -374,30 +374,40 @@ class PlaybackStream final : public PulseStream {
         }
         while (remaining > 0) {
             void* data = nullptr;
-            size_t n = std::min(remaining, blockBytes_);
+            size_t n = std::min<size_t>(remaining, RE_IO_MAX_FRAMES * kBytesPerFrame);
             if (pa_stream_begin_write(stream_, &data, &n) < 0 || !data) return;
             n = std::min(n - n % kBytesPerFrame, remaining);
-            if (n == 0) {
-                pa_stream_cancel_write(stream_);
-                return;
-            }
             const int64_t at = written_ + skip;
-            if (!callback_(clientData_, static_cast<float*>(data),
-                           static_cast<uint32_t>(n / kBytesPerFrame), clock_.hostTimeOf(at),
-                           static_cast<double>(at / kBytesPerFrame))) {
-                // Silence for want of captured audio. Queued, it would hold
-                // the audio back by as much when it comes. Left unwritten,
-                // the next request takes it up from here, or, should the
-                // sink run dry first (prebuf 0: the server plays silence of
-                // its own and keeps time), from where the sink reads then:
-                // either way the audio plays as soon as it is here.
+            // Rendered in short blocks but sent as one piece: every piece is
+            // a message the server's main thread, not a real-time one, has
+            // to handle in time.
+            size_t rendered = 0;
+            bool waiting = false;
+            while (rendered < n && !waiting) {
+                const size_t block = std::min(n - rendered, blockBytes_);
+                const int64_t blockAt = at + static_cast<int64_t>(rendered);
+                waiting = !callback_(
+                    clientData_, reinterpret_cast<float*>(static_cast<uint8_t*>(data) + rendered),
+                    static_cast<uint32_t>(block / kBytesPerFrame), clock_.hostTimeOf(blockAt),
+                    static_cast<double>(blockAt / kBytesPerFrame));
+                if (!waiting) rendered += block;
+            }
+            // Silence for want of captured audio is not written. Queued, it
+            // would hold the audio back by as much when it comes. Left out,
+            // the next request takes it up from here, or, should the sink
+            // run dry first (prebuf 0: the server plays silence of its own
+            // and keeps time), from where the sink reads then: either way
+            // the audio plays as soon as it is here.
+            if (rendered == 0) {
                 pa_stream_cancel_write(stream_);
                 return;
             }
-            if (pa_stream_write(stream_, data, n, nullptr, skip, PA_SEEK_RELATIVE) < 0) return;
-            written_ = at + static_cast<int64_t>(n);
+            if (pa_stream_write(stream_, data, rendered, nullptr, skip, PA_SEEK_RELATIVE) < 0)
+                return;
+            written_ = at + static_cast<int64_t>(rendered);
             skip = 0;
-            remaining -= n;
+            remaining -= rendered;
+            if (waiting) return;
         }
     }
 
