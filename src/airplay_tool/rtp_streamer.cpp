@@ -13,6 +13,7 @@
 #include <cstring>
 #include <random>
 
+#include "airplay_tool/slot_assembler.h"
 #include "airplay_tool/status_writer.h"
 
 namespace vt::airplay_tool {
@@ -26,6 +27,11 @@ constexpr int64_t kSyncIntervalNs = 1'000 * kNsPerMs;
 constexpr int64_t kTimingWaitNs = 2'000 * kNsPerMs;
 constexpr int64_t kSleepSliceNs = 20 * kNsPerMs;
 constexpr int kPollSliceMs = 100;
+// shairport-sync 3.3.8 works out how much its buffer holds from the sequence
+// numbers without minding their wrap, so a FLUSH while it holds packets from
+// both sides of the wrap is not done until play has crossed it (up to the
+// lead later). Starting low puts the first wrap over seven minutes away.
+constexpr uint32_t kFirstSeqRange = 8192;
 // Room for a start up to eight seconds ahead of the audio that fills it.
 constexpr size_t kMaxQueuedPackets = 8 * kRaopSampleRate / kFramesPerPacket;
 
@@ -66,7 +72,7 @@ RtpStreamer::RtpStreamer(StatusWriter& status, std::string localIP, Framing fram
       framing_(std::move(framing)),
       backlog_(kMaxAudioPacketBytes) {
     std::random_device random;
-    firstSeq_ = static_cast<uint16_t>(random());
+    firstSeq_ = static_cast<uint16_t>(random() % kFirstSeqRange);
     // Kept clear of 0, which a receiver reads as "no reference".
     firstTimestamp_ = static_cast<uint32_t>(random()) | 0x100u;
     ssrc_ = framing_.ssrc.value_or(static_cast<uint32_t>(random()));
@@ -165,57 +171,72 @@ void RtpStreamer::beginTimeLine(const StreamStart& start, int64_t arrivalNs) {
 }
 
 void RtpStreamer::readInput(StreamStart start) {
-    const size_t packetInputBytes = kFramesPerPacket * start.format.bytesPerFrame();
-    std::vector<uint8_t> input(packetInputBytes);
+    const size_t bytesPerFrame = start.format.bytesPerFrame();
+    std::vector<uint8_t> input(kFramesPerPacket * bytesPerFrame);
     std::array<int16_t, kFramesPerPacket * 2> samples{};
-    bool ended = false;
-    while (!ended && !stopping_.load()) {
-        size_t have = 0;
-        int64_t arrivalNs = 0;
-        while (have < packetInputBytes && !stopping_.load()) {
-            pollfd p{start.inputFd, POLLIN, 0};
-            int rc = poll(&p, 1, kPollSliceMs);
-            if (rc < 0 && errno != EINTR) break;
-            if (rc <= 0) continue;
-            ssize_t n = read(start.inputFd, input.data() + have, packetInputBytes - have);
-            if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-            if (n <= 0) {
-                ended = true;
-                break;
-            }
-            if (have == 0) arrivalNs = unixNowNs();
-            have += static_cast<size_t>(n);
-        }
-        const size_t wholeFrames = have / start.format.bytesPerFrame();
-        if (wholeFrames == 0 || stopping_.load()) continue;
+    SlotAssembler assembler;
+    uint64_t epoch = 0;  // the flush the assembler's packets belong after
+    const SlotAssembler::Emit queuePacket = [&](int64_t slotFrame,
+                                                std::span<const int16_t> slotSamples) {
         Packet packet;
-        uint64_t placedInEpoch = 0;
-        {
-            std::lock_guard lock(mutex_);
-            if (paused_ && !plan_) continue;
-            if (!plan_) beginTimeLine(start, arrivalNs);
-            // Paused, the time line still runs on with the input.
-            const int64_t shiftedBefore = plan_->shiftedFrames();
-            std::optional<int64_t> frame = plan_->place(arrivalNs);
-            if (const int64_t shifted = plan_->shiftedFrames() - shiftedBefore;
-                shifted > 0 && framing_.reportsReanchor) {
-                reanchoredFrames_ += shifted;
-                status_.reanchor(shifted, reanchoredFrames_, kRaopSampleRate);
-            }
-            if (!frame || paused_) continue;  // its slot is gone, or no one listens
-            packet.frame = *frame;
-            placedInEpoch = epoch_;
-        }
-        samples.fill(0);
-        toStereo16(start.format, {input.data(), have}, samples);
-        packAlacStereo16(samples, packet.payload);
+        packet.frame = slotFrame;
+        packAlacStereo16(slotSamples, packet.payload);
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return queue_.size() < kMaxQueuedPackets || stopping_.load(); });
         // A flush since it was placed dropped it with the rest.
-        if (epoch_ != placedInEpoch) continue;
+        if (epoch_ != epoch) return;
         queue_.push_back(packet);
         changed_.notify_all();
+    };
+    size_t have = 0;  // bytes read and not yet placed: part of a frame
+    while (!stopping_.load()) {
+        pollfd p{start.inputFd, POLLIN, 0};
+        const int rc = poll(&p, 1, kPollSliceMs);
+        if (rc < 0 && errno != EINTR) break;
+        if (rc <= 0) continue;
+        // No more than completes the packet under way, and each read placed
+        // by when it came: input that stalls halfway through a packet is
+        // placed afresh from the frame where the stall broke it.
+        const size_t wantedBytes = assembler.framesWanted() * bytesPerFrame;
+        const ssize_t n = read(start.inputFd, input.data() + have, wantedBytes - have);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) break;
+        const int64_t arrivalNs = unixNowNs();
+        have += static_cast<size_t>(n);
+        const size_t wholeFrames = have / bytesPerFrame;
+        if (wholeFrames == 0) continue;
+        const size_t used = wholeFrames * bytesPerFrame;
+        std::optional<int64_t> placed;
+        {
+            std::lock_guard lock(mutex_);
+            if (!(paused_ && !plan_)) {
+                if (!plan_) beginTimeLine(start, arrivalNs);
+                if (epoch_ != epoch) {
+                    assembler.clear();
+                    epoch = epoch_;
+                }
+                // Paused, the time line still runs on with the input.
+                const int64_t shiftedBefore = plan_->shiftedFrames();
+                placed = plan_->place(arrivalNs, static_cast<int64_t>(wholeFrames));
+                if (const int64_t shifted = plan_->shiftedFrames() - shiftedBefore;
+                    shifted > 0 && framing_.reportsReanchor) {
+                    reanchoredFrames_ += shifted;
+                    status_.reanchor(shifted, reanchoredFrames_, kRaopSampleRate);
+                }
+                if (paused_) placed.reset();  // no one listens
+            }
+        }
+        if (placed) {
+            const size_t frames = toStereo16(start.format, {input.data(), used}, samples);
+            assembler.add(*placed, std::span<const int16_t>(samples.data(), frames * 2),
+                          queuePacket);
+        } else {
+            assembler.clear();  // its slot is gone, or no one listens
+        }
+        std::memmove(input.data(), input.data() + used, have - used);
+        have -= used;
     }
+    if (!stopping_.load()) assembler.finish(queuePacket);
     std::lock_guard lock(mutex_);
     readerDone_ = true;
     changed_.notify_all();

@@ -10,14 +10,12 @@ constexpr int64_t kNsPerSecond = 1'000'000'000;
 
 int64_t SendPlan::freshFrame(int64_t arrivalNs) const {
     const int64_t dueNs = arrivalNs + leadNs_ - timeline_.startUnixNs();
-    const int64_t frames = (dueNs * kRaopSampleRate + kNsPerSecond - 1) / kNsPerSecond;
-    const int64_t slots = (frames + kFramesPerSlot - 1) / kFramesPerSlot;
-    return std::max(slot_, slots * kFramesPerSlot);
+    return std::max(slot_, (dueNs * kRaopSampleRate + kNsPerSecond - 1) / kNsPerSecond);
 }
 
-std::optional<int64_t> SendPlan::place(int64_t arrivalNs) {
+std::optional<int64_t> SendPlan::place(int64_t arrivalNs, int64_t frames) {
     if (arrivalNs - (timeline_.playUnixNs(input_) - leadNs_) > kLateInputNs) {
-        // Heard its lead after it came, on a slot boundary at or after that.
+        // Heard its lead after it came, to the frame.
         const int64_t moved = std::max(input_, freshFrame(arrivalNs));
         shifted_ += moved - input_;
         input_ = moved;
@@ -29,7 +27,7 @@ std::optional<int64_t> SendPlan::place(int64_t arrivalNs) {
         if (input_ < slot_) input_ = freshFrame(arrivalNs);
     }
     const int64_t frame = input_;
-    input_ += kFramesPerSlot;
+    input_ += frames;
     if (frame < slot_) return std::nullopt;
     return frame;
 }

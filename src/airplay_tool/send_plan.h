@@ -16,6 +16,7 @@ namespace vt::airplay_tool {
 
 class SendPlan {
   public:
+    static constexpr int64_t kFramesPerSlot = 352;
     // The app's pump starts afresh rather than catching up once it is this far
     // behind; audio later than this was written after such a stall.
     static constexpr int64_t kLateInputNs = 500'000'000;
@@ -27,9 +28,10 @@ class SendPlan {
     // Frame 0 of `timeline` is the audio that arrived `leadNs` before it is heard.
     SendPlan(StreamTimeline timeline, int64_t leadNs) : timeline_(timeline), leadNs_(leadNs) {}
 
-    // The frame a packet of input that arrived at `arrivalNs` is heard as, or
-    // none when its slot has already gone out as silence.
-    std::optional<int64_t> place(int64_t arrivalNs);
+    // The frame the first of `frames` of input that arrived at `arrivalNs` is
+    // heard as, or none when its slot has already gone out as silence. It need
+    // not be a slot's first frame.
+    std::optional<int64_t> place(int64_t arrivalNs, int64_t frames = kFramesPerSlot);
 
     struct Step {
         enum class Kind { wait, send, pad, drop } kind = Kind::wait;
@@ -44,7 +46,8 @@ class SendPlan {
     // After a pause: the next input keeps its place on the time line if its
     // slot has not gone out, else it is heard its lead after it comes.
     void restartInput() { restart_ = true; }
-    // The first slot at or after `arrivalNs` + the lead that has not gone out.
+    // The frame heard the lead after `arrivalNs`, or the first slot that has
+    // not gone out if that is later.
     int64_t freshFrame(int64_t arrivalNs) const;
 
     int64_t slotFrame() const { return slot_; }
@@ -54,8 +57,6 @@ class SendPlan {
     const StreamTimeline& timeline() const { return timeline_; }
 
   private:
-    static constexpr int64_t kFramesPerSlot = 352;
-
     StreamTimeline timeline_;
     int64_t leadNs_;
     int64_t input_ = 0;  // the frame the next packet of input is

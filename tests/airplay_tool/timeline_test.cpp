@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "airplay_tool/send_plan.h"
+#include "airplay_tool/slot_assembler.h"
 #include "airplay_tool/stream_timeline.h"
 
 using namespace vt::airplay_tool;
@@ -57,11 +58,12 @@ TEST(StreamTimeline, NtpTimesRoundTripAndLatencyStaysInTheReceiversRange) {
 }
 
 // Runs the sender's side of a plan on virtual time until `until`, with input
-// arriving as `arrivals` gives (each a packet); returns what went out:
-// the slot's frame and whether it carried audio (and which input packet).
+// arriving as `arrivals` gives (each a packet's worth, put on slots as the
+// streamer does); returns the slots that went out.
 struct Sent {
-    int64_t frame;
-    int input;  // -1: silence
+    int64_t frame;       // the slot's
+    int input;           // the input packet that begins in it; -1: none
+    int64_t inputFrame;  // where that input begins
     int64_t atNs;
 };
 // Paused from `pause.first` to `pause.second`, input is placed and dropped, as
@@ -69,15 +71,25 @@ struct Sent {
 std::vector<Sent> runPlan(SendPlan& plan, const std::vector<int64_t>& arrivals, int64_t until,
                           std::pair<int64_t, int64_t> pause = {0, 0}) {
     std::vector<Sent> out;
-    std::vector<std::pair<int64_t, int>> queue;  // frame, input index
+    std::vector<std::pair<int64_t, std::vector<int16_t>>> queue;  // slot frame, samples
+    SlotAssembler assembler;
+    const SlotAssembler::Emit enqueue = [&](int64_t slot, std::span<const int16_t> samples) {
+        queue.push_back({slot, {samples.begin(), samples.end()}});
+    };
     size_t next = 0;
     bool wasPaused = false;
+    int16_t lastHeard = 0;
     for (int64_t now = arrivals.front(); now < until; now += kNs / 1000) {
         const bool paused = now >= pause.first && now < pause.second;
         if (wasPaused && !paused) plan.restartInput();
         wasPaused = paused;
         while (next < arrivals.size() && arrivals[next] <= now) {
-            if (auto f = plan.place(arrivals[next]); f && !paused) queue.push_back({*f, int(next)});
+            // Every sample of input packet i says i + 1.
+            const std::vector<int16_t> samples(2 * 352, static_cast<int16_t>(next + 1));
+            if (auto f = plan.place(arrivals[next]); f && !paused)
+                assembler.add(*f, samples, enqueue);
+            else
+                assembler.clear();
             ++next;
         }
         for (;;) {
@@ -89,9 +101,25 @@ std::vector<Sent> runPlan(SendPlan& plan, const std::vector<int64_t>& arrivals, 
                 queue.erase(queue.begin());
                 continue;
             }
-            const int input = step.kind == Kind::send ? queue[0].second : -1;
-            if (step.kind == Kind::send) queue.erase(queue.begin());
-            out.push_back({plan.slotFrame(), input, now});
+            Sent sent{plan.slotFrame(), -1, -1, now};
+            int16_t before = 0;  // the sample heard just before this slot's first
+            if (step.kind == Kind::send) {
+                const std::vector<int16_t>& samples = queue[0].second;
+                before = lastHeard;
+                for (size_t j = 0; j < samples.size(); j += 2) {
+                    if (samples[j] != 0 && samples[j] != before) {
+                        sent.input = samples[j] - 1;
+                        sent.inputFrame = plan.slotFrame() + static_cast<int64_t>(j / 2);
+                        break;
+                    }
+                    before = samples[j];
+                }
+                lastHeard = samples.back();
+                queue.erase(queue.begin());
+            } else {
+                lastHeard = 0;
+            }
+            out.push_back(sent);
             plan.sent();
         }
     }
@@ -102,11 +130,12 @@ TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
     const int64_t t0 = int64_t{1'800'000'000} * kNs;
     const int64_t lead = kNs / 2;
     const int64_t packetNs = 352 * kNs / kRaopSampleRate;
+    const double kOneFrameNs = double(kNs) / kRaopSampleRate;
     auto plan = [&] {
         return SendPlan(StreamTimeline(t0 + lead, 1000, latencyFramesForLead(lead)), lead);
     };
     auto heardLead = [&](const SendPlan& p, const Sent& s, const std::vector<int64_t>& in) {
-        return p.timeline().playUnixNs(s.frame) - in[s.input];
+        return p.timeline().playUnixNs(s.inputFrame) - in[s.input];
     };
 
     // Steady input: every packet out once, in order, heard its lead after it came.
@@ -144,7 +173,8 @@ TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
     EXPECT_LT(silent, 10);
 
     // A 2 s stall: the app starts afresh, and what it writes then is heard
-    // its lead later, not straight after the audio before the stall.
+    // its lead later to the frame, not straight after the audio before the
+    // stall, nor on the slot boundary after its time.
     std::vector<int64_t> stalled = steady;
     for (int i = 50; i < 100; ++i) stalled[i] += 2 * kNs;
     SendPlan c = plan();
@@ -153,7 +183,7 @@ TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
     for (const Sent& s : sent) {
         if (s.input < 50) continue;
         after = true;
-        EXPECT_NEAR(double(heardLead(c, s, stalled)), double(lead), double(packetNs) + 1e6)
+        EXPECT_NEAR(double(heardLead(c, s, stalled)), double(lead), kOneFrameNs)
             << "input " << s.input;
     }
     EXPECT_TRUE(after);
@@ -181,12 +211,45 @@ TEST(SendPlan, AudioKeepsItsLeadThroughStallsAndSilenceFillsTheGaps) {
             if (sent[i].input < 0 || arrivals[sent[i].input] < pause.second) continue;
             if (resumedFrom < 0) resumedFrom = sent[i].input;
             EXPECT_NEAR(double(heardLead(d, sent[i], arrivals)), double(lead),
-                        gap == 0 ? 1e6 : double(packetNs));
+                        gap == 0 ? 1e6 : kOneFrameNs);
         }
         ASSERT_GE(resumedFrom, 0);
         EXPECT_EQ(arrivals[resumedFrom],
                   *std::lower_bound(arrivals.begin(), arrivals.end(), pause.second));
     }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SlotAssembler, InputOffASlotBoundaryStartsWithSilenceAndAJumpEndsThePacketUnderWay) {
+    SlotAssembler assembler;
+    std::vector<std::pair<int64_t, std::vector<int16_t>>> out;
+    const SlotAssembler::Emit emit = [&](int64_t slot, std::span<const int16_t> samples) {
+        out.push_back({slot, {samples.begin(), samples.end()}});
+    };
+    const std::vector<int16_t> ones(2 * 352, 1), twos(2 * 400, 2);
+    assembler.add(352 + 100, ones, emit);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].first, 352);
+    EXPECT_EQ(out[0].second[2 * 99], 0);
+    EXPECT_EQ(out[0].second[2 * 100], 1);
+    EXPECT_EQ(assembler.framesWanted(), 252u);
+    // Not where the held input ends: the held packet goes out, its rest silent.
+    assembler.add(5 * 352 + 10, twos, emit);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[1].first, 704);
+    EXPECT_EQ(out[1].second[2 * 99], 1);
+    EXPECT_EQ(out[1].second[2 * 100], 0);
+    EXPECT_EQ(out[2].first, 5 * 352);
+    EXPECT_EQ(out[2].second[2 * 9], 0);
+    EXPECT_EQ(out[2].second[2 * 10], 2);
+    assembler.finish(emit);
+    ASSERT_EQ(out.size(), 4u);
+    EXPECT_EQ(out[3].first, 6 * 352);
+    EXPECT_EQ(out[3].second[2 * 57], 2);  // 400 - 342 frames carried over
+    EXPECT_EQ(out[3].second[2 * 58], 0);
 }
 
 }  // namespace
