@@ -9,6 +9,8 @@
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -23,6 +25,17 @@ constexpr size_t pgrepOutputLimit = 64 * 1024;
 
 void pause() {
     std::this_thread::sleep_for(std::chrono::milliseconds(AirPlayClock::pollIntervalMs));
+}
+
+// A leftover that has ended but that init has not reaped yet still answers
+// kill(pid, 0); it holds no ports any more.
+bool stillRunning(pid_t pid) {
+    if (::kill(pid, 0) != 0) return false;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const size_t name = text.rfind(')');
+    return name == std::string::npos || name + 2 >= text.size() || text[name + 2] != 'Z';
 }
 
 // Starts `argv` with standard input from /dev/null and standard output and
@@ -131,7 +144,7 @@ void AirPlayClock::reapOrphans(const std::filesystem::path& binary) {
     for (pid_t pid : orphans) ::kill(pid, SIGTERM);
     for (int i = 0; i < orphanPolls; ++i) {
         bool anyLeft = false;
-        for (pid_t pid : orphans) anyLeft = anyLeft || ::kill(pid, 0) == 0;
+        for (pid_t pid : orphans) anyLeft = anyLeft || stillRunning(pid);
         if (!anyLeft) return;
         pause();
     }

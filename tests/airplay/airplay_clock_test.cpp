@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -17,10 +18,21 @@ namespace {
 
 const std::filesystem::path tool = VELLATONE_FAKE_AIRPLAY_TOOL;
 
+// Ended: no such process, or one that its parent (init, for the leftover)
+// has not reaped yet.
+bool ended(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const size_t name = text.rfind(')');
+    return ::kill(pid, 0) != 0 ||
+           (name != std::string::npos && name + 2 < text.size() && text[name + 2] == 'Z');
+}
+
 bool gone(pid_t pid) {
-    for (int i = 0; i < 100 && ::kill(pid, 0) == 0; ++i)
+    for (int i = 0; i < 100 && !ended(pid); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return ::kill(pid, 0) != 0;
+    return ended(pid);
 }
 
 // A daemon as a crashed run leaves it: not our child, still holding the ports.
