@@ -310,6 +310,7 @@ TEST_F(ShairportTest, FirstSampleIsHeardAtTheRequestedTimeAndStopTearsDown) {
             << tool.process->transcript();
         EXPECT_EQ(tool.process->wait(5s), 0);
         EXPECT_FALSE(tool.process->waitForLine("[STATUS] error", 0ms));
+        if (HasFailure()) std::printf("--- the receiver\n%s\n", receiver->log().c_str());
     }
 }
 

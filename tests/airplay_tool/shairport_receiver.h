@@ -49,8 +49,10 @@ class ShairportReceiver {
             << "\"; };\n";
         out << "metadata = { enabled = \"yes\"; include_cover_art = \"yes\"; pipe_name = \""
             << metadataPipe_ << "\"; cover_art_cache_directory = \"\"; };\n";
-        if (getenv("VT_SHAIRPORT_DIAGNOSTICS"))
-            out << "diagnostics = { statistics = \"yes\"; log_verbosity = 2; };\n";
+        // Its own account of each session (flushes, sync errors, what it
+        // dropped), printed when a test fails: what went wrong on the
+        // receiver's side is seldom seen again.
+        out << "diagnostics = { statistics = \"yes\"; log_verbosity = 2; };\n";
         out.close();
         process_ = std::make_unique<ChildProcess>(
             std::vector<std::string>{"/usr/bin/shairport-sync", "-c", conf, "-u"}, false);
