@@ -51,6 +51,11 @@ const WAV_HEADER_BYTES = 44;
 const TICK_MS = 10;
 // The loudspeaker is kept this far ahead of what it plays.
 const OUTPUT_LEAD_S = 0.25;
+// Of that lead, the sound server holds this much and vellatone-tv-sink the
+// rest. A sink asked for a long latency plays in long bursts, and the timing
+// snapshots of its monitor then scatter by milliseconds (4 ms at 250 ms on
+// PulseAudio), which is more than is measured through them.
+const SERVER_BUFFER_MS = 100;
 // Its timing reports scatter (by a millisecond or so on pipewire-pulse): the
 // line from its frames to the clock is the median of this many of them.
 const HEARD_REPORTS_KEPT = 50;
@@ -346,7 +351,7 @@ const output = (() => {
     }
     if (!opts.player) throw new Error('--player (vellatone-tv-sink) is needed to play sound');
     const sink = spawn(opts.player, ['--device', opts.sink, '--rate', String(RATE_HZ),
-        '--latency-msec', String(Math.round(OUTPUT_LEAD_S * 1000))], { stdio: ['pipe', 'pipe', 'inherit'] });
+        '--latency-msec', String(SERVER_BUFFER_MS)], { stdio: ['pipe', 'pipe', 'inherit'] });
     sink.on('exit', (code) => report('player-exit', { code }));
     readline.createInterface({ input: sink.stdout }).on('line', (line) => {
         const [word, at, frame] = line.split(' ');
