@@ -208,7 +208,10 @@ void Calibrator::begin() {
             break;
         case Method::microphone:
             setPhase({PhaseKind::measuringReference, 0, {}});
-            openPlayer([this] { openMicrophone([this] { beginAcoustic(); }); });
+            openPlayer([this] {
+                playerOpenedAt_ = main_.now();
+                openMicrophone([this] { beginAcoustic(); });
+            });
             break;
         case Method::tapping:
             setPhase({PhaseKind::measuringReference, 0, {}});
@@ -265,8 +268,10 @@ void Calibrator::beginAcoustic() {
 void Calibrator::record(int slot, std::function<void(Recording)> then) {
     const RowKey key = slot == host_.slotOf(reference_) ? reference_ : row_;
     std::weak_ptr<bool> alive = alive_;
-    // What is already on its way to the speakers dies away first.
-    waitTimer_ = main_.postAfter(drainSec(), [this, alive, key, then = std::move(then)]() mutable {
+    // What is already on its way to the speakers dies away first, and the
+    // test sound's stream has found its clock.
+    const double wait = std::max(drainSec(), playerOpenedAt_ + clockSettleSec - main_.now());
+    waitTimer_ = main_.postAfter(wait, [this, alive, key, then = std::move(then)]() mutable {
         if (!alive.expired()) take(key, 1, std::move(then));
     });
 }
@@ -314,12 +319,13 @@ void Calibrator::take(RowKey key, int number, std::function<void(Recording)> the
                     if (std::getenv("VELLATONE_CALIBRATION_DEBUG"))
                         std::fprintf(stderr,
                                      "[calibration] take %d of %s: the engine stood up to %.3f "
-                                     "ms off\n",
+                                     "ms off%s\n",
                                      number, key == reference_ ? "the reference" : "the row",
-                                     heard.worstOffMs);
-                    if (!steadiest_ || heard.worstOffMs < steadiest_->worstOffMs)
+                                     heard.worstOffMs,
+                                     played.whole ? "" : ", the sweep went in with a gap");
+                    if (!steadiest_ || heard.steadierThan(*steadiest_))
                         steadiest_ = std::move(heard);
-                    if (steadiest_->worstOffMs > steadyMs && number < maximumTakes) {
+                    if (!steadiest_->steady() && number < maximumTakes) {
                         take(key, number + 1, then);
                         return;
                     }

@@ -55,6 +55,10 @@ class Calibrator {
     // last take, the steadiest is used.
     static constexpr double steadyWaitSec = 3.0;
     static constexpr int maximumTakes = 3;
+    // A new stream's clock is drawn from a few snapshots and may be off by a
+    // millisecond, moving as more come in; the first sweep waits this long
+    // after the test sound's stream opened.
+    static constexpr double clockSettleSec = 2.0;
 
     Calibrator(CalibrationHost& host, dispatch::MainQueue& main, Microphone& microphone,
                ToneOutput& tones, RowKey row, RowKey reference);
@@ -143,6 +147,7 @@ class Calibrator {
     settings::LatencySource restoreSource_ = settings::LatencySource::none;
 
     std::unique_ptr<TonePlayer> player_;
+    double playerOpenedAt_ = 0;
     std::unique_ptr<MicCapture> mic_;
     std::unique_ptr<dispatch::TimerHandle> clickTimer_, waitTimer_, openTimer_, steadyTimer_;
     double worstOffMs_ = 0;  // while the current sweep is heard
@@ -150,6 +155,13 @@ class Calibrator {
         Recording recording;
         RowTiming timing;
         double worstOffMs = 0;
+        // A sweep that went in with a gap is never as good as a whole one.
+        bool steady() const { return recording.played.whole && worstOffMs <= steadyMs; }
+        bool steadierThan(const Take& other) const {
+            if (recording.played.whole != other.recording.played.whole)
+                return recording.played.whole;
+            return worstOffMs < other.worstOffMs;
+        }
     };
     std::optional<Take> steadiest_;  // of the current sweep's takes
     // Counts what was started and later stopped: an opening that answers

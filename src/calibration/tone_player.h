@@ -18,6 +18,10 @@ struct PlayedSound {
     // CLOCK_MONOTONIC seconds at which its first sample was played into the
     // capture sink (0 when the stream could not say).
     double startHostSec = 0;
+    // False when the stream fell behind while the sound played and went on
+    // past a gap: the sound reached the sink in pieces, and where it was
+    // heard says nothing about where it began.
+    bool whole = true;
 };
 
 class TonePlayer {

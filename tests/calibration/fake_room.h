@@ -9,6 +9,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "calibration/calibration_host.h"
@@ -86,6 +87,9 @@ class FakeTones : public ToneOutput {
     bool available = true;
     bool answers = true;  // false: a server that never answers the opening
     double playerLatencySec = 0.025;
+    // The next sound goes in with a gap this long halfway through, as a
+    // stream that fell behind the sink leaves one.
+    double gapSec = 0;
     std::vector<Emission> emitted;
     std::function<void(const Emission&)> onEmit;
 
@@ -108,12 +112,24 @@ class FakeTones : public ToneOutput {
                   std::function<void(PlayedSound)> completion) override {
             for (auto& s : samples) s *= gain;
             const double start = owner.main_.now() + owner.playerLatencySec;
-            const double length = double(samples.size()) / rate;
-            owner.emitted.push_back({start, rate, std::move(samples)});
+            const double gap = std::exchange(owner.gapSec, 0.0);
+            const double length = double(samples.size()) / rate + gap;
+            if (gap > 0) {
+                const auto half = samples.begin() + long(samples.size() / 2);
+                std::vector<float> rest(half, samples.end());
+                samples.erase(half, samples.end());
+                const double restAt = start + double(samples.size()) / rate + gap;
+                owner.emitted.push_back({start, rate, std::move(samples)});
+                owner.emitted.push_back({restAt, rate, std::move(rest)});
+            } else {
+                owner.emitted.push_back({start, rate, std::move(samples)});
+            }
             if (owner.onEmit) owner.onEmit(owner.emitted.back());
             pending.push_back(owner.main_.postAfter(
                 owner.playerLatencySec + length,
-                [start, completion = std::move(completion)] { completion({start}); }));
+                [start, whole = gap == 0, completion = std::move(completion)] {
+                    completion({start, whole});
+                }));
         }
         void stop() override { pending.clear(); }
     };

@@ -64,10 +64,6 @@ void PulseMicCapture::onBlock(void* self, const float* frames, uint32_t count, d
 // The stream's thread: no allocation, no locks, no logging.
 void PulseMicCapture::append(const float* frames, uint32_t count, double hostSec,
                              double streamFrame) {
-    if (anchorHostSec_ <= 0 && hostSec > 0) {
-        anchorHostSec_ = hostSec;
-        anchorFrame_ = streamFrame;
-    }
     float peak = 0.0f;
     if (frames) {
         for (uint32_t i = 0; i < count; ++i)
@@ -84,12 +80,11 @@ void PulseMicCapture::append(const float* frames, uint32_t count, double hostSec
         frames_ = 0;
         windowFrame_ = streamFrame;
     }
-    // Every window is placed by the stream's frames from one reading of its
-    // clock, the first it had: a young stream's clock may still be a cycle
-    // or so off, and moves when it finds out, but what it was off by is then
-    // the same in every window and drops out of their difference.
-    if (anchorHostSec_ > 0)
-        firstHostSec_.store(anchorHostSec_ + (windowFrame_ - anchorFrame_) / rate_,
+    // The window's start by the clock as it stands now, the latest reading:
+    // a young stream's clock moves by up to a millisecond as its snapshots
+    // come in.
+    if (hostSec > 0)
+        firstHostSec_.store(hostSec - (streamFrame - windowFrame_) / rate_,
                             std::memory_order_relaxed);
     const uint32_t room = static_cast<uint32_t>(buffer_.size()) - frames_;
     const uint32_t n = std::min(count, room);

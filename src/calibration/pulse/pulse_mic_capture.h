@@ -53,8 +53,6 @@ class PulseMicCapture final : public MicCapture {
     uint64_t generation_ = 0;
     uint32_t frames_ = 0;
     double windowFrame_ = 0;  // the stream's frame that is the window's first
-    double anchorFrame_ = 0;  // the stream's frame whose host time was first known
-    double anchorHostSec_ = 0;
     // Host time of the window's first frame.
     std::atomic<double> firstHostSec_{0};
     std::unique_ptr<platform::Stream> stream_;

@@ -70,7 +70,7 @@ void PulseTonePlayer::poll() {
         Slot& slot = slots_[nextDone_ % kSlots];
         if (slot.state.load(std::memory_order_acquire) != played || slot.endHostSec > now) return;
         auto completion = std::move(slot.completion);
-        const PlayedSound sound{slot.startHostSec};
+        const PlayedSound sound{slot.startHostSec, slot.whole};
         slot.samples = {};
         slot.completion = nullptr;
         slot.state.store(freeSlot, std::memory_order_release);
@@ -88,22 +88,18 @@ bool PulseTonePlayer::onBlock(void* self, float* frames, uint32_t count, double 
 // The stream's thread: no allocation, no locks, no logging.
 void PulseTonePlayer::fill(float* frames, uint32_t count, double presentSec, double streamFrame) {
     std::fill(frames, frames + 2 * static_cast<size_t>(count), 0.0f);
-    // Every sound is placed by the stream's frames from one reading of its
-    // clock, the first it had: what a young clock is off by is then the same
-    // for every sound, and drops out of a difference between two of them.
-    if (anchorHostSec_ <= 0 && presentSec > 0) {
-        anchorHostSec_ = presentSec;
-        anchorFrame_ = streamFrame;
-    }
-    auto hostOf = [&](uint32_t at) {
-        return anchorHostSec_ > 0 ? anchorHostSec_ + (streamFrame + at - anchorFrame_) / rate_
-                                  : 0.0;
-    };
+    // The stream skips ahead when it has fallen behind the sink; a sound
+    // that was playing then goes on after a gap.
+    const bool gap = nextFrame_ >= 0 && streamFrame != nextFrame_;
+    nextFrame_ = streamFrame + count;
     uint32_t at = 0;
     while (at < count) {
         Slot& slot = slots_[playing_ % kSlots];
         if (slot.state.load(std::memory_order_acquire) != queued) return;
-        if (playedFrames_ == 0) slot.startHostSec = hostOf(at);
+        if (playedFrames_ == 0)
+            slot.whole = true;
+        else if (gap && at == 0)
+            slot.whole = false;
         const size_t n = std::min<size_t>(count - at, slot.samples.size() - playedFrames_);
         for (size_t i = 0; i < n; ++i) {
             const float v = slot.samples[playedFrames_ + i];
@@ -113,7 +109,13 @@ void PulseTonePlayer::fill(float* frames, uint32_t count, double presentSec, dou
         at += static_cast<uint32_t>(n);
         playedFrames_ += n;
         if (playedFrames_ == slot.samples.size()) {
-            slot.endHostSec = hostOf(at);
+            // Placed by the clock as it stands at the sound's end rather than
+            // its start: a young clock moves by up to a millisecond as its
+            // snapshots come in, and the later reading is the truer.
+            const double end = presentSec > 0 ? presentSec + at / rate_ : 0.0;
+            slot.endHostSec = end;
+            slot.startHostSec =
+                end > 0 ? end - static_cast<double>(slot.samples.size()) / rate_ : 0;
             slot.state.store(played, std::memory_order_release);
             ++playing_;
             playedFrames_ = 0;

@@ -43,6 +43,7 @@ class PulseTonePlayer final : public TonePlayer {
         std::atomic<int> state{freeSlot};
         double startHostSec = 0;  // written by the stream's thread before `played`
         double endHostSec = 0;
+        bool whole = true;
     };
     static constexpr size_t kSlots = 16;
     // How often the main queue looks for sounds that have been played.
@@ -62,8 +63,7 @@ class PulseTonePlayer final : public TonePlayer {
     size_t nextDone_ = 0;      // main thread: the slot whose completion is due next
     size_t playing_ = 0;       // stream thread: the slot being played
     size_t playedFrames_ = 0;  // stream thread: how much of it
-    double anchorFrame_ = 0;   // stream thread: the frame whose host time was first known
-    double anchorHostSec_ = 0;
+    double nextFrame_ = -1;    // stream thread: where the stream goes on without a gap
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     std::unique_ptr<dispatch::TimerHandle> poll_;
     std::unique_ptr<platform::Stream> stream_;
