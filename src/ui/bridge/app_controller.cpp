@@ -179,6 +179,10 @@ void AppController::toggleMuted(int slot) {
     act([&] { model_.toggleMuted(slot); });
 }
 
+void AppController::dismissMeasureHint(int slot) {
+    act([&] { model_.dismissMeasureHint(slot); });
+}
+
 void AppController::toggleSolo(int slot) {
     act([&] { model_.toggleSolo(slot); });
 }

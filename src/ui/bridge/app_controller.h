@@ -126,6 +126,7 @@ class AppController : public QObject {
     Q_INVOKABLE void rename(int slot, const QString& name);
     Q_INVOKABLE void toggleDisabled(int slot);
     Q_INVOKABLE void toggleMuted(int slot);
+    Q_INVOKABLE void dismissMeasureHint(int slot);
     Q_INVOKABLE void toggleSolo(int slot);
     Q_INVOKABLE void reconnect(int slot);
     Q_INVOKABLE void setDelay(int slot, double ms);

@@ -48,6 +48,8 @@ QVariant RowListModel::data(const QModelIndex& index, int role) const {
             return e.eqOn;
         case CanCalibrateRole:
             return e.canCalibrate;
+        case MeasureHintRole:
+            return e.measureHint;
         default:
             return {};
     }
@@ -71,7 +73,8 @@ QHash<int, QByteArray> RowListModel::roleNames() const {
             {CanEnterPasswordRole, "canEnterPassword"},
             {CanPairRole, "canPair"},
             {EqOnRole, "eqOn"},
-            {CanCalibrateRole, "canCalibrate"}};
+            {CanCalibrateRole, "canCalibrate"},
+            {MeasureHintRole, "measureHint"}};
 }
 
 void RowListModel::sync(model::AppModel& model, const std::map<int, double>& levels) {
@@ -98,6 +101,9 @@ void RowListModel::sync(model::AppModel& model, const std::map<int, double>& lev
         e.canPair = model.canPair(shown.slot);
         e.eqOn = row.eq.enabled && !row.eq.isFlat();
         e.canCalibrate = model.canCalibrate(shown.slot);
+        // Offered once the row has played a while, so it is not the first
+        // thing a new speaker shows.
+        e.measureHint = row.measureHintDue && model.showsMeasureHint(shown.slot);
         next.push_back(std::move(e));
     }
     setEntries(std::move(next));

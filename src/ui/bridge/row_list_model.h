@@ -37,6 +37,7 @@ class RowListModel : public EntryListModel {
         CanPairRole,
         EqOnRole,
         CanCalibrateRole,
+        MeasureHintRole,
     };
 
     struct Entry {
@@ -49,6 +50,7 @@ class RowListModel : public EntryListModel {
         bool guest = false, canReconnect = false, canEnterPassword = false, canPair = false,
              eqOn = false;
         bool canCalibrate = false;
+        bool measureHint = false;
         bool operator==(const Entry&) const = default;
     };
 

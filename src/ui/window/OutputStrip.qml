@@ -25,6 +25,7 @@ FocusScope {
     required property bool canReconnect
     required property bool canEnterPassword
     required property bool canCalibrate
+    required property bool measureHint
     required property bool canPair
     required property bool eqOn
     property bool first: false
@@ -187,6 +188,35 @@ FocusScope {
                     elide: Text.ElideRight
                     font.pixelSize: Theme.smallSize
                     color: Theme.textMuted
+                }
+                // Bluetooth speakers are late by more than they say, and by
+                // an amount only a measurement finds.
+                RowLayout {
+                    objectName: "row." + strip.slot + ".measureHint"
+                    visible: strip.measureHint
+                    Layout.fillWidth: true
+                    spacing: 6
+                    Label {
+                        textFormat: Text.PlainText
+                        Layout.fillWidth: true
+                        text: qsTr("Bluetooth plays late. Measure it to keep it in time.")
+                        elide: Text.ElideRight
+                        font.pixelSize: Theme.smallSize
+                        color: Theme.text
+                    }
+                    ToolButton {
+                        objectName: "row." + strip.slot + ".measureHint.measure"
+                        text: qsTr("Measure delay…")
+                        font.pixelSize: Theme.smallSize
+                        onClicked: strip.measureRequested(strip.slot)
+                    }
+                    ToolButton {
+                        objectName: "row." + strip.slot + ".measureHint.dismiss"
+                        text: "\u2715"
+                        font.pixelSize: Theme.smallSize
+                        Accessible.name: qsTr("Dismiss the hint to measure %1").arg(strip.name)
+                        onClicked: App.dismissMeasureHint(strip.slot)
+                    }
                 }
             }
 
