@@ -243,8 +243,20 @@ await_room_line() {
 # Records the monitors of the named sinks and, for the name "mic", the
 # microphone, for ROOM_TRUTH_SECONDS, all from one process, and runs the
 # syncmeter on them with the given checks; its report goes to $work/NAME.out.
+# A recording with a gap in it (the server stalled while it was made, and the
+# recordings no longer line up by a cycle or more), or one the syncmeter
+# could not read, is made again, three times at most.
 #   room_measure NAME CHECK... -- SINK...
 room_measure() {
+    local attempt
+    for attempt in 1 2 3; do
+        room_record_once "$@" && grep -q '^dropouts: none' "$work/$1.out" && return 0
+        cp "$work/$1.out" "$work/$1.$attempt.gaps"
+    done
+    return 1
+}
+
+room_record_once() {
     local out=$1 checks=() sinks=() s k status=0
     shift
     while [[ $# -gt 0 && $1 != -- ]]; do checks+=("$1"); shift; done
@@ -313,13 +325,15 @@ room_truth() {
     # stream starts or stops in a speaker sink while it is measured.
     room_say noise || return 1
     for s in "${speakers[@]}"; do checks+=(--arrival "$s->mic"); done
+    local measured=
     for attempt in 1 2 3; do
         room_measure room-truth "${checks[@]}" -- "${speakers[@]}" mic || continue
         awk -v min=$ROOM_TRUTH_MIN_STRENGTH '/^arrival / { n++; if ($(NF-3) + 0 >= min) good++ }
-            END { exit !(n > 0 && good == n) }' "$work/room-truth.out" && break
+            END { exit !(n > 0 && good == n) }' "$work/room-truth.out" && { measured=1; break; }
         cp "$work/room-truth.out" "$work/room-truth.$attempt.smeared"
     done
     room_say quiet || return 1
+    [[ -n $measured ]] || return 1
     for s in "${speakers[@]}"; do
         ROOM_ARRIVAL[$s]=$(sed -n "s/^arrival $s->mic: \([-0-9.]*\) ms.*/\1/p" "$work/room-truth.out")
         [[ -n ${ROOM_ARRIVAL[$s]} ]] || return 1
