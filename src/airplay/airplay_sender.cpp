@@ -236,8 +236,10 @@ void AirPlaySender::start() {
         std::lock_guard<std::mutex> hold(lock_);
         state_.running = true;
     }
-    reader_ = std::thread([this] { readOutputs(); });
+    // Said before the reader starts: a refusal it reads at once is posted
+    // after this, so it is not overwritten by "connecting".
     report({AirPlayStatus::Kind::connecting, {}});
+    reader_ = std::thread([this] { readOutputs(); });
 }
 
 // Both output streams, line by line, until the tool has closed them; then its
