@@ -209,7 +209,8 @@ void RtpStreamer::readInput(StreamStart start) {
         std::optional<int64_t> placed;
         {
             std::lock_guard lock(mutex_);
-            if (!(paused_ && !plan_)) {
+            // Paused before anything was placed, input waits for PLAY.
+            if (plan_ || !paused_) {
                 if (!plan_) beginTimeLine(start, arrivalNs);
                 if (epoch_ != epoch) {
                     assembler.clear();

@@ -10,13 +10,15 @@
 #include <cstdint>
 #include <optional>
 
+#include "airplay_tool/alac_frame.h"
 #include "airplay_tool/stream_timeline.h"
 
 namespace vt::airplay_tool {
 
 class SendPlan {
   public:
-    static constexpr int64_t kFramesPerSlot = 352;
+    // A slot is one packet of audio.
+    static constexpr int64_t kFramesPerSlot = static_cast<int64_t>(kFramesPerPacket);
     // The app's pump starts afresh rather than catching up once it is this far
     // behind; audio later than this was written after such a stall.
     static constexpr int64_t kLateInputNs = 500'000'000;

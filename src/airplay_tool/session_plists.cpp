@@ -5,13 +5,14 @@
 #include <limits>
 #include <memory>
 
+#include "airplay_tool/alac_frame.h"
+#include "airplay_tool/stream_timeline.h"
+
 namespace vt::airplay_tool {
 
 namespace {
 
 constexpr std::string_view kBinaryPlistMagic = "bplist00";
-constexpr uint64_t kFramesPerPacket = 352;
-constexpr uint64_t kSampleRate = 44100;
 constexpr uint64_t kMaxPort = 65535;
 
 struct PlistFree {
@@ -121,7 +122,7 @@ std::string buildStreamSetup(const StreamSetup& setup) {
     set(stream, "ct", plist_new_uint(kCompressionAlac));
     set(stream, "audioFormat", plist_new_uint(kAlacFormat44100x16x2));
     set(stream, "spf", plist_new_uint(kFramesPerPacket));
-    set(stream, "sr", plist_new_uint(kSampleRate));
+    set(stream, "sr", plist_new_uint(kRaopSampleRate));
     set(stream, "shk",
         plist_new_data(reinterpret_cast<const char*>(setup.streamKey.data()),
                        setup.streamKey.size()));
